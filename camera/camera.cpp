@@ -1,0 +1,269 @@
+#include "camera/camera.h"
+
+#include <algorithm>
+
+#include "camera/register_layout.h"
+
+namespace ornixcam {
+namespace {
+
+constexpr uint8_t kVendorType = 0x40;
+constexpr uint8_t kTypeMask = 0x60;
+constexpr uint8_t kRecipientMask = 0x1F;
+
+}  // namespace
+
+Camera::Camera(Profile profile)
+    : profile_(std::move(profile)),
+      standard_(profile_),
+      registers_(BuildRegisterLayout(profile_.FormatBankCount(), profile_.registerAccess),
+                 profile_.registers),
+      fpga_(profile_.PowerUpValue(reg::kFpgaMode)),
+      shortReads_(profile_.quirks.shortReads) {
+    InstallRegisterBehaviour();
+}
+
+void Camera::InstallRegisterBehaviour() {
+    // A profile may have removed any of these registers.
+    const auto onWrite = [this](uint16_t index, WriteHook hook) {
+        if (registers_.Contains(index)) registers_.SetWriteHook(index, std::move(hook));
+    };
+    const auto onRead = [this](uint16_t index, ReadHook hook) {
+        if (registers_.Contains(index)) registers_.SetReadHook(index, std::move(hook));
+    };
+
+    onWrite(reg::kReset, [this](const RegisterWrite& w) { return OnReset(w); });
+    onWrite(reg::kFpgaMode, [this](const RegisterWrite& w) { return fpga_.OnWrite(w); });
+    onRead(reg::kFpgaMode, [this](uint16_t, uint32_t) { return fpga_.Status(); });
+    onWrite(reg::kEventEnable, [this](const RegisterWrite& w) {
+        // Only events the camera announces can be enabled.
+        const uint32_t supported = registers_.Contains(reg::kInterruptEventSupport)
+                                       ? registers_.Peek(reg::kInterruptEventSupport)
+                                       : 0;
+        enabledEvents_ |= w.value & supported;
+        return WriteOutcome::Store;
+    });
+    onWrite(reg::kEventDisable, [this](const RegisterWrite& w) {
+        enabledEvents_ &= ~w.value;
+        return WriteOutcome::Store;
+    });
+    onWrite(reg::kMessageHeader, [this](const RegisterWrite& w) {
+        if (messages_.Begin(w.value) && onMessage_) onMessage_(*messages_.Last());
+        return WriteOutcome::Store;
+    });
+    for (uint32_t index = reg::kMessageDataFirst; index <= reg::kMessageDataLast; index += 4) {
+        onWrite(static_cast<uint16_t>(index),
+                [this](const RegisterWrite& w) { return OnMessageData(w); });
+    }
+}
+
+WriteOutcome Camera::OnReset(const RegisterWrite& write) {
+    if (write.value == reg::kResetMagic) {
+        registers_.ResetSettings();
+        messages_.Reset();
+        enabledEvents_ = 0;
+    }
+    return WriteOutcome::Discard;
+}
+
+WriteOutcome Camera::OnMessageData(const RegisterWrite& write) {
+    uint8_t bytes[4];
+    for (unsigned n = 0; n < write.byteCount; ++n) {
+        bytes[n] = write.Byte(write.firstByte + n);
+    }
+    const size_t offset = write.index - reg::kMessageDataFirst + write.firstByte;
+    bool completed = false;
+    if (!messages_.Append(offset, std::span(bytes, write.byteCount), completed)) {
+        return WriteOutcome::Stall;
+    }
+    if (completed && onMessage_) {
+        onMessage_(*messages_.Last());
+    }
+    return WriteOutcome::Discard;
+}
+
+Camera::Result Camera::Control(const usbsim::SetupPacket& setup, std::span<uint8_t> data) {
+    Result result;
+    {
+        std::lock_guard lock(mutex_);
+        if (StandardRequests::IsStandard(setup)) {
+            result = standard_.Handle(setup, data);
+        } else if ((setup.bmRequestType & kTypeMask) == kVendorType) {
+            result = VendorRequest(setup, data);
+        } else {
+            result = Result::Stall();  // the camera has no class requests
+        }
+    }
+    log_.RecordControl(setup, data, result);
+    return result;
+}
+
+Camera::Result Camera::VendorRequest(const usbsim::SetupPacket& setup, std::span<uint8_t> data) {
+    if ((setup.bmRequestType & kRecipientMask) != 0) {
+        return Result::Stall();
+    }
+    switch (setup.bRequest) {
+        case vendor_request::kRegisterAccess:
+            if (setup.wValue != 0) {
+                return Result::Stall();
+            }
+            return setup.DeviceToHost() ? ReadRegisters(setup.wIndex, data)
+                                        : WriteRegisters(setup.wIndex, data);
+        case vendor_request::kPassThrough:
+            return passThrough_ ? passThrough_(setup, data) : Result::Stall();
+        default:
+            return Result::Stall();
+    }
+}
+
+Camera::Result Camera::ReadRegisters(uint16_t firstByte, std::span<uint8_t> data) {
+    size_t answered = data.size();
+    if (auto it = shortReads_.find(firstByte); it != shortReads_.end()) {
+        answered = std::min<size_t>(answered, it->second);
+    }
+    // Only the bytes answered are read, so reads with side effects happen as
+    // often as the host actually sees them.
+    if (!registers_.Read(firstByte, data.first(answered))) {
+        return Result::Stall();
+    }
+    return Result::Ack(static_cast<uint32_t>(answered));
+}
+
+Camera::Result Camera::WriteRegisters(uint16_t firstByte, std::span<const uint8_t> data) {
+    if (!registers_.Write(firstByte, data)) {
+        return Result::Stall();
+    }
+    return Result::Ack(static_cast<uint32_t>(data.size()));
+}
+
+Camera::Result Camera::Transfer(uint8_t endpointAddress, std::span<uint8_t> data) {
+    Result result;
+    {
+        std::lock_guard lock(mutex_);
+        result = EndpointTransfer(endpointAddress, data);
+    }
+    log_.RecordTransfer(endpointAddress, data, result);
+    return result;
+}
+
+Camera::Result Camera::EndpointTransfer(uint8_t address, std::span<uint8_t> data) {
+    const EndpointProfile* endpoint = standard_.ActiveEndpoint(address);
+    if (endpoint == nullptr || standard_.Halted(address)) {
+        return Result::Stall();
+    }
+    Result result;
+    if (auto it = endpointHandlers_.find(address); it != endpointHandlers_.end()) {
+        result = it->second(data);
+    } else {
+        result = endpoint->IsIn() ? Result::Nak()
+                                  : Result::Ack(static_cast<uint32_t>(data.size()));
+    }
+    if (!endpoint->IsIn() && result.handshake == usbsim::Handshake::Ack) {
+        bytesReceived_[address] += result.actual;
+        fpga_.OnImageBytes(result.actual);
+    }
+    return result;
+}
+
+void Camera::SetReadyCallback(std::function<void(uint8_t)> ready) {
+    std::lock_guard lock(mutex_);
+    ready_ = std::move(ready);
+}
+
+void Camera::SignalReady(uint8_t endpointAddress) {
+    std::function<void(uint8_t)> ready;
+    {
+        std::lock_guard lock(mutex_);
+        ready = ready_;
+    }
+    // Outside the lock: the stack may retry the transfer from inside the callback.
+    if (ready) {
+        ready(endpointAddress);
+    }
+}
+
+uint32_t Camera::PeekRegister(uint16_t index) const {
+    std::lock_guard lock(mutex_);
+    return registers_.Peek(index);
+}
+
+void Camera::PokeRegister(uint16_t index, uint32_t value) {
+    std::lock_guard lock(mutex_);
+    registers_.Poke(index, value);
+}
+
+std::optional<Message> Camera::LastMessage() const {
+    std::lock_guard lock(mutex_);
+    return messages_.Last();
+}
+
+uint8_t Camera::Configuration() const {
+    std::lock_guard lock(mutex_);
+    return standard_.Configuration();
+}
+
+uint8_t Camera::AlternateSetting() const {
+    std::lock_guard lock(mutex_);
+    return standard_.AlternateSetting();
+}
+
+bool Camera::EndpointHalted(uint8_t address) const {
+    std::lock_guard lock(mutex_);
+    return standard_.Halted(address);
+}
+
+uint64_t Camera::BytesReceived(uint8_t endpointAddress) const {
+    std::lock_guard lock(mutex_);
+    auto it = bytesReceived_.find(endpointAddress);
+    return it == bytesReceived_.end() ? 0 : it->second;
+}
+
+bool Camera::FpgaProgramMode() const {
+    std::lock_guard lock(mutex_);
+    return fpga_.ProgramMode();
+}
+
+uint32_t Camera::EnabledEvents() const {
+    std::lock_guard lock(mutex_);
+    return enabledEvents_;
+}
+
+void Camera::SetShortRead(uint16_t index, std::optional<uint16_t> bytes) {
+    std::lock_guard lock(mutex_);
+    if (bytes) {
+        shortReads_[index] = *bytes;
+    } else {
+        shortReads_.erase(index);
+    }
+}
+
+void Camera::SetReadHook(uint16_t index, ReadHook hook) {
+    std::lock_guard lock(mutex_);
+    registers_.SetReadHook(index, std::move(hook));
+}
+
+void Camera::SetWriteHook(uint16_t index, WriteHook hook) {
+    std::lock_guard lock(mutex_);
+    registers_.SetWriteHook(index, std::move(hook));
+}
+
+void Camera::SetPassThroughHandler(PassThroughHandler handler) {
+    std::lock_guard lock(mutex_);
+    passThrough_ = std::move(handler);
+}
+
+void Camera::SetMessageHandler(MessageHandler handler) {
+    std::lock_guard lock(mutex_);
+    onMessage_ = std::move(handler);
+}
+
+void Camera::SetEndpointHandler(uint8_t address, EndpointHandler handler) {
+    std::lock_guard lock(mutex_);
+    if (handler) {
+        endpointHandlers_[address] = std::move(handler);
+    } else {
+        endpointHandlers_.erase(address);
+    }
+}
+
+}  // namespace ornixcam

@@ -1,0 +1,105 @@
+// The simulated Ornix camera as the USB stack sees it.
+//
+// Thread-safe: the host-controller threads call Control and Transfer at the
+// same time, and tests inspect the camera while the driver runs. Hooks and
+// handlers run with the camera locked and must not call back into it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "camera/fpga_mode.h"
+#include "camera/message_assembler.h"
+#include "camera/profile.h"
+#include "camera/register_file.h"
+#include "camera/request_log.h"
+#include "camera/standard_requests.h"
+#include "platform/usb/usb_device.h"
+
+namespace ornixcam {
+
+// Vendor request codes on endpoint 0.
+namespace vendor_request {
+inline constexpr uint8_t kRegisterAccess = 0x12;
+inline constexpr uint8_t kPassThrough = 0x13;
+}  // namespace vendor_request
+
+class Camera final : public usbsim::UsbDevice {
+public:
+    using Result = usbsim::TransferResult;
+    using PassThroughHandler =
+        std::function<Result(const usbsim::SetupPacket& setup, std::span<uint8_t> data)>;
+    using MessageHandler = std::function<void(const Message& message)>;
+    using EndpointHandler = std::function<Result(std::span<uint8_t> data)>;
+
+    explicit Camera(Profile profile = DefaultProfile());
+
+    // usbsim::UsbDevice
+    Result Control(const usbsim::SetupPacket& setup, std::span<uint8_t> data) override;
+    Result Transfer(uint8_t endpointAddress, std::span<uint8_t> data) override;
+    void SetReadyCallback(std::function<void(uint8_t endpointAddress)> ready) override;
+    usbsim::BusSpeed Speed() const override { return profile_.device.speed; }
+
+    const Profile& GetProfile() const { return profile_; }
+
+    // Observation, for tests.
+    std::vector<LoggedRequest> Requests() const { return log_.Entries(); }
+    void ClearRequests() { log_.Clear(); }
+    uint32_t PeekRegister(uint16_t index) const;  // throws std::out_of_range if unknown
+    void PokeRegister(uint16_t index, uint32_t value);
+    std::optional<Message> LastMessage() const;
+    uint8_t Configuration() const;
+    uint8_t AlternateSetting() const;
+    bool EndpointHalted(uint8_t address) const;
+    uint64_t BytesReceived(uint8_t endpointAddress) const;  // OUT endpoints
+    bool FpgaProgramMode() const;
+    uint32_t EnabledEvents() const;
+
+    // Misbehaviour: reads starting at `index` return at most `bytes` bytes;
+    // nullopt answers in full again.
+    void SetShortRead(uint16_t index, std::optional<uint16_t> bytes);
+
+    // Hooks for the device models built on top of the camera. Each replaces
+    // what was there before, built-in register behaviour included.
+    void SetReadHook(uint16_t index, ReadHook hook);
+    void SetWriteHook(uint16_t index, WriteHook hook);
+    void SetPassThroughHandler(PassThroughHandler handler);  // default: stall
+    void SetMessageHandler(MessageHandler handler);          // called on each complete message
+    void SetEndpointHandler(uint8_t address, EndpointHandler handler);  // default: IN naks
+
+    // Tells the stack an endpoint that answered Nak may have data now (0: all).
+    // Call it without holding anything the stack's threads might wait for.
+    void SignalReady(uint8_t endpointAddress);
+
+private:
+    Result VendorRequest(const usbsim::SetupPacket& setup, std::span<uint8_t> data);
+    Result ReadRegisters(uint16_t firstByte, std::span<uint8_t> data);
+    Result WriteRegisters(uint16_t firstByte, std::span<const uint8_t> data);
+    Result EndpointTransfer(uint8_t address, std::span<uint8_t> data);
+    void InstallRegisterBehaviour();
+    WriteOutcome OnReset(const RegisterWrite& write);
+    WriteOutcome OnMessageData(const RegisterWrite& write);
+
+    const Profile profile_;
+    RequestLog log_;
+
+    mutable std::mutex mutex_;
+    StandardRequests standard_;
+    RegisterFile registers_;
+    MessageAssembler messages_;
+    FpgaMode fpga_;
+    uint32_t enabledEvents_ = 0;
+    std::map<uint16_t, uint16_t> shortReads_;
+    std::map<uint8_t, uint64_t> bytesReceived_;
+    std::map<uint8_t, EndpointHandler> endpointHandlers_;
+    PassThroughHandler passThrough_;
+    MessageHandler onMessage_;
+    std::function<void(uint8_t)> ready_;
+};
+
+}  // namespace ornixcam

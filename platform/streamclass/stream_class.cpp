@@ -1,0 +1,197 @@
+#include "streamclass/stream_class.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "kernel/kernel.h"
+#include "streamclass/adapter_directory.h"
+#include "streamclass/srb_registry.h"
+
+namespace winsim {
+namespace {
+
+// How long the class waits for a minidriver to complete an adapter SRB
+// before the verifier calls it lost: generous, in simulated time.
+constexpr int64_t kAdapterSrbPatience100ns = 120LL * 10'000'000;
+
+const char16_t kDriverName[] = u"\\Driver\\ornix";
+const char16_t kRegistryPath[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ornix";
+
+}  // namespace
+
+struct StreamClass::Impl {
+    PDRIVER_OBJECT driver = nullptr;
+    UNICODE_STRING registryPath{};
+    NTSTATUS entryStatus = STATUS_UNSUCCESSFUL;
+    HW_INITIALIZATION_DATA registration{};
+
+    PDEVICE_OBJECT pdo = nullptr;
+    PDEVICE_OBJECT realPdo = nullptr;
+    PDEVICE_OBJECT classDevice = nullptr;
+    void* extension = nullptr;  // the minidriver's device extension (class-owned memory)
+    bool started = false;
+    ULONG streamDescriptorSize = 0;
+
+    SrbRegistry srbs;
+    // Used only when the minidriver keeps the class's own serialisation.
+    std::mutex serialise;
+
+    SrbResult Send(SRB_COMMAND command, void* commandData, ULONG bytes, PIRP irp, bool isValue,
+                   ULONG value) {
+        if (extension == nullptr) {
+            throw std::logic_error("StreamClass: no adapter; call AddDevice first");
+        }
+        SrbRegistry::Entry& entry =
+            srbs.Create(command, extension, registration.PerRequestExtensionSize);
+        PHW_STREAM_REQUEST_BLOCK srb = &entry.srb;
+        if (isValue) {
+            srb->CommandData.DeviceState = static_cast<DEVICE_POWER_STATE>(value);
+        } else {
+            srb->CommandData.MethodInfo = commandData;
+        }
+        srb->NumberOfBytesToTransfer = bytes;
+        srb->Irp = irp;
+        srb->TimeoutOriginal = 15;
+        srb->TimeoutCounter = 15;
+
+        std::unique_lock<std::mutex> serial(serialise, std::defer_lock);
+        if (!registration.TurnOffSynchronization) {
+            serial.lock();
+        }
+        RunAtIrql(PASSIVE_LEVEL, [&] { registration.HwReceivePacket(srb); });
+
+        SrbResult result;
+        result.completed = srbs.WaitCompleted(entry, kAdapterSrbPatience100ns);
+        if (!result.completed) {
+            srbs.ReportOutstanding("adapter request not completed in time");
+        }
+        result.status = srb->Status;
+        result.actualBytesTransferred = srb->ActualBytesTransferred;
+        return result;
+    }
+};
+
+StreamClass::StreamClass(PDRIVER_INITIALIZE driverEntry) : impl_(std::make_unique<Impl>()) {
+    impl_->driver = CreateDriverObject(kDriverName);
+    impl_->registryPath.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(kRegistryPath));
+    impl_->registryPath.Length = static_cast<USHORT>((std::size(kRegistryPath) - 1) * sizeof(WCHAR));
+    impl_->registryPath.MaximumLength = static_cast<USHORT>(sizeof(kRegistryPath));
+    RunAtIrql(PASSIVE_LEVEL, [&] {
+        impl_->entryStatus = driverEntry(impl_->driver, &impl_->registryPath);
+    });
+    if (auto registration = FindRegistration(impl_->driver)) {
+        impl_->registration = *registration;
+    } else if (NT_SUCCESS(impl_->entryStatus)) {
+        // DriverEntry succeeded without registering: the class cannot use it.
+        impl_->entryStatus = STATUS_UNSUCCESSFUL;
+    }
+}
+
+StreamClass::~StreamClass() {
+    if (impl_->started) {
+        Stop();
+    }
+    impl_->srbs.ReportOutstanding("driver unload");
+    if (impl_->extension != nullptr) {
+        ForgetAdapter(impl_->extension);
+        std::free(impl_->extension);
+    }
+    if (impl_->classDevice != nullptr) {
+        DeleteDeviceObject(impl_->classDevice);
+    }
+    ForgetRegistration(impl_->driver);
+    DeleteDriverObject(impl_->driver);
+    // Unloading the minidriver: whatever it still holds in pool has leaked.
+    CheckPoolEmpty("driver unload");
+}
+
+NTSTATUS StreamClass::DriverEntryStatus() const { return impl_->entryStatus; }
+
+const HW_INITIALIZATION_DATA& StreamClass::Registration() const { return impl_->registration; }
+
+void StreamClass::AddDevice(PDEVICE_OBJECT pdo, PDEVICE_OBJECT realPdo) {
+    if (!NT_SUCCESS(impl_->entryStatus)) {
+        throw std::logic_error("StreamClass: the minidriver did not register");
+    }
+    if (impl_->extension != nullptr) {
+        throw std::logic_error("StreamClass: the adapter exists already");
+    }
+    impl_->pdo = pdo;
+    impl_->realPdo = realPdo;
+    const CCHAR stackSize = static_cast<CCHAR>((pdo != nullptr ? pdo->StackSize : 0) + 1);
+    impl_->classDevice = CreateDeviceObject(impl_->driver, 0, stackSize);
+    impl_->classDevice->Flags |= DO_DEVICE_INITIALIZING;
+    // Like the real class, the extension is class memory, not the minidriver's pool.
+    const size_t size = (impl_->registration.DeviceExtensionSize + 15) / 16 * 16;
+    impl_->extension = std::aligned_alloc(16, size);
+    std::memset(impl_->extension, 0, size);
+    impl_->classDevice->DeviceExtension = impl_->extension;
+    RememberAdapter(impl_->extension, &impl_->srbs);
+}
+
+NTSTATUS StreamClass::Start() {
+    PORT_CONFIGURATION_INFORMATION config{};
+    config.SizeOfThisPacket = sizeof(config);
+    config.HwDeviceExtension = impl_->extension;
+    config.ClassDeviceObject = impl_->classDevice;
+    config.PhysicalDeviceObject = impl_->pdo;
+    config.RealPhysicalDeviceObject = impl_->realPdo;
+    config.AdapterInterfaceType = InterfaceTypeUndefined;
+
+    const SrbResult init = impl_->Send(SRB_INITIALIZE_DEVICE, &config, 0, nullptr, false, 0);
+    if (!init.completed || !NT_SUCCESS(init.status)) {
+        return init.completed ? init.status : STATUS_UNSUCCESSFUL;
+    }
+    impl_->started = true;
+    impl_->streamDescriptorSize = config.StreamDescriptorSize;
+    impl_->Send(SRB_INITIALIZATION_COMPLETE, nullptr, 0, nullptr, false, 0);
+    return init.status;
+}
+
+NTSTATUS StreamClass::Stop() {
+    if (!impl_->started) {
+        return STATUS_SUCCESS;
+    }
+    impl_->started = false;
+    const SrbResult result = impl_->Send(SRB_UNINITIALIZE_DEVICE, nullptr, 0, nullptr, false, 0);
+    return result.status;
+}
+
+ULONG StreamClass::StreamDescriptorSize() const { return impl_->streamDescriptorSize; }
+
+SrbResult StreamClass::SendAdapterSrb(SRB_COMMAND command, void* commandData,
+                                      ULONG numberOfBytesToTransfer, PIRP irp) {
+    return impl_->Send(command, commandData, numberOfBytesToTransfer, irp, false, 0);
+}
+
+SrbResult StreamClass::SendAdapterSrbValue(SRB_COMMAND command, ULONG value) {
+    return impl_->Send(command, nullptr, 0, nullptr, true, value);
+}
+
+SrbResult StreamClass::SendUnknownDeviceCommand(UCHAR majorFunction, UCHAR minorFunction) {
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    if (irp == nullptr) {
+        throw std::runtime_error("StreamClass: no IRP for the device command");
+    }
+    // Make location 0 the current one, as if the IRP had been sent to us.
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction = majorFunction;
+    next->MinorFunction = minorFunction;
+    next->DeviceObject = impl_->classDevice;
+    IoSetNextIrpStackLocation(irp);
+    const SrbResult result = SendAdapterSrb(SRB_UNKNOWN_DEVICE_COMMAND, nullptr, 0, irp);
+    IoFreeIrp(irp);
+    return result;
+}
+
+PDEVICE_OBJECT StreamClass::ClassDeviceObject() const { return impl_->classDevice; }
+PVOID StreamClass::DeviceExtension() const { return impl_->extension; }
+PDRIVER_OBJECT StreamClass::DriverObject() const { return impl_->driver; }
+uint64_t StreamClass::SrbsSent() const { return impl_->srbs.Sent(); }
+uint64_t StreamClass::SrbsCompleted() const { return impl_->srbs.Completed(); }
+
+}  // namespace winsim

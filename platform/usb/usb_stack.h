@@ -1,0 +1,98 @@
+// The simulated USB stack: the physical device object to which a client
+// driver sends IRP_MJ_INTERNAL_DEVICE_CONTROL / IOCTL_INTERNAL_USB_SUBMIT_URB.
+//
+// Every URB is validated, answered with STATUS_PENDING and completed later on
+// one of the host-controller threads at DISPATCH_LEVEL, after the device model
+// has answered on the wire. Faults can be injected per request kind.
+#pragma once
+
+#include <usbioctl.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "usb/usb_device.h"
+
+namespace usbsim {
+
+// What the client asked for, as the fault rules and statistics see it.
+enum class RequestKind {
+    SelectConfiguration,
+    SelectInterface,
+    GetDescriptor,
+    VendorDevice,
+    ClearEndpointFeature,
+    ResetPipe,
+    AbortPipe,
+    BulkOrInterrupt,
+    Other,
+    Any,  // in a fault rule: any kind
+};
+const char* RequestKindName(RequestKind kind);
+
+enum class FaultAction {
+    FailWithStatus,          // complete with `usbdStatus` (NT status derived as the stack does)
+    ShortData,               // data stage cut to `shortLength` bytes, success
+    Stall,                   // the endpoint stalls (USBD_STATUS_STALL_PID)
+    NeverComplete,           // stays pending until cancelled or aborted
+    CompleteSynchronously,   // completed inside IoCallDriver, which returns the status
+};
+
+struct FaultRule {
+    RequestKind kind = RequestKind::Any;
+    uint32_t occurrence = 1;  // the n-th request of this kind from now; 0 = every one
+    FaultAction action = FaultAction::FailWithStatus;
+    USBD_STATUS usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING;
+    uint32_t shortLength = 0;
+};
+
+struct UsbStackOptions {
+    int hostControllerThreads = 2;  // at least 2: completions of one pipe may run in parallel
+    CCHAR pdoStackSize = 2;
+};
+
+struct RequestCounts {
+    uint64_t submitted = 0;
+    uint64_t completed = 0;
+    uint64_t cancelled = 0;
+    uint64_t failed = 0;
+};
+
+class UsbStack {
+public:
+    explicit UsbStack(UsbDevice& device, UsbStackOptions options = {});
+    ~UsbStack();  // completes whatever is pending as cancelled, joins the threads
+    UsbStack(const UsbStack&) = delete;
+    UsbStack& operator=(const UsbStack&) = delete;
+
+    // The device object the client sends its URBs to.
+    PDEVICE_OBJECT PhysicalDeviceObject() const;
+
+    void AddFault(const FaultRule& rule);
+    void ClearFaults();
+
+    // Surprise removal: pending requests complete with STATUS_DEVICE_REMOVED /
+    // USBD_STATUS_DEVICE_GONE, and so does everything submitted afterwards.
+    void Remove();
+    bool Removed() const;
+
+    // Writes every request and completion to a pcap file (usbmon, link type
+    // 220) until StopTrace or destruction.
+    void StartTrace(const std::filesystem::path& file);
+    void StopTrace();
+
+    RequestCounts Counts(RequestKind kind = RequestKind::Any) const;
+    uint64_t PendingRequests() const;
+
+    // Blocks until no request is queued or being served (requests that the
+    // device NAKs or that a NeverComplete fault holds do not count as busy).
+    void WaitIdle();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace usbsim

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Sets up a fresh Debian machine, builds every variant (normal, ASan+UBSan,
+# TSan, the fuzz targets and the Windows cross-builds) and runs every test.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+failed=()
+step() {
+    local name=$1
+    shift
+    echo "=== $name"
+    if ! "$@"; then
+        failed+=("$name")
+    fi
+}
+
+for preset in default asan tsan; do
+    step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
+    step "test $preset" ctest --preset "$preset"
+done
+
+if [[ -f fuzz/CMakeLists.txt ]]; then
+    step "build fuzz" bash -c "cmake --preset fuzz >/dev/null && cmake --build --preset fuzz"
+    step "run fuzz" scripts/run-fuzz.sh build/fuzz
+fi
+
+for preset in win-x64 win-x86; do
+    step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
+done
+
+if ((${#failed[@]} > 0)); then
+    echo "FAILED: ${failed[*]}"
+    exit 1
+fi
+echo "All builds and tests passed."
