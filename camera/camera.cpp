@@ -26,10 +26,14 @@ Camera::Camera(Profile profile)
 void Camera::InstallRegisterBehaviour() {
     // A profile may have removed any of these registers.
     const auto onWrite = [this](uint16_t index, WriteHook hook) {
-        if (registers_.Contains(index)) registers_.SetWriteHook(index, std::move(hook));
+        if (registers_.Contains(index)) {
+            registers_.SetWriteHook(index, std::move(hook));
+        }
     };
     const auto onRead = [this](uint16_t index, ReadHook hook) {
-        if (registers_.Contains(index)) registers_.SetReadHook(index, std::move(hook));
+        if (registers_.Contains(index)) {
+            registers_.SetReadHook(index, std::move(hook));
+        }
     };
 
     onWrite(reg::kReset, [this](const RegisterWrite& w) { return OnReset(w); });
@@ -48,13 +52,16 @@ void Camera::InstallRegisterBehaviour() {
         return WriteOutcome::Store;
     });
     onWrite(reg::kMessageHeader, [this](const RegisterWrite& w) {
-        if (messages_.Begin(w.value) && onMessage_) onMessage_(*messages_.Last());
+        messages_.Begin(w.value);
+        if (onMessage_) {
+            onMessage_(*messages_.Current());
+        }
         return WriteOutcome::Store;
     });
-    for (uint32_t index = reg::kMessageDataFirst; index <= reg::kMessageDataLast; index += 4) {
-        onWrite(static_cast<uint16_t>(index),
-                [this](const RegisterWrite& w) { return OnMessageData(w); });
-    }
+    registers_.SetWindowHandler(reg::kMessageDataFirst, reg::kMessageDataLast,
+                                [this](size_t offset, std::span<const uint8_t> bytes) {
+                                    return OnMessageData(offset, bytes);
+                                });
 }
 
 WriteOutcome Camera::OnReset(const RegisterWrite& write) {
@@ -66,20 +73,14 @@ WriteOutcome Camera::OnReset(const RegisterWrite& write) {
     return WriteOutcome::Discard;
 }
 
-WriteOutcome Camera::OnMessageData(const RegisterWrite& write) {
-    uint8_t bytes[4];
-    for (unsigned n = 0; n < write.byteCount; ++n) {
-        bytes[n] = write.Byte(write.firstByte + n);
+bool Camera::OnMessageData(size_t offset, std::span<const uint8_t> bytes) {
+    if (!messages_.Append(offset, bytes)) {
+        return false;
     }
-    const size_t offset = write.index - reg::kMessageDataFirst + write.firstByte;
-    bool completed = false;
-    if (!messages_.Append(offset, std::span(bytes, write.byteCount), completed)) {
-        return WriteOutcome::Stall;
+    if (onMessage_) {
+        onMessage_(*messages_.Current());
     }
-    if (completed && onMessage_) {
-        onMessage_(*messages_.Last());
-    }
-    return WriteOutcome::Discard;
+    return true;
 }
 
 Camera::Result Camera::Control(const usbsim::SetupPacket& setup, std::span<uint8_t> data) {
@@ -155,8 +156,7 @@ Camera::Result Camera::EndpointTransfer(uint8_t address, std::span<uint8_t> data
     if (auto it = endpointHandlers_.find(address); it != endpointHandlers_.end()) {
         result = it->second(data);
     } else {
-        result = endpoint->IsIn() ? Result::Nak()
-                                  : Result::Ack(static_cast<uint32_t>(data.size()));
+        result = endpoint->IsIn() ? Result::Nak() : Result::Ack(static_cast<uint32_t>(data.size()));
     }
     if (!endpoint->IsIn() && result.handshake == usbsim::Handshake::Ack) {
         bytesReceived_[address] += result.actual;
@@ -194,7 +194,7 @@ void Camera::PokeRegister(uint16_t index, uint32_t value) {
 
 std::optional<Message> Camera::LastMessage() const {
     std::lock_guard lock(mutex_);
-    return messages_.Last();
+    return messages_.Current();
 }
 
 uint8_t Camera::Configuration() const {

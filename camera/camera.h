@@ -30,7 +30,7 @@ inline constexpr uint8_t kPassThrough = 0x13;
 }  // namespace vendor_request
 
 class Camera final : public usbsim::UsbDevice {
-public:
+  public:
     using Result = usbsim::TransferResult;
     using PassThroughHandler =
         std::function<Result(const usbsim::SetupPacket& setup, std::span<uint8_t> data)>;
@@ -69,21 +69,21 @@ public:
     void SetReadHook(uint16_t index, ReadHook hook);
     void SetWriteHook(uint16_t index, WriteHook hook);
     void SetPassThroughHandler(PassThroughHandler handler);  // default: stall
-    void SetMessageHandler(MessageHandler handler);          // called on each complete message
+    void SetMessageHandler(MessageHandler handler);          // called after the header and each body piece
     void SetEndpointHandler(uint8_t address, EndpointHandler handler);  // default: IN naks
 
     // Tells the stack an endpoint that answered Nak may have data now (0: all).
     // Call it without holding anything the stack's threads might wait for.
     void SignalReady(uint8_t endpointAddress);
 
-private:
+  private:
     Result VendorRequest(const usbsim::SetupPacket& setup, std::span<uint8_t> data);
     Result ReadRegisters(uint16_t firstByte, std::span<uint8_t> data);
     Result WriteRegisters(uint16_t firstByte, std::span<const uint8_t> data);
     Result EndpointTransfer(uint8_t address, std::span<uint8_t> data);
     void InstallRegisterBehaviour();
     WriteOutcome OnReset(const RegisterWrite& write);
-    WriteOutcome OnMessageData(const RegisterWrite& write);
+    bool OnMessageData(size_t offset, std::span<const uint8_t> bytes);
 
     const Profile profile_;
     RequestLog log_;

@@ -72,7 +72,9 @@ constexpr std::string_view kDefaultProfileJson = R"json(
 
 }  // namespace
 
-std::string_view DefaultProfileJson() { return kDefaultProfileJson; }
+std::string_view DefaultProfileJson() {
+    return kDefaultProfileJson;
+}
 
 const Profile& DefaultProfile() {
     static const Profile profile = ProfileFromJson(kDefaultProfileJson, Profile{});

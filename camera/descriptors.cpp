@@ -4,7 +4,7 @@ namespace ornixcam {
 namespace {
 
 class ByteWriter {
-public:
+  public:
     explicit ByteWriter(std::vector<uint8_t>& out) : out_(out) {}
     ByteWriter& U8(uint8_t value) {
         out_.push_back(value);
@@ -16,7 +16,7 @@ public:
         return *this;
     }
 
-private:
+  private:
     std::vector<uint8_t>& out_;
 };
 
@@ -111,8 +111,8 @@ DescriptorSet BuildDescriptors(const Profile& profile) {
     if (profile.device.bcdUSB >= 0x0200) {
         set.deviceQualifier = DeviceQualifier(profile.device);
     }
-    set.strings[0] = StringDescriptor(
-        std::u16string(profile.languages.begin(), profile.languages.end()));
+    set.strings[0] =
+        StringDescriptor(std::u16string(profile.languages.begin(), profile.languages.end()));
     for (const auto& [index, text] : profile.strings) {
         set.strings[index] = StringDescriptor(text);
     }

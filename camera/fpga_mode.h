@@ -10,7 +10,7 @@
 namespace ornixcam {
 
 class FpgaMode {
-public:
+  public:
     explicit FpgaMode(uint32_t powerUpStatus) : status_(powerUpStatus) {}
 
     WriteOutcome OnWrite(const RegisterWrite& write);
@@ -20,7 +20,7 @@ public:
     // Image bytes that arrived on the download endpoint.
     void OnImageBytes(uint64_t count);
 
-private:
+  private:
     uint32_t status_;
     bool programMode_ = false;
     uint64_t imageBytes_ = 0;

@@ -40,9 +40,12 @@ std::optional<uint64_t> ParseDigits(std::string_view digits, int base) {
 }
 
 int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
     return -1;
 }
 
@@ -63,15 +66,14 @@ uint64_t Unsigned(const nlohmann::json& value, const std::string& path, uint64_t
         }
     }
     if (!parsed || *parsed > max) {
-        Fail(path, "expected an integer in " + RangeText(max) +
-                       " or a \"0x...\" hex string, got " + Shown(value));
+        Fail(path, "expected an integer in " + RangeText(max) + " or a \"0x...\" hex string, got " +
+                       Shown(value));
     }
     return *parsed;
 }
 
 uint64_t UnsignedKey(std::string_view key, const std::string& path, uint64_t max) {
-    const auto parsed =
-        HasHexPrefix(key) ? ParseDigits(key.substr(2), 16) : ParseDigits(key, 10);
+    const auto parsed = HasHexPrefix(key) ? ParseDigits(key.substr(2), 16) : ParseDigits(key, 10);
     if (!parsed || *parsed > max) {
         Fail(path, "expected a key in " + RangeText(max) + " written as \"0x...\" or decimal");
     }

@@ -2,8 +2,9 @@
 //
 // A message is a header written to the header register, then its body written
 // into the data window in order: body byte n lands at window offset n, usually
-// in 64-byte pieces at offsets 0x00, 0x40, ... The header's low 16 bits give the
-// body length; the message is complete when that many bytes have arrived.
+// in 64-byte pieces at offsets 0x00, 0x40, ... The header says nothing about
+// the body's length (a look-up table is sent with header 0), so the message is
+// simply what has arrived since the last header.
 #pragma once
 
 #include <cstdint>
@@ -21,28 +22,21 @@ struct Message {
 };
 
 class MessageAssembler {
-public:
-    static constexpr size_t BodyLength(uint32_t header) { return header & 0xFFFF; }
+  public:
+    // Starts a new message, replacing the previous one.
+    void Begin(uint32_t header);
 
-    // Starts a new message, dropping any unfinished one. True if this header
-    // alone completes a message (an empty body).
-    bool Begin(uint32_t header);
+    // Body bytes at `offset` in the window. Refused (false) without a header
+    // or when they do not follow on from the bytes already received.
+    bool Append(size_t offset, std::span<const uint8_t> bytes);
 
-    // Body bytes at `offset` in the window. Refused (false) without a message
-    // in progress, out of order, or past the announced length. Sets `completed`
-    // when these bytes finish the message.
-    bool Append(size_t offset, std::span<const uint8_t> bytes, bool& completed);
+    void Reset() { current_.reset(); }
 
-    void Reset() { pending_.reset(); }
+    // The message being received (header plus the body so far).
+    const std::optional<Message>& Current() const { return current_; }
 
-    const std::optional<Message>& Last() const { return last_; }
-    const std::optional<Message>& Pending() const { return pending_; }
-
-private:
-    bool CompleteIfFull();
-
-    std::optional<Message> pending_;
-    std::optional<Message> last_;
+  private:
+    std::optional<Message> current_;
 };
 
 }  // namespace ornixcam

@@ -18,7 +18,7 @@ namespace ornixcam {
 
 // A profile that cannot be used; the message names the offending field.
 class ProfileError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -95,8 +95,8 @@ struct Profile {
     std::vector<uint16_t> languages = {0x0409};  // string descriptor 0
     std::map<uint8_t, std::u16string> strings;   // index -> text
     ConfigurationProfile configuration;
-    std::map<uint16_t, uint32_t> registers;       // power-up values; absent means 0
-    std::map<uint16_t, Access> registerAccess;    // changes to the standard layout
+    std::map<uint16_t, uint32_t> registers;     // power-up values; absent means 0
+    std::map<uint16_t, Access> registerAccess;  // changes to the standard layout
     RawDescriptors rawDescriptors;
     Quirks quirks;
 

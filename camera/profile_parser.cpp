@@ -13,9 +13,9 @@
 namespace ornixcam {
 namespace {
 
-using nlohmann::json;
 using json_values::Fail;
 using json_values::Path;
+using nlohmann::json;
 
 // A string descriptor is at most 255 bytes: a 2-byte header and UTF-16 text.
 constexpr size_t kMaxStringUnits = (255 - 2) / 2;
@@ -30,8 +30,10 @@ void ReadNumber(const json& object, const char* key, const std::string& path, T&
 
 usbsim::BusSpeed ParseSpeed(const json& value, const std::string& path) {
     const std::string& text = json_values::Text(value, path);
-    if (text == "high") return usbsim::BusSpeed::High;
-    if (text == "full") return usbsim::BusSpeed::Full;
+    if (text == "high")
+        return usbsim::BusSpeed::High;
+    if (text == "full")
+        return usbsim::BusSpeed::Full;
     Fail(path, "expected \"high\" or \"full\", got \"" + text + "\"");
 }
 
@@ -55,9 +57,9 @@ void ParseDevice(const json& object, DeviceProfile& device) {
     if (auto it = object.find("speed"); it != object.end()) {
         device.speed = ParseSpeed(*it, Path(path, "speed"));
     }
-    switch (device.bMaxPacketSize0) {
-        case 8: case 16: case 32: case 64: break;
-        default: Fail("device.bMaxPacketSize0", "must be 8, 16, 32 or 64");
+    const uint8_t size0 = device.bMaxPacketSize0;
+    if (size0 != 8 && size0 != 16 && size0 != 32 && size0 != 64) {
+        Fail("device.bMaxPacketSize0", "must be 8, 16, 32 or 64");
     }
 }
 
@@ -95,9 +97,12 @@ void ParseStrings(const json& object, Profile& profile) {
 
 EndpointType ParseEndpointType(const json& value, const std::string& path) {
     const std::string& text = json_values::Text(value, path);
-    if (text == "bulk") return EndpointType::Bulk;
-    if (text == "interrupt") return EndpointType::Interrupt;
-    if (text == "isochronous") return EndpointType::Isochronous;
+    if (text == "bulk")
+        return EndpointType::Bulk;
+    if (text == "interrupt")
+        return EndpointType::Interrupt;
+    if (text == "isochronous")
+        return EndpointType::Isochronous;
     Fail(path, "expected \"bulk\", \"interrupt\" or \"isochronous\", got \"" + text + "\"");
 }
 
@@ -120,9 +125,9 @@ EndpointProfile ParseEndpoint(const json& object, const std::string& path) {
 }
 
 AlternateSettingProfile ParseAlternateSetting(const json& object, const std::string& path) {
-    json_values::RequireFields(object, path,
-                               {"bInterfaceClass", "bInterfaceSubClass", "bInterfaceProtocol",
-                                "iInterface", "endpoints"});
+    json_values::RequireFields(
+        object, path,
+        {"bInterfaceClass", "bInterfaceSubClass", "bInterfaceProtocol", "iInterface", "endpoints"});
     AlternateSettingProfile setting;
     ReadNumber(object, "bInterfaceClass", path, setting.bInterfaceClass);
     ReadNumber(object, "bInterfaceSubClass", path, setting.bInterfaceSubClass);
@@ -180,15 +185,18 @@ uint16_t RegisterKey(const std::string& key, const std::string& path) {
 
 Access ParseAccess(const json& value, const std::string& path) {
     const std::string& text = json_values::Text(value, path);
-    if (text == "read") return Access::Read;
-    if (text == "write") return Access::Write;
-    if (text == "readWrite") return Access::ReadWrite;
-    if (text == "none") return Access::None;
+    if (text == "read")
+        return Access::Read;
+    if (text == "write")
+        return Access::Write;
+    if (text == "readWrite")
+        return Access::ReadWrite;
+    if (text == "none")
+        return Access::None;
     Fail(path, "expected \"read\", \"write\", \"readWrite\" or \"none\", got \"" + text + "\"");
 }
 
-std::optional<std::vector<uint8_t>> ParseRawDescriptor(const json& value,
-                                                       const std::string& path) {
+std::optional<std::vector<uint8_t>> ParseRawDescriptor(const json& value, const std::string& path) {
     if (value.is_null()) {
         return std::nullopt;
     }
@@ -213,7 +221,8 @@ void ParseRegisters(const json& object, Profile& profile, Mentions& mentioned) {
     for (const auto& [key, value] : object.items()) {
         const std::string path = Path("registers", key);
         const uint16_t index = RegisterKey(key, path);
-        profile.registers[index] = static_cast<uint32_t>(json_values::Unsigned(value, path, 0xFFFFFFFF));
+        profile.registers[index] =
+            static_cast<uint32_t>(json_values::Unsigned(value, path, 0xFFFFFFFF));
         mentioned[index] = path;
     }
 }
@@ -233,7 +242,8 @@ void ParseQuirks(const json& object, Quirks& quirks, Mentions& mentioned) {
         for (const auto& [key, value] : it->items()) {
             const std::string path = Path("quirks.shortReads", key);
             const uint16_t index = RegisterKey(key, path);
-            quirks.shortReads[index] = static_cast<uint16_t>(json_values::Unsigned(value, path, 0xFFFF));
+            quirks.shortReads[index] =
+                static_cast<uint16_t>(json_values::Unsigned(value, path, 0xFFFF));
             mentioned[index] = path;
         }
     }
@@ -246,7 +256,8 @@ void CheckRegisters(Profile& profile, const Mentions& valueMentions,
     const RegisterLayout layout =
         BuildRegisterLayout(profile.FormatBankCount(), profile.registerAccess);
     std::erase_if(profile.registers, [&](const auto& entry) {
-        if (layout.contains(entry.first)) return false;
+        if (layout.contains(entry.first))
+            return false;
         if (auto it = valueMentions.find(entry.first); it != valueMentions.end()) {
             Fail(it->second, "the camera has no such register");
         }
@@ -254,7 +265,8 @@ void CheckRegisters(Profile& profile, const Mentions& valueMentions,
     });
     std::erase_if(profile.quirks.shortReads, [&](const auto& entry) {
         auto found = layout.find(entry.first);
-        if (found != layout.end() && AllowsRead(found->second)) return false;
+        if (found != layout.end() && AllowsRead(found->second))
+            return false;
         if (auto it = quirkMentions.find(entry.first); it != quirkMentions.end()) {
             Fail(it->second, "the camera has no readable register there");
         }
@@ -319,7 +331,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile) {
     return profile;
 }
 
-Profile ParseProfile(std::string_view json) { return ProfileFromJson(json, DefaultProfile()); }
+Profile ParseProfile(std::string_view json) {
+    return ProfileFromJson(json, DefaultProfile());
+}
 
 Profile LoadProfile(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);

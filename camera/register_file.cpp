@@ -10,7 +10,9 @@ namespace {
 
 constexpr uint32_t kIndexSpace = 0x10000;
 
-constexpr uint32_t RegisterOf(uint32_t byteIndex) { return byteIndex & ~3u; }
+constexpr uint32_t RegisterOf(uint32_t byteIndex) {
+    return byteIndex & ~3u;
+}
 
 }  // namespace
 
@@ -61,28 +63,58 @@ bool RegisterFile::Write(uint32_t firstByte, std::span<const uint8_t> in) {
     if (!Allows(firstByte, in.size(), AllowsWrite)) {
         return false;
     }
-    size_t done = 0;
-    for (uint32_t index = RegisterOf(firstByte); done < in.size(); index += 4) {
-        Slot& slot = slots_.at(static_cast<uint16_t>(index));
-        RegisterWrite write{.index = static_cast<uint16_t>(index),
-                            .value = slot.value,
-                            .previous = slot.value,
-                            .firstByte = static_cast<uint8_t>(std::max(index, firstByte) - index),
-                            .byteCount = 0};
-        for (uint32_t byte = index + write.firstByte; byte < index + 4 && done < in.size();
-             ++byte, ++write.byteCount) {
-            const uint32_t shift = 8 * (byte - index);
-            write.value = (write.value & ~(0xFFu << shift)) | (uint32_t{in[done++]} << shift);
-        }
-        const WriteOutcome outcome = slot.onWrite ? slot.onWrite(write) : WriteOutcome::Store;
-        if (outcome == WriteOutcome::Stall) {
+    for (size_t done = 0; done < in.size();) {
+        const uint32_t byte = firstByte + static_cast<uint32_t>(done);
+        size_t consumed = 0;
+        if (const Window* window = WindowAt(byte)) {
+            consumed = std::min<size_t>(in.size() - done, window->last + 4u - byte);
+            if (!window->handler(byte - window->first, in.subspan(done, consumed))) {
+                return false;
+            }
+        } else if (!WriteRegister(byte, in.subspan(done), consumed)) {
             return false;
         }
-        if (outcome == WriteOutcome::Store) {
-            slot.value = write.value;
-        }
+        done += consumed;
     }
     return true;
+}
+
+bool RegisterFile::WriteRegister(uint32_t byteIndex, std::span<const uint8_t> in,
+                                 size_t& consumed) {
+    const uint32_t index = RegisterOf(byteIndex);
+    Slot& slot = slots_.at(static_cast<uint16_t>(index));
+    RegisterWrite write{
+        .index = static_cast<uint16_t>(index),
+        .value = slot.value,
+        .previous = slot.value,
+        .firstByte = static_cast<uint8_t>(byteIndex - index),
+        .byteCount = static_cast<uint8_t>(std::min<size_t>(in.size(), 4 - (byteIndex - index)))};
+    for (unsigned n = 0; n < write.byteCount; ++n) {
+        const unsigned shift = 8 * (write.firstByte + n);
+        write.value = (write.value & ~(0xFFu << shift)) | (uint32_t{in[n]} << shift);
+    }
+    consumed = write.byteCount;
+    const WriteOutcome outcome = slot.onWrite ? slot.onWrite(write) : WriteOutcome::Store;
+    if (outcome == WriteOutcome::Store) {
+        slot.value = write.value;
+    }
+    return outcome != WriteOutcome::Stall;
+}
+
+const RegisterFile::Window* RegisterFile::WindowAt(uint32_t byteIndex) const {
+    for (const Window& window : windows_) {
+        if (byteIndex >= window.first && byteIndex < window.last + 4u) {
+            return &window;
+        }
+    }
+    return nullptr;
+}
+
+void RegisterFile::SetWindowHandler(uint16_t first, uint16_t last, WindowHandler handler) {
+    std::erase_if(windows_, [&](const Window& w) { return w.first == first; });
+    if (handler) {
+        windows_.push_back({first, last, std::move(handler)});
+    }
 }
 
 RegisterFile::Slot& RegisterFile::At(uint16_t index) {
@@ -99,16 +131,22 @@ const RegisterFile::Slot& RegisterFile::At(uint16_t index) const {
     return const_cast<RegisterFile*>(this)->At(index);
 }
 
-uint32_t RegisterFile::Peek(uint16_t index) const { return At(index).value; }
+uint32_t RegisterFile::Peek(uint16_t index) const {
+    return At(index).value;
+}
 
-void RegisterFile::Poke(uint16_t index, uint32_t value) { At(index).value = value; }
+void RegisterFile::Poke(uint16_t index, uint32_t value) {
+    At(index).value = value;
+}
 
 Access RegisterFile::AccessOf(uint16_t index) const {
     auto it = slots_.find(index);
     return it == slots_.end() ? Access::None : it->second.access;
 }
 
-void RegisterFile::SetReadHook(uint16_t index, ReadHook hook) { At(index).onRead = std::move(hook); }
+void RegisterFile::SetReadHook(uint16_t index, ReadHook hook) {
+    At(index).onRead = std::move(hook);
+}
 
 void RegisterFile::SetWriteHook(uint16_t index, WriteHook hook) {
     At(index).onWrite = std::move(hook);

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "camera/register_layout.h"
 
@@ -33,9 +34,12 @@ struct RegisterWrite {
 // camera locked and must not call back into the camera's public interface.
 using ReadHook = std::function<uint32_t(uint16_t index, uint32_t stored)>;
 using WriteHook = std::function<WriteOutcome(const RegisterWrite& write)>;
+// A block window takes the bytes of one write that fall inside it in a single
+// call, `offset` counting from the window's first byte. False stalls the write.
+using WindowHandler = std::function<bool(size_t offset, std::span<const uint8_t> bytes)>;
 
 class RegisterFile {
-public:
+  public:
     RegisterFile(const RegisterLayout& layout, const std::map<uint16_t, uint32_t>& powerUpValues);
 
     // Bus access to bytes [firstByte, firstByte + count). Every register touched
@@ -56,11 +60,14 @@ public:
     // Replaces the register's hook; an empty function restores plain storage.
     void SetReadHook(uint16_t index, ReadHook hook);
     void SetWriteHook(uint16_t index, WriteHook hook);
+    // Writes to the registers in [first, last] go to `handler` instead of
+    // their write hooks or storage. Access rules still apply per register.
+    void SetWindowHandler(uint16_t first, uint16_t last, WindowHandler handler);
 
     // Writable registers (the settings) go back to their power-up values.
     void ResetSettings();
 
-private:
+  private:
     struct Slot {
         Access access = Access::None;
         uint32_t value = 0;
@@ -69,11 +76,21 @@ private:
         WriteHook onWrite;
     };
 
+    struct Window {
+        uint16_t first = 0;
+        uint16_t last = 0;
+        WindowHandler handler;
+    };
+
     bool Allows(uint32_t firstByte, size_t count, bool (*allows)(Access)) const;
+    const Window* WindowAt(uint32_t byteIndex) const;
+    // Writes the bytes of `in` that belong to the register holding `byteIndex`.
+    bool WriteRegister(uint32_t byteIndex, std::span<const uint8_t> in, size_t& consumed);
     Slot& At(uint16_t index);
     const Slot& At(uint16_t index) const;
 
     std::map<uint16_t, Slot> slots_;
+    std::vector<Window> windows_;
 };
 
 }  // namespace ornixcam

@@ -14,15 +14,15 @@ struct LoggedRequest {
     enum class Kind { Control, Transfer };
 
     Kind kind = Kind::Control;
-    usbsim::SetupPacket setup;  // control requests only
-    uint8_t endpoint = 0;       // 0 for control requests
+    usbsim::SetupPacket setup;        // control requests only
+    uint8_t endpoint = 0;             // 0 for control requests
     std::vector<uint8_t> hostData;    // OUT: the bytes the host sent
     std::vector<uint8_t> deviceData;  // IN: the bytes the camera returned
     usbsim::TransferResult result;
 };
 
 class RequestLog {
-public:
+  public:
     // Bulk payloads can be whole frames; keeping this much of each is enough
     // to recognise them without the log growing without bound.
     static constexpr size_t kMaxTransferBytesKept = 1024;
@@ -35,7 +35,7 @@ public:
     std::vector<LoggedRequest> Entries() const;
     void Clear();
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<LoggedRequest> entries_;
 };

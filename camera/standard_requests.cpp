@@ -40,7 +40,9 @@ usbsim::TransferResult Reply(std::span<uint8_t> data, std::span<const uint8_t> b
     return usbsim::TransferResult::Ack(static_cast<uint32_t>(count));
 }
 
-bool IsControlEndpoint(uint8_t address) { return (address & 0x7F) == 0; }
+bool IsControlEndpoint(uint8_t address) {
+    return (address & 0x7F) == 0;
+}
 
 }  // namespace
 
@@ -179,8 +181,7 @@ usbsim::TransferResult StandardRequests::EndpointFeature(const usbsim::SetupPack
     return Result::Ack(0);
 }
 
-usbsim::TransferResult StandardRequests::DeviceFeature(const usbsim::SetupPacket& setup,
-                                                       bool set) {
+usbsim::TransferResult StandardRequests::DeviceFeature(const usbsim::SetupPacket& setup, bool set) {
     if (setup.wValue != kFeatureRemoteWakeup ||
         (configurationProfile_.bmAttributes & kAttributeRemoteWakeup) == 0) {
         return Result::Stall();

@@ -13,7 +13,7 @@
 namespace ornixcam {
 
 class StandardRequests {
-public:
+  public:
     explicit StandardRequests(const Profile& profile);
 
     static bool IsStandard(const usbsim::SetupPacket& setup) {
@@ -30,7 +30,7 @@ public:
     const EndpointProfile* ActiveEndpoint(uint8_t address) const;
     bool Halted(uint8_t address) const { return halted_.contains(address); }
 
-private:
+  private:
     using Result = usbsim::TransferResult;
 
     Result GetDescriptor(const usbsim::SetupPacket& setup, std::span<uint8_t> data) const;

@@ -13,3 +13,31 @@
 
 // ksmedia.h uses TCHAR, which only the user-mode headers define.
 typedef WCHAR TCHAR;
+
+#ifdef __cplusplus
+// mingw's strmini.h and usbdlib.h declare the stream.sys / usbd.sys entry
+// points without extern "C". Including them here, inside extern "C", gives
+// them C linkage; their include guards make the driver's own #include a no-op.
+extern "C" {
+#endif
+
+// mingw's strmini.h leaves STREAMAPI (__stdcall) off these four, but stream.sys
+// exports them as __stdcall: on x86 a caller using __cdecl would unbalance the
+// stack. Prefixing the names while the header is read fixes the declarations.
+#define StreamClassAbortOutstandingRequests   STREAMAPI StreamClassAbortOutstandingRequests
+#define StreamClassGetNextEvent               STREAMAPI StreamClassGetNextEvent
+#define StreamClassQueryMasterClock           STREAMAPI StreamClassQueryMasterClock
+#define StreamClassRegisterFilterWithNoKSPins STREAMAPI StreamClassRegisterFilterWithNoKSPins
+#include <strmini.h>
+#undef StreamClassAbortOutstandingRequests
+#undef StreamClassGetNextEvent
+#undef StreamClassQueryMasterClock
+#undef StreamClassRegisterFilterWithNoKSPins
+
+#include <usb.h>
+#include <usbdi.h>
+#include <usbdlib.h>
+
+#ifdef __cplusplus
+}
+#endif

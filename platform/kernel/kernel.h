@@ -21,8 +21,9 @@ namespace winsim {
 // ---------------------------------------------------------------- life cycle
 
 // Returns the machine to a fresh state: verifier findings, debugger log, pool
-// failure rules, registry, time scale. Outstanding pool blocks are forgotten
-// (check them first with CheckPoolEmpty). Waits for the work queue to drain.
+// failure rules, registry, time scale, lock-order history and the calling
+// thread's IRQL. Outstanding pool blocks and IRPs are forgotten (check them
+// first with CheckPoolEmpty). Waits for the work queue to drain.
 void ResetKernel();
 
 // ---------------------------------------------------------------- time
@@ -39,9 +40,11 @@ int64_t Now100ns();
 
 // A finding of the verifier: which check fired and a clear message.
 struct Violation {
-    std::string check;    // e.g. "IRQL", "LOCK_ORDER", "MUTEX_OWNER", "POOL_LEAK", "DOUBLE_FREE",
-                          // "SRB_COMPLETED_TWICE", "SRB_NEVER_COMPLETED", "IRP_FREED_WHILE_PENDING",
-                          // "ASSERT", "BAD_POOL_FREE", "SEMAPHORE_LIMIT"
+    std::string check;  // e.g. "IRQL", "LOCK_ORDER", "MUTEX_OWNER", "POOL_LEAK", "DOUBLE_FREE",
+                        // "SRB_COMPLETED_TWICE", "SRB_NEVER_COMPLETED", "IRP_FREED_WHILE_PENDING",
+                        // "ASSERT", "BAD_POOL_FREE", "SEMAPHORE_LIMIT", "IRP_LEAK",
+                        // "IRP_STACK", "IRP_COMPLETION", "BAD_HANDLE", "HANDLE_LEAK",
+                        // "SPIN_LOCK", "WORK_ITEM", "BAD_OBJECT", "BREAKPOINT"
     std::string message;
 };
 
@@ -71,17 +74,20 @@ struct PoolUsage {
 std::map<ULONG, PoolUsage> OutstandingPool();
 
 // Reports one POOL_LEAK violation per tag that still holds blocks ("when"
-// names the moment, e.g. "driver unload"). Returns true when nothing is left.
+// names the moment, e.g. "driver unload"), an IRP_LEAK for IRPs never freed
+// and a HANDLE_LEAK for registry keys never closed. Returns true when nothing
+// is left.
 bool CheckPoolEmpty(std::string_view when);
 
 // Total number of successful and failed allocation attempts since reset.
 uint64_t AllocationAttempts();
 
 // Allocation-failure injection. Rules add up; each allocation that matches
-// any rule returns NULL.
-void FailNthAllocation(uint64_t n);           // the n-th attempt from now (1 = next)
-void FailAllocationsOfSize(SIZE_T size);      // every attempt of exactly this size
-void FailAllocationsWithTag(ULONG tag);       // every attempt with this tag
+// any rule returns NULL. IoAllocateIrp (tag 'Irp ') and IoAllocateMdl (tag
+// 'Mdl ') count as attempts and obey the rules too.
+void FailNthAllocation(uint64_t n);       // the n-th attempt from now (1 = next)
+void FailAllocationsOfSize(SIZE_T size);  // every attempt of exactly this size
+void FailAllocationsWithTag(ULONG tag);   // every attempt with this tag
 void ClearAllocationFailures();
 
 // Renders a tag as its four characters, e.g. 0x206D6457 as "Wdm ".
@@ -129,12 +135,17 @@ void SetRegistryValue(PDEVICE_OBJECT device, ULONG keyType, std::u16string_view 
                       std::vector<uint8_t> data);
 void ClearRegistry(PDEVICE_OBJECT device);
 
+// Makes IoOpenDeviceRegistryKey of the device fail with `status` until
+// cleared with STATUS_SUCCESS. Without it, keys open (empty if nothing was set).
+void FailRegistryOpen(PDEVICE_OBJECT device, NTSTATUS status);
+
 // ---------------------------------------------------------------- threads and IRQL
 
 // Runs fn on the calling thread at the given IRQL, restoring the old one.
 void RunAtIrql(KIRQL irql, const std::function<void()>& fn);
 
-// Blocks until the delayed work queue is empty and no work item runs.
+// Blocks until the work queues are empty and no work item runs. Never call
+// it from a work item: it would wait for itself.
 void DrainWorkQueue();
 
 // Marks the calling host thread as a platform thread for the verifier (the

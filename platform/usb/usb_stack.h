@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "usb/usb_device.h"
 
@@ -33,11 +34,11 @@ enum class RequestKind {
 const char* RequestKindName(RequestKind kind);
 
 enum class FaultAction {
-    FailWithStatus,          // complete with `usbdStatus` (NT status derived as the stack does)
-    ShortData,               // data stage cut to `shortLength` bytes, success
-    Stall,                   // the endpoint stalls (USBD_STATUS_STALL_PID)
-    NeverComplete,           // stays pending until cancelled or aborted
-    CompleteSynchronously,   // completed inside IoCallDriver, which returns the status
+    FailWithStatus,         // complete with `usbdStatus` (NT status derived as the stack does)
+    ShortData,              // data stage cut to `shortLength` bytes, success
+    Stall,                  // the endpoint stalls (USBD_STATUS_STALL_PID)
+    NeverComplete,          // stays pending until cancelled or aborted
+    CompleteSynchronously,  // completed inside IoCallDriver, which returns the status
 };
 
 struct FaultRule {
@@ -53,15 +54,28 @@ struct UsbStackOptions {
     CCHAR pdoStackSize = 2;
 };
 
+// submitted = completed + cancelled + failed + still pending.
 struct RequestCounts {
-    uint64_t submitted = 0;
-    uint64_t completed = 0;
-    uint64_t cancelled = 0;
-    uint64_t failed = 0;
+    uint64_t submitted = 0;  // every URB received, refused ones included
+    uint64_t completed = 0;  // completed with success
+    uint64_t cancelled = 0;  // completed with USBD_STATUS_CANCELED
+    uint64_t failed = 0;     // completed with any other error, refusals included
+};
+
+// A pipe of the selected interface settings, as the host side sees it.
+struct PipeStatus {
+    USBD_PIPE_HANDLE handle = nullptr;
+    uint8_t endpointAddress = 0;
+    USBD_PIPE_TYPE type = UsbdPipeTypeControl;
+    uint16_t maximumPacketSize = 0;
+    ULONG maximumTransferSize = 0;
+    bool halted = false;     // stalled; transfers fail until the pipe is reset
+    uint8_t dataToggle = 0;  // DATA0 / DATA1 of the next packet
+    size_t queued = 0;       // requests waiting, NAKed or held by a fault
 };
 
 class UsbStack {
-public:
+  public:
     explicit UsbStack(UsbDevice& device, UsbStackOptions options = {});
     ~UsbStack();  // completes whatever is pending as cancelled, joins the threads
     UsbStack(const UsbStack&) = delete;
@@ -86,12 +100,18 @@ public:
     RequestCounts Counts(RequestKind kind = RequestKind::Any) const;
     uint64_t PendingRequests() const;
 
+    // The host side of the configuration: 0 while unconfigured.
+    uint8_t ConfigurationValue() const;
+    uint8_t AlternateSetting(uint8_t interfaceNumber) const;
+    std::vector<PipeStatus> OpenPipes() const;  // ordered by endpoint address
+
     // Blocks until no request is queued or being served (requests that the
     // device NAKs or that a NeverComplete fault holds do not count as busy).
     void WaitIdle();
 
-private:
-    struct Impl;
+    struct Impl;  // opaque outside the stack's sources
+
+  private:
     std::unique_ptr<Impl> impl_;
 };
 

@@ -23,8 +23,8 @@ struct Reply {
     usbsim::Handshake handshake() const { return result.handshake; }
 };
 
-inline Reply In(usbsim::UsbDevice& device, uint8_t bmRequestType, uint8_t bRequest,
-                uint16_t wValue, uint16_t wIndex, uint16_t wLength) {
+inline Reply In(usbsim::UsbDevice& device, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
+                uint16_t wIndex, uint16_t wLength) {
     std::vector<uint8_t> buffer(wLength);
     const usbsim::SetupPacket setup{bmRequestType, bRequest, wValue, wIndex, wLength};
     Reply reply{device.Control(setup, buffer), {}};
@@ -70,8 +70,7 @@ inline std::vector<uint8_t> Le32(uint32_t value) {
             static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
 }
 
-inline usbsim::Handshake WriteRegister(usbsim::UsbDevice& device, uint16_t index,
-                                       uint32_t value) {
+inline usbsim::Handshake WriteRegister(usbsim::UsbDevice& device, uint16_t index, uint32_t value) {
     return WriteRegisters(device, index, Le32(value));
 }
 

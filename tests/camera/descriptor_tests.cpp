@@ -24,7 +24,8 @@ std::vector<Descriptor> Split(const std::vector<uint8_t>& block) {
     for (size_t at = 0; at < block.size();) {
         const uint8_t length = block[at];
         EXPECT_GE(length, 2u) << "at offset " << at;
-        if (length < 2 || at + length > block.size()) break;
+        if (length < 2 || at + length > block.size())
+            break;
         parts.push_back({block[at + 1], {block.begin() + at, block.begin() + at + length}});
         at += length;
     }
@@ -69,7 +70,8 @@ TEST(ConfigurationDescriptor, ListsEveryAlternateSettingWithACorrectTotalLength)
 
     const auto parts = Split(block);
     std::vector<uint8_t> types;
-    for (const auto& part : parts) types.push_back(part.type);
+    for (const auto& part : parts)
+        types.push_back(part.type);
     EXPECT_EQ(types, (std::vector<uint8_t>{2, 4, 5, 5, 5, 4, 5}));
 
     const auto& alt0 = parts[1].bytes;

@@ -174,7 +174,8 @@ TEST(Concurrency, ParallelRequestsStayConsistent) {
             }
         });
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(camera.Requests().size(), 1u + kThreads * kRounds * 3);
 }

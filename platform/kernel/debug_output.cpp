@@ -1,0 +1,101 @@
+// The kernel debugger's side of the machine: DbgPrint output, assertion
+// failures and breakpoints.
+#include "kernel/kernel.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace winsim {
+namespace {
+
+struct DebugOutputState {
+    std::mutex logMutex;
+    std::vector<std::string> log;
+    // Held while the sink runs, so that it sees one output at a time.
+    std::mutex sinkMutex;
+    std::function<void(std::string_view)> sink;
+};
+
+DebugOutputState& State() {
+    static auto* state = new DebugOutputState;
+    return *state;
+}
+
+bool EchoToStderr() {
+    static const bool echo = [] {
+        const char* value = std::getenv("ORNIX_DBGPRINT");
+        return value != nullptr && std::strcmp(value, "1") == 0;
+    }();
+    return echo;
+}
+
+void Emit(const std::string& text) {
+    DebugOutputState& state = State();
+    {
+        std::lock_guard lock(state.sinkMutex);
+        if (state.sink)
+            state.sink(text);
+    }
+    if (EchoToStderr())
+        std::fputs(text.c_str(), stderr);
+    // One log entry per line; empty lines are dropped and a call that does
+    // not end its line still forms an entry of its own.
+    std::lock_guard lock(state.logMutex);
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        if (end > start)
+            state.log.emplace_back(text, start, end - start);
+        start = end + 1;
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> DebugLog() {
+    DebugOutputState& state = State();
+    std::lock_guard lock(state.logMutex);
+    return state.log;
+}
+
+void ClearDebugLog() {
+    DebugOutputState& state = State();
+    std::lock_guard lock(state.logMutex);
+    state.log.clear();
+}
+
+void SetDebugSink(std::function<void(std::string_view)> sink) {
+    DebugOutputState& state = State();
+    std::lock_guard lock(state.sinkMutex);
+    state.sink = std::move(sink);
+}
+
+}  // namespace winsim
+
+ULONG DbgPrint(PCSTR Format, ...) {
+    va_list args;
+    va_start(args, Format);
+    std::string text = winsim::FormatDbgPrint(Format, args);
+    va_end(args);
+    winsim::Emit(text);
+    return STATUS_SUCCESS;
+}
+
+void NTAPI DbgBreakPoint(void) {
+    // Without a kernel debugger attached, a breakpoint brings the machine down.
+    winsim::ReportViolation("BREAKPOINT", "DbgBreakPoint reached with no kernel debugger attached");
+}
+
+void NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PSTR Message) {
+    std::string message =
+        "assertion failed: " + std::string(static_cast<const char*>(FailedAssertion)) + " at " +
+        static_cast<const char*>(FileName) + ":" + std::to_string(LineNumber);
+    if (Message != nullptr)
+        message += " (" + std::string(Message) + ")";
+    winsim::ReportViolation("ASSERT", std::move(message));
+}

@@ -1,0 +1,261 @@
+// The host controller: threads that take requests from the pipes' queues,
+// run their transactions against the device model at DISPATCH_LEVEL and
+// settle the result (completion, a NAK that waits for the device, or a
+// completion that must wait for others first).
+#include <algorithm>
+#include <string>
+
+#include "usb/stack_internals.h"
+#include "usb/usbd_status.h"
+
+namespace usbsim {
+
+void UsbStack::Impl::HostControllerLoop(int index) {
+    winsim::NameCurrentThread("usb host controller " + std::to_string(index));
+    std::unique_lock lock(mutex);
+    for (;;) {
+        workAvailable.wait(lock, [this] { return shuttingDown || !runQueue.empty(); });
+        if (shuttingDown) {
+            return;
+        }
+        std::shared_ptr<Pipe> queue = std::move(runQueue.front());
+        runQueue.pop_front();
+        queue->scheduled = false;
+        Request* r = TakeHeadLocked(*queue);
+        if (r == nullptr) {
+            continue;
+        }
+        lock.unlock();
+        winsim::RunAtIrql(DISPATCH_LEVEL, [&] { ServeAndSettle(r, false); });
+        lock.lock();
+    }
+}
+
+void UsbStack::Impl::ScheduleLocked(const std::shared_ptr<Pipe>& queue) {
+    if (queue->scheduled || queue->serving || queue->waiting.empty() ||
+        queue->waiting.front()->state != RequestState::Waiting) {
+        return;
+    }
+    queue->scheduled = true;
+    runQueue.push_back(queue);
+    workAvailable.notify_one();
+}
+
+Request* UsbStack::Impl::TakeHeadLocked(Pipe& queue) {
+    if (queue.serving || queue.waiting.empty()) {
+        return nullptr;
+    }
+    Request* r = queue.waiting.front();
+    if (r->state != RequestState::Waiting) {
+        return nullptr;
+    }
+    if (IoSetCancelRoutine(r->irp, nullptr) == nullptr) {
+        r->state = RequestState::CancelOwned;  // its cancel routine is on the way
+        return nullptr;
+    }
+    queue.waiting.pop_front();
+    queue.active.push_back(r);
+    queue.serving = true;
+    r->state = RequestState::InService;
+    r->readyGenerationSeen = queue.readyGeneration;
+    r->targetHalted = r->kind == RequestKind::BulkOrInterrupt && r->target->halted;
+    return r;
+}
+
+NTSTATUS UsbStack::Impl::ServeAndSettle(Request* r, bool inlineCall) {
+    if (r->kind == RequestKind::AbortPipe) {
+        return ServeAbort(r, inlineCall);
+    }
+    std::optional<Outcome> outcome = Serve(*r);
+    std::vector<Request*> toCancel;
+    Settlement settlement;
+    {
+        std::lock_guard lock(mutex);
+        if (!inlineCall) {
+            r->queue->serving = false;
+        }
+        settlement = SettleLocked(r, outcome, toCancel, inlineCall);
+        ScheduleLocked(r->queue);
+        stateChanged.notify_all();
+    }
+    FinishAll(toCancel, USBD_STATUS_CANCELED);
+    if (settlement != Settlement::CompleteNow) {
+        return STATUS_PENDING;
+    }
+    const NTSTATUS status = NtStatusFromUsbd(outcome->status);
+    Finish(r, *outcome);
+    return status;
+}
+
+NTSTATUS UsbStack::Impl::ServeAbort(Request* r, bool inlineCall) {
+    std::vector<Request*> toCancel;
+    Outcome outcome;
+    bool completeNow = true;
+    {
+        std::lock_guard lock(mutex);
+        if (!inlineCall) {
+            r->queue->serving = false;
+        }
+        if (HasFault(*r, FaultAction::FailWithStatus)) {
+            outcome.status = r->fault->usbdStatus;
+        } else if (HasFault(*r, FaultAction::Stall)) {
+            outcome.status = USBD_STATUS_STALL_PID;
+        } else {
+            DrainLocked(*r->target, r, toCancel);
+            if (r->waitingFor > 0) {
+                completeNow = false;
+                r->state = RequestState::Parked;
+                r->parkedOutcome = outcome;
+                if (inlineCall) {
+                    IoMarkIrpPending(r->irp);
+                }
+            }
+        }
+        if (completeNow) {
+            r->state = RequestState::Finishing;
+        }
+        ScheduleLocked(r->queue);
+        stateChanged.notify_all();
+    }
+    FinishAll(toCancel, USBD_STATUS_CANCELED);  // the last of them completes a parked abort
+    if (!completeNow) {
+        return STATUS_PENDING;
+    }
+    const NTSTATUS status = NtStatusFromUsbd(outcome.status);
+    Finish(r, outcome);
+    return status;
+}
+
+std::optional<Outcome> UsbStack::Impl::Serve(Request& r) {
+    if (HasFault(r, FaultAction::FailWithStatus)) {
+        TraceRefusal(r, r.fault->usbdStatus);
+        return Outcome{r.fault->usbdStatus, 0};
+    }
+    if (r.targetHalted) {
+        TraceRefusal(r, USBD_STATUS_ENDPOINT_HALTED);
+        return Outcome{USBD_STATUS_ENDPOINT_HALTED, 0};
+    }
+    std::lock_guard wire(r.queue->wire);
+    for (; r.nextStep < r.steps.size(); ++r.nextStep) {
+        BusStep& step = r.steps[r.nextStep];
+        if (step.traceId == 0) {
+            step.traceId = trace.Submission(step.transaction,
+                                            static_cast<uint32_t>(step.data.size()), step.data);
+        }
+        TransferResult result;
+        if (HasFault(r, FaultAction::Stall) && r.nextStep == 0) {
+            result = TransferResult::Stall();
+        } else if (step.transaction.setup) {
+            result = device.Control(*step.transaction.setup, step.data);
+        } else {
+            result = device.Transfer(step.transaction.endpoint, step.data);
+        }
+        if (result.handshake == Handshake::Nak) {
+            return std::nullopt;
+        }
+        ULONG actual = std::min<ULONG>(result.actual, static_cast<ULONG>(step.data.size()));
+        if (HasFault(r, FaultAction::ShortData)) {
+            actual = std::min<ULONG>(actual, r.fault->shortLength);
+        }
+        const USBD_STATUS status =
+            result.handshake == Handshake::Stall ? USBD_STATUS_STALL_PID : USBD_STATUS_SUCCESS;
+        trace.Completion(step.traceId, step.transaction, status, actual, step.data);
+        step.completionTraced = true;
+        if (status != USBD_STATUS_SUCCESS) {
+            return Outcome{status, 0};
+        }
+        if (step.carriesResult) {
+            r.actual = actual;
+        }
+    }
+    return Outcome{USBD_STATUS_SUCCESS, r.actual};
+}
+
+void UsbStack::Impl::TraceRefusal(Request& r, USBD_STATUS status) {
+    if (r.nextStep >= r.steps.size()) {
+        return;
+    }
+    BusStep& step = r.steps[r.nextStep];
+    if (step.traceId == 0) {
+        step.traceId =
+            trace.Submission(step.transaction, static_cast<uint32_t>(step.data.size()), step.data);
+    }
+    trace.Completion(step.traceId, step.transaction, status, 0, {});
+    step.completionTraced = true;
+}
+
+Settlement UsbStack::Impl::SettleLocked(Request* r, std::optional<Outcome>& outcome,
+                                        std::vector<Request*>& toCancel, bool inlineCall) {
+    Pipe& queue = *r->queue;
+    if (!outcome) {
+        if (r->cancelOnNak || removed || shuttingDown) {
+            outcome = Outcome{removed ? USBD_STATUS_DEVICE_GONE : USBD_STATUS_CANCELED, 0};
+        } else {
+            // Back to the head of its queue until the device says it is ready,
+            // unless it already did while the transaction was under way.
+            std::erase(queue.active, r);
+            r->state = queue.readyGeneration != r->readyGenerationSeen ? RequestState::Waiting
+                                                                       : RequestState::Nakked;
+            queue.waiting.push_front(r);
+            if (inlineCall) {
+                IoMarkIrpPending(r->irp);
+            }
+            if (!ArmCancelRoutine(r->irp)) {
+                queue.waiting.pop_front();
+                r->state = RequestState::Finishing;
+                toCancel.push_back(r);
+            }
+            return Settlement::Requeued;
+        }
+    }
+    outcome->status = ApplyEffectsLocked(*r, *outcome, toCancel);
+    if (r->waitingFor > 0) {
+        r->state = RequestState::Parked;
+        r->parkedOutcome = *outcome;
+        if (inlineCall) {
+            IoMarkIrpPending(r->irp);
+        }
+        return Settlement::Parked;
+    }
+    r->state = RequestState::Finishing;
+    return Settlement::CompleteNow;
+}
+
+void UsbStack::Impl::OnReady(uint8_t endpointAddress) {
+    std::lock_guard lock(mutex);
+    for (const std::shared_ptr<Pipe>& queue : QueuesLocked()) {
+        if (queue == abortQueue ||
+            (endpointAddress != 0 && queue->endpointAddress != endpointAddress)) {
+            continue;
+        }
+        ++queue->readyGeneration;
+        if (!queue->waiting.empty() && queue->waiting.front()->state == RequestState::Nakked) {
+            queue->waiting.front()->state = RequestState::Waiting;
+        }
+        ScheduleLocked(queue);
+    }
+}
+
+bool UsbStack::Impl::IsIdleLocked() const {
+    for (const Request* r : live) {
+        switch (r->state) {
+            case RequestState::Nakked:
+            case RequestState::Stuck:
+                break;
+            case RequestState::Waiting: {
+                // Behind a NAKed or stuck head it cannot move either.
+                const std::deque<Request*>& waiting = r->queue->waiting;
+                if (waiting.empty() || (waiting.front()->state != RequestState::Nakked &&
+                                        waiting.front()->state != RequestState::Stuck)) {
+                    return false;
+                }
+                break;
+            }
+            default:
+                return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace usbsim

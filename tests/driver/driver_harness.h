@@ -1,0 +1,107 @@
+// The simulated machine the driver tests run on: a fresh kernel with the
+// verifier recording, the Ornix camera behind the USB stack, and the driver
+// loaded by the stream class and started as an adapter.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "camera/camera.h"
+#include "kernel/kernel.h"
+#include "ornix.h"
+#include "streamclass/stream_class.h"
+#include "usb/usb_stack.h"
+
+namespace ornixtest {
+
+using winsim::SrbResult;
+
+inline constexpr ULONG kDriverTag = 0x206D6457;  // "Wdm "
+inline constexpr ULONG kIrpTag = 0x20707249;     // "Irp ", the kernel's tag for IRPs
+
+// Standard requests as the camera sees them on endpoint 0.
+inline constexpr uint8_t kSetConfiguration = 0x09;
+inline constexpr uint8_t kClearFeature = 0x01;
+inline constexpr uint8_t kSetInterface = 0x0B;
+
+// One vendor transfer as it crossed the bus.
+struct WireRequest {
+    uint8_t bmRequestType;
+    uint8_t bRequest;
+    uint16_t wValue;
+    uint16_t wIndex;
+    uint16_t wLength;
+    std::vector<uint8_t> data;  // host data for OUT, device data for IN
+
+    bool operator==(const WireRequest&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const WireRequest& request);
+
+class DriverTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Tests that must prepare the registry or the PDOs first return false
+    // and call AddAdapter and StartAdapter themselves.
+    virtual bool StartsAdapterInSetUp() const { return true; }
+    void AddAdapter(PDEVICE_OBJECT realPdo = nullptr);
+    NTSTATUS StartAdapter();
+
+    PORNIX_DEVICE_CONTEXT Ext() const;
+    ornixcam::Camera& Camera() { return *camera_; }
+    usbsim::UsbStack& Stack() { return *stack_; }
+    winsim::StreamClass& Class() { return *class_; }
+    PDEVICE_OBJECT Pdo() const { return stack_->PhysicalDeviceObject(); }
+
+    // Selects the camera's configuration through the driver's own request
+    // path and leaves the device context as USB configuration leaves it:
+    // interface table for both alternate settings, handle, pipe map.
+    void ConfigureCamera();
+
+    // The debugger output since the last ClearDebugLog.
+    static std::vector<std::string> Log() { return winsim::DebugLog(); }
+    static size_t CountLogged(std::string_view line);
+    static bool Logged(std::string_view line) { return CountLogged(line) > 0; }
+
+    // Control requests the camera saw, vendor ones only or all of them.
+    std::vector<WireRequest> VendorRequests() const;
+    std::vector<WireRequest> ControlRequests() const;
+
+    // Whether the driver has ever taken InterruptMutex while holding
+    // RequestMutex: taking them the other way round now is an inversion the
+    // verifier reports. Both mutexes start a fresh history afterwards.
+    bool InterruptMutexTakenUnderRequestMutex();
+
+    // Findings of the verifier so far that match `check`; the others stay
+    // for TearDown to report.
+    std::vector<winsim::Violation> TakeViolations(std::string_view check);
+
+private:
+    std::vector<winsim::Violation> unclaimed_;
+    std::unique_ptr<ornixcam::Camera> camera_;
+    std::unique_ptr<usbsim::UsbStack> stack_;
+    std::unique_ptr<winsim::StreamClass> class_;
+    bool added_ = false;
+};
+
+// Stream contexts as the stream class would allocate them, placed in the
+// stream table without opening a stream.
+class FakeStreams {
+public:
+    explicit FakeStreams(PORNIX_DEVICE_CONTEXT ext) : ext_(ext) {}
+    ~FakeStreams();
+    PORNIX_STREAM_CONTEXT Open(ULONG number, KSSTATE state);
+
+private:
+    PORNIX_DEVICE_CONTEXT ext_;
+    ORNIX_STREAM_CONTEXT streams_[ORNIX_MAX_STREAMS] = {};
+};
+
+}  // namespace ornixtest

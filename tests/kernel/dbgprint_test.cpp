@@ -1,0 +1,96 @@
+// DbgPrint formatting with the kernel's rules, and where its output goes.
+#include "kernel_test.h"
+
+#include <cstdarg>
+
+namespace kerneltest {
+namespace {
+
+std::string Format(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = winsim::FormatDbgPrint(format, args);
+    va_end(args);
+    return text;
+}
+
+TEST(DbgPrintFormat, IntegersFollowWindowsLengths) {
+    ULONG value = 0xDEADBEEF;
+    EXPECT_EQ(Format("%lx", value), "deadbeef");
+    EXPECT_EQ(Format("%08lx", ULONG(0x1234)), "00001234");
+    EXPECT_EQ(Format("%I64x", 0x123456789ABCDEF0ULL), "123456789abcdef0");
+    EXPECT_EQ(Format("%llu", 18446744073709551615ULL), "18446744073709551615");
+    EXPECT_EQ(Format("%I64d %ld", -5LL, LONG(-7)), "-5 -7");
+    EXPECT_EQ(Format("%Iu", SIZE_T(1) << 40), "1099511627776");
+    EXPECT_EQ(Format("%zu", SIZE_T(12)), "12");
+    EXPECT_EQ(Format("%hx %hhx", 0x12345, 0x1FF), "2345 ff");
+    EXPECT_EQ(Format("index:0x%04x, read:0x%08lx", 0x12, ULONG(0xAB)),
+              "index:0x0012, read:0x000000ab");
+}
+
+TEST(DbgPrintFormat, FlagsWidthAndPrecision) {
+    EXPECT_EQ(Format("[%-5d]", 42), "[42   ]");
+    EXPECT_EQ(Format("[%5d]", -42), "[  -42]");
+    EXPECT_EQ(Format("[%05d]", -42), "[-0042]");
+    EXPECT_EQ(Format("[%+d|% d]", 3, 3), "[+3| 3]");
+    EXPECT_EQ(Format("[%#x|%#X|%#o]", 255, 255, 8), "[0xff|0XFF|010]");
+    EXPECT_EQ(Format("[%.3d|%.0d]", 7, 0), "[007|]");
+    EXPECT_EQ(Format("[%*d|%-*d]", 4, 1, 3, 2), "[   1|2  ]");
+    EXPECT_EQ(Format("[%.*s]", 3, "abcdef"), "[abc]");
+    EXPECT_EQ(Format("[%6s|%-6s]", "ab", "cd"), "[    ab|cd    ]");
+}
+
+TEST(DbgPrintFormat, StringsNarrowWideAndCounted) {
+    EXPECT_EQ(Format("%s", static_cast<const char*>(nullptr)), "(null)");
+    EXPECT_EQ(Format("%ws and %S", u"wide", u"Also"), "wide and Also");
+    EXPECT_EQ(Format("%ls|%hs", u"l", "h"), "l|h");
+    EXPECT_EQ(Format("%ws", static_cast<const char16_t*>(nullptr)), "(null)");
+    EXPECT_EQ(Format("%ws", u"\u00e9\U0001F600"), "\u00e9\U0001F600");
+
+    char16_t text[] = u"CameraName-extra";
+    UNICODE_STRING counted;
+    counted.Buffer = reinterpret_cast<PWSTR>(text);
+    counted.Length = 10 * sizeof(char16_t);  // no terminator within the count
+    counted.MaximumLength = sizeof text;
+    EXPECT_EQ(Format("<%wZ>", &counted), "<CameraName>");
+    EXPECT_EQ(Format("%wZ", static_cast<PUNICODE_STRING>(nullptr)), "(null)");
+    EXPECT_EQ(Format("%c%wc%C", 'a', u'b', u'c'), "abc");
+}
+
+TEST(DbgPrintFormat, PointersAndOddities) {
+    EXPECT_EQ(Format("%p", reinterpret_cast<void*>(0x12ABCD)), "000000000012ABCD");
+    EXPECT_EQ(Format("100%%"), "100%");
+    EXPECT_EQ(Format("%q %d", 5), "%q 5") << "unknown conversions print as written";
+    EXPECT_EQ(Format("end%"), "end%");
+}
+
+class DbgPrintOutput : public KernelTest {
+  protected:
+    void TearDown() override {
+        winsim::SetDebugSink(nullptr);
+        KernelTest::TearDown();
+    }
+};
+
+TEST_F(DbgPrintOutput, LogHoldsOneEntryPerNonEmptyLine) {
+    DbgPrint("\nORNIX: DriverEntry%d\n", 91);
+    DbgPrint("ORNIX: first\nORNIX: second\n\n");
+    DbgPrint("no newline");
+    DbgPrint("%ws", u"also alone");
+    EXPECT_EQ(winsim::DebugLog(),
+              (std::vector<std::string>{"ORNIX: DriverEntry91", "ORNIX: first", "ORNIX: second",
+                                        "no newline", "also alone"}));
+    winsim::ClearDebugLog();
+    EXPECT_TRUE(winsim::DebugLog().empty());
+}
+
+TEST_F(DbgPrintOutput, SinkReceivesEachCallVerbatim) {
+    std::vector<std::string> received;
+    winsim::SetDebugSink([&](std::string_view text) { received.emplace_back(text); });
+    DbgPrint("\nORNIX: %s 0x%x\n", "value", 16);
+    DbgPrint("tail");
+    EXPECT_EQ(received, (std::vector<std::string>{"\nORNIX: value 0x10\n", "tail"}));
+}
+
+}  // namespace
+}  // namespace kerneltest

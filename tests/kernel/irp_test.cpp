@@ -1,0 +1,235 @@
+// IRPs travelling down a stack of two drivers and back up through their
+// completion routines; cancellation; MDLs.
+#include "kernel_test.h"
+
+#include <vector>
+
+namespace kerneltest {
+namespace {
+
+// What a completion routine saw when it ran.
+struct CompletionSeen {
+    const char* who;
+    PDEVICE_OBJECT device;
+    BOOLEAN pendingReturned;
+    NTSTATUS status;
+};
+
+// A filter driver over a bus driver. The bus keeps what it receives pending
+// (with a cancel routine) until the test completes it; the filter passes
+// everything down with a completion routine of its own.
+class IrpStack : public KernelTest {
+  protected:
+    void SetUp() override {
+        KernelTest::SetUp();
+        seen.clear();
+        pending = nullptr;
+        filterAnswer = STATUS_SUCCESS;
+        filterWatches = true;
+        busDriver = winsim::CreateDriverObject(u"\\Driver\\Bus");
+        busDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = BusDispatch;
+        bus = winsim::CreateDeviceObject(busDriver, 0, 1);
+        filterDriver = winsim::CreateDriverObject(u"\\Driver\\Filter");
+        filterDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = FilterDispatch;
+        filter = winsim::CreateDeviceObject(filterDriver, 0, 2);
+    }
+
+    void TearDown() override {
+        winsim::DeleteDeviceObject(filter);
+        winsim::DeleteDriverObject(filterDriver);
+        winsim::DeleteDeviceObject(bus);
+        winsim::DeleteDriverObject(busDriver);
+        KernelTest::TearDown();
+    }
+
+    static NTSTATUS NTAPI BusDispatch(PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        IoSetCancelRoutine(irp, BusCancel);
+        pending = irp;
+        return STATUS_PENDING;
+    }
+
+    static void NTAPI BusCancel(PDEVICE_OBJECT device, PIRP irp) {
+        cancelSawDevice = device;
+        cancelSawIrql = KeGetCurrentIrql();
+        IoReleaseCancelSpinLock(irp->CancelIrql);
+        pending = nullptr;
+        irp->IoStatus.Status = STATUS_CANCELLED;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+    }
+
+    static NTSTATUS NTAPI FilterDispatch(PDEVICE_OBJECT, PIRP irp) {
+        IoCopyCurrentIrpStackLocationToNext(irp);
+        if (filterWatches)
+            IoSetCompletionRoutine(irp, FilterCompletion, nullptr, TRUE, TRUE, TRUE);
+        return IoCallDriver(bus, irp);
+    }
+
+    static NTSTATUS NTAPI FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID) {
+        seen.push_back({"filter", device, irp->PendingReturned, irp->IoStatus.Status});
+        if (filterAnswer != STATUS_MORE_PROCESSING_REQUIRED && irp->PendingReturned) {
+            IoMarkIrpPending(irp);
+        }
+        return filterAnswer;
+    }
+
+    static NTSTATUS NTAPI OwnerCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID) {
+        seen.push_back({"owner", device, irp->PendingReturned, irp->IoStatus.Status});
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+
+    // An IRP of the caller's own, sent to the filter.
+    PIRP SendToFilter(bool onSuccess = true, bool onError = true, bool onCancel = true) {
+        PIRP irp = IoAllocateIrp(filter->StackSize, FALSE);
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        IoSetCompletionRoutine(irp, OwnerCompletion, nullptr, onSuccess, onError, onCancel);
+        EXPECT_EQ(IoCallDriver(filter, irp), STATUS_PENDING);
+        EXPECT_EQ(pending, irp);
+        return irp;
+    }
+
+    static void CompletePending(NTSTATUS status) {
+        PIRP irp = pending;
+        pending = nullptr;
+        IoSetCancelRoutine(irp, nullptr);
+        irp->IoStatus.Status = status;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+    }
+
+    static inline std::vector<CompletionSeen> seen;
+    static inline PIRP pending;
+    static inline NTSTATUS filterAnswer;
+    static inline bool filterWatches;
+    static inline PDEVICE_OBJECT bus;
+    static inline PDEVICE_OBJECT cancelSawDevice;
+    static inline KIRQL cancelSawIrql;
+    PDRIVER_OBJECT busDriver;
+    PDRIVER_OBJECT filterDriver;
+    PDEVICE_OBJECT filter;
+};
+
+TEST_F(IrpStack, NewIrpStartsAboveItsTopLocation) {
+    PIRP irp = IoAllocateIrp(3, FALSE);
+    EXPECT_EQ(irp->Type, IO_TYPE_IRP);
+    EXPECT_EQ(irp->Size, IoSizeOfIrp(3));
+    EXPECT_EQ(irp->StackCount, 3);
+    EXPECT_EQ(irp->CurrentLocation, 4);
+    auto* first = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1);
+    EXPECT_EQ(IoGetNextIrpStackLocation(irp), first + 2);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, CompletionUnwindsThroughBothLevelsWithPendingReturned) {
+    PIRP irp = SendToFilter();
+    EXPECT_EQ(irp->CurrentLocation, 1);
+    EXPECT_EQ(IoGetCurrentIrpStackLocation(irp)->DeviceObject, bus);
+
+    CompletePending(STATUS_SUCCESS);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_STREQ(seen[0].who, "filter");
+    EXPECT_EQ(seen[0].device, filter) << "runs in the context of the device above";
+    EXPECT_TRUE(seen[0].pendingReturned);
+    EXPECT_STREQ(seen[1].who, "owner");
+    EXPECT_EQ(seen[1].device, nullptr) << "nothing above the top location";
+    EXPECT_TRUE(seen[1].pendingReturned) << "the filter marked its level pending";
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, LevelWithoutRoutinePassesPendingUpward) {
+    filterWatches = false;
+    PIRP irp = SendToFilter();
+    CompletePending(STATUS_SUCCESS);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_STREQ(seen[0].who, "owner");
+    EXPECT_TRUE(seen[0].pendingReturned);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, MoreProcessingRequiredStopsTheWalkUntilCompletedAgain) {
+    filterAnswer = STATUS_MORE_PROCESSING_REQUIRED;
+    PIRP irp = SendToFilter();
+    CompletePending(STATUS_SUCCESS);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_STREQ(seen[0].who, "filter");
+
+    // The filter took the IRP back and finishes it later with an error.
+    irp->IoStatus.Status = STATUS_DEVICE_DATA_ERROR;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_STREQ(seen[1].who, "owner");
+    EXPECT_EQ(seen[1].status, STATUS_DEVICE_DATA_ERROR);
+    EXPECT_FALSE(seen[1].pendingReturned) << "the filter completed it without pending";
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, RoutineRunsOnlyForTheOutcomesItAskedFor) {
+    PIRP irp = SendToFilter(/*onSuccess=*/true, /*onError=*/false, /*onCancel=*/false);
+    CompletePending(STATUS_IO_TIMEOUT);
+    ASSERT_EQ(seen.size(), 1u) << "the owner's routine only wanted success";
+    EXPECT_EQ(winsim::TakeViolations().size(), 1u) << "so the IRP ran past its top";
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, CancelCallsTheCancelRoutineUnderTheCancelSpinLock) {
+    PIRP irp = SendToFilter();
+    EXPECT_TRUE(IoCancelIrp(irp));
+    EXPECT_EQ(cancelSawDevice, bus);
+    EXPECT_EQ(cancelSawIrql, DISPATCH_LEVEL);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    EXPECT_TRUE(irp->Cancel);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[1].status, STATUS_CANCELLED);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, CancelWithoutCancelRoutineOnlyMarksTheIrp) {
+    PIRP irp = SendToFilter();
+    IoSetCancelRoutine(irp, nullptr);
+    EXPECT_FALSE(IoCancelIrp(irp));
+    EXPECT_TRUE(irp->Cancel);
+    EXPECT_TRUE(seen.empty());
+    CompletePending(STATUS_CANCELLED);
+    EXPECT_EQ(seen.size(), 2u);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, ReusedIrpStartsOverButKeepsItsAllocation) {
+    PIRP irp = SendToFilter();
+    CompletePending(STATUS_SUCCESS);
+    UCHAR flags = irp->AllocationFlags;
+    IoCancelIrp(irp);
+    IoReuseIrp(irp, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(irp->AllocationFlags, flags);
+    EXPECT_EQ(irp->IoStatus.Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(irp->CurrentLocation, filter->StackSize + 1);
+    EXPECT_FALSE(irp->Cancel);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, UnhandledMajorFunctionIsAnInvalidRequest) {
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_PNP;
+    IoSetCompletionRoutine(irp, OwnerCompletion, nullptr, TRUE, TRUE, TRUE);
+    EXPECT_EQ(IoCallDriver(bus, irp), STATUS_INVALID_DEVICE_REQUEST);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].status, STATUS_INVALID_DEVICE_REQUEST);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IrpStack, MdlDescribesItsBufferAndJoinsTheIrp) {
+    alignas(16) static UCHAR buffer[0x1800];
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    PMDL mdl = IoAllocateMdl(buffer + 8, 0x1000, FALSE, FALSE, irp);
+    ASSERT_NE(mdl, nullptr);
+    EXPECT_EQ(irp->MdlAddress, mdl);
+    EXPECT_EQ(MmGetMdlByteCount(mdl), 0x1000u);
+    MmBuildMdlForNonPagedPool(mdl);
+    EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), buffer + 8);
+    EXPECT_EQ(winsim::OutstandingPool()[MAKEFOURCC('M', 'd', 'l', ' ')].blocks, 1u);
+    IoFreeMdl(mdl);
+    IoFreeIrp(irp);
+    EXPECT_TRUE(winsim::CheckPoolEmpty("test end"));
+}
+
+}  // namespace
+}  // namespace kerneltest

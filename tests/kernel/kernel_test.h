@@ -1,0 +1,71 @@
+// The fixture of the kernel tests: a fresh machine whose verifier records,
+// and a failure for every finding the test did not take itself.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "kernel/kernel.h"
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+namespace kerneltest {
+
+class KernelTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        winsim::ResetKernel();
+        winsim::SetVerifierMode(winsim::VerifierMode::Record);
+    }
+
+    void TearDown() override {
+        for (const winsim::Violation& v : winsim::TakeViolations()) {
+            ADD_FAILURE() << "unexpected verifier finding " << v.check << ": " << v.message;
+        }
+    }
+
+    // Takes the findings so far: exactly one, of `check`, whose message
+    // holds every one of `gists`.
+    static void ExpectViolation(std::string_view check,
+                                std::initializer_list<std::string_view> gists = {}) {
+        std::vector<winsim::Violation> found = winsim::TakeViolations();
+        ASSERT_EQ(found.size(), 1u) << Describe(found);
+        EXPECT_EQ(found[0].check, check) << found[0].message;
+        for (std::string_view gist : gists) {
+            EXPECT_NE(found[0].message.find(gist), std::string::npos)
+                << "'" << gist << "' not in: " << found[0].message;
+        }
+    }
+
+    static std::string Describe(const std::vector<winsim::Violation>& found) {
+        std::string text;
+        for (const auto& v : found)
+            text += v.check + ": " + v.message + "\n";
+        return text.empty() ? "no findings" : text;
+    }
+};
+
+// A Windows relative time-out: negative, in 100 ns units.
+inline LARGE_INTEGER RelativeTimeout(double seconds) {
+    LARGE_INTEGER timeout;
+    timeout.QuadPart = -static_cast<int64_t>(seconds * 1e7);
+    return timeout;
+}
+
+inline LARGE_INTEGER NoWait() {
+    LARGE_INTEGER timeout;
+    timeout.QuadPart = 0;
+    return timeout;
+}
+
+// How verifier messages name an address.
+inline std::string AddressText(const void* address) {
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%016llx",
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(address)));
+    return text;
+}
+
+}  // namespace kerneltest

@@ -1,0 +1,104 @@
+// Registry values of a device read with ZwQueryValueKey's partial information.
+#include "kernel_test.h"
+
+#include <cstring>
+
+namespace kerneltest {
+namespace {
+
+constexpr ULONG kHeader = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
+
+class Registry : public KernelTest {
+  protected:
+    void SetUp() override {
+        KernelTest::SetUp();
+        driver = winsim::CreateDriverObject(u"\\Driver\\Usb");
+        pdo = winsim::CreateDeviceObject(driver, 0, 2);
+    }
+
+    void TearDown() override {
+        winsim::DeleteDeviceObject(pdo);
+        winsim::DeleteDriverObject(driver);
+        KernelTest::TearDown();
+    }
+
+    HANDLE OpenDriverKey() {
+        HANDLE key = nullptr;
+        EXPECT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DRIVER, KEY_READ, &key),
+                  STATUS_SUCCESS);
+        return key;
+    }
+
+    NTSTATUS Query(const char16_t* name, ULONG length) {
+        HANDLE key = OpenDriverKey();
+        UNICODE_STRING valueName;
+        RtlInitUnicodeString(&valueName, reinterpret_cast<PCWSTR>(name));
+        std::memset(buffer, 0xEE, sizeof buffer);
+        resultLength = 0;
+        NTSTATUS status = ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, buffer,
+                                          length, &resultLength);
+        EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
+        return status;
+    }
+
+    const KEY_VALUE_PARTIAL_INFORMATION& Info() const {
+        return *reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(buffer);
+    }
+
+    PDRIVER_OBJECT driver;
+    PDEVICE_OBJECT pdo;
+    alignas(8) UCHAR buffer[128];
+    ULONG resultLength;
+};
+
+TEST_F(Registry, StringValueComesWithItsTerminator) {
+    winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, u"CameraModel", u"OX-2");
+    ASSERT_EQ(Query(u"cameramodel", 48), STATUS_SUCCESS) << "names ignore case";
+    EXPECT_EQ(resultLength, kHeader + 10);
+    EXPECT_EQ(Info().TitleIndex, 0u);
+    EXPECT_EQ(Info().Type, ULONG(REG_SZ));
+    EXPECT_EQ(Info().DataLength, 10u);
+    EXPECT_EQ(std::memcmp(Info().Data, u"OX-2", 10), 0);
+}
+
+TEST_F(Registry, MissingValueAndEmptyKeyAreNotFound) {
+    EXPECT_EQ(Query(u"Anything", 48), STATUS_OBJECT_NAME_NOT_FOUND);
+    winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DEVICE, u"Anything", u"elsewhere");
+    EXPECT_EQ(Query(u"Anything", 48), STATUS_OBJECT_NAME_NOT_FOUND) << "another key";
+}
+
+TEST_F(Registry, BufferBelowTheHeaderIsTooSmall) {
+    winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, u"Name", u"x");
+    EXPECT_EQ(Query(u"Name", kHeader - 1), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(resultLength, kHeader + 4);
+}
+
+TEST_F(Registry, DataThatDoesNotFitOverflowsWithTheHeaderFilled) {
+    winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, u"Name", u"a rather long camera name");
+    ULONG needed = kHeader + 26 * 2;
+    ASSERT_EQ(Query(u"Name", 48), STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(resultLength, needed);
+    EXPECT_EQ(Info().Type, ULONG(REG_SZ));
+    EXPECT_EQ(Info().DataLength, 52u);
+    EXPECT_EQ(buffer[kHeader], 0xEE) << "no data copied";
+}
+
+TEST_F(Registry, OpenCanBeMadeToFail) {
+    winsim::FailRegistryOpen(pdo, STATUS_OBJECT_NAME_NOT_FOUND);
+    HANDLE key = nullptr;
+    EXPECT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DRIVER, KEY_READ, &key),
+              STATUS_OBJECT_NAME_NOT_FOUND);
+    winsim::FailRegistryOpen(pdo, STATUS_SUCCESS);
+    ZwClose(OpenDriverKey());
+}
+
+TEST_F(Registry, ClearedDeviceHasNoValues) {
+    winsim::SetRegistryValue(pdo, PLUGPLAY_REGKEY_DRIVER, u"Binary", REG_BINARY, {1, 2, 3});
+    ASSERT_EQ(Query(u"Binary", 48), STATUS_SUCCESS);
+    EXPECT_EQ(Info().Type, ULONG(REG_BINARY));
+    winsim::ClearRegistry(pdo);
+    EXPECT_EQ(Query(u"Binary", 48), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+}  // namespace
+}  // namespace kerneltest

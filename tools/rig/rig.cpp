@@ -1,0 +1,31 @@
+#include "rig/rig.h"
+
+namespace ornixrig {
+
+Rig::Rig(RigOptions options)
+    : camera_(std::make_unique<ornixcam::Camera>(std::move(options.profile))),
+      usb_(std::make_unique<usbsim::UsbStack>(*camera_, options.usb)),
+      streamClass_(std::make_unique<winsim::StreamClass>(&DriverEntry)) {
+    if (options.tracePath) {
+        usb_->StartTrace(*options.tracePath);
+    }
+    PDEVICE_OBJECT pdo = usb_->PhysicalDeviceObject();
+    streamClass_->AddDevice(pdo, options.withoutRealPdo ? nullptr : pdo);
+}
+
+Rig::~Rig() {
+    // The driver goes first: its teardown may still talk to the camera.
+    streamClass_.reset();
+    usb_.reset();
+    camera_.reset();
+}
+
+NTSTATUS Rig::Start() { return streamClass_->Start(); }
+
+NTSTATUS Rig::Stop() { return streamClass_->Stop(); }
+
+PORNIX_DEVICE_CONTEXT Rig::Device() const {
+    return static_cast<PORNIX_DEVICE_CONTEXT>(streamClass_->DeviceExtension());
+}
+
+}  // namespace ornixrig
