@@ -150,6 +150,17 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     // Copy of the 8-bit look-up table.
     PUCHAR Lut8Buffer;
     ULONG Lut8Length;
+
+    // FPGA.
+    ULONG FpgaVersion;  // read after the first successful download; 0 before
+
+    // Product data (VPD).
+
+    // Format state.
+
+    // Property tables.
+
+    // Device events.
 } ORNIX_DEVICE_CONTEXT, *PORNIX_DEVICE_CONTEXT;
 
 // ---------------------------------------------------------------- adapter
@@ -219,6 +230,12 @@ NTSTATUS OrnixSglRead(PORNIX_DEVICE_CONTEXT Ext, USHORT Index, USHORT Value, USH
 NTSTATUS OrnixSglWrite(PORNIX_DEVICE_CONTEXT Ext, USHORT Index, USHORT Value, USHORT Length,
                        PVOID Buffer);
 NTSTATUS OrnixRegRequestComplete(PORNIX_DEVICE_CONTEXT Ext, PVOID WaitRecord, NTSTATUS Status);
+
+// ---------------------------------------------------------------- descriptors and sizing
+
+// ---------------------------------------------------------------- FPGA download
+
+// ---------------------------------------------------------------- product data
 
 // ---------------------------------------------------------------- formats and stream info
 

@@ -27,6 +27,7 @@ fi
 
 for preset in win-x64 win-x86; do
     step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
+    step "test $preset" ctest --preset "$preset"
 done
 
 if ((${#failed[@]} > 0)); then

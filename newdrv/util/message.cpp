@@ -18,7 +18,7 @@ NTSTATUS OrnixMessageWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Header, PVOID Buffer
     ULONG index = ORNIX_MESSAGE_DATA;
     ULONG remaining = Length;
     while (remaining > 0) {
-        ULONG size = remaining <= ORNIX_MESSAGE_PIECE_SIZE - 1 ? remaining : ORNIX_MESSAGE_PIECE_SIZE;
+        ULONG size = remaining < ORNIX_MESSAGE_PIECE_SIZE ? remaining : ORNIX_MESSAGE_PIECE_SIZE;
         status = OrnixBlockWrite(Ext, index, piece, size);
         if (status != STATUS_SUCCESS) {
             return status;

@@ -3,7 +3,6 @@
 #include "usb/usb_stack.h"
 
 #include <algorithm>
-#include <string>
 
 #include "usb/stack_internals.h"
 
@@ -12,7 +11,6 @@ namespace usbsim {
 UsbStack::Impl::Impl(UsbDevice& device, UsbStackOptions options)
     : device(device), options(options) {
     controlPipe = std::make_shared<Pipe>();
-    controlPipe->maximumTransferSize = 0xFFFF;
     abortQueue = std::make_shared<Pipe>();
 
     driver = winsim::CreateDriverObject(u"usbhub");

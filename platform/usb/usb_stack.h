@@ -40,7 +40,13 @@ enum class FaultAction {
     NeverComplete,          // stays pending until cancelled or aborted
     CompleteSynchronously,  // completed inside IoCallDriver, which returns the status
 };
+// FailWithStatus and Stall keep the request from the device. ShortData lets
+// the device answer in full and reports fewer bytes. CompleteSynchronously
+// serves the request at once, ahead of anything queued on its pipe; if the
+// device NAKs it, it pends like any other request.
 
+// Only requests that pass validation are counted against a rule; when several
+// rules fire for one request, the oldest one acts.
 struct FaultRule {
     RequestKind kind = RequestKind::Any;
     uint32_t occurrence = 1;  // the n-th request of this kind from now; 0 = every one
@@ -92,8 +98,11 @@ class UsbStack {
     void Remove();
     bool Removed() const;
 
-    // Writes every request and completion to a pcap file (usbmon, link type
-    // 220) until StopTrace or destruction.
+    // Writes every transaction on the bus, as a submission and a completion
+    // packet, to a pcap file (usbmon, link type 220) until StopTrace or
+    // destruction; URBs that become standard requests (SET_CONFIGURATION,
+    // CLEAR_FEATURE ...) show as those. Throws std::runtime_error when the
+    // file cannot be created.
     void StartTrace(const std::filesystem::path& file);
     void StopTrace();
 

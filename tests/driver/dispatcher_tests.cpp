@@ -14,16 +14,15 @@ using DispatcherTest = DriverTest;
 // Samples the state of a mutex each time the driver prints, that is from
 // inside the handler of the SRB being dispatched.
 class MutexStateWhilePrinting {
-public:
+  public:
     explicit MutexStateWhilePrinting(PKMUTEX mutex) {
-        winsim::SetDebugSink([this, mutex](std::string_view) {
-            states_.push_back(KeReadStateMutex(mutex));
-        });
+        winsim::SetDebugSink(
+            [this, mutex](std::string_view) { states_.push_back(KeReadStateMutex(mutex)); });
     }
     ~MutexStateWhilePrinting() { winsim::SetDebugSink(nullptr); }
     const std::vector<LONG>& States() const { return states_; }
 
-private:
+  private:
     std::vector<LONG> states_;
 };
 
@@ -68,7 +67,12 @@ TEST_P(UnknownCodeTest, CompletesNotImplementedWithMessage) {
 
 INSTANTIATE_TEST_SUITE_P(DeviceInstanceAndOutOfRange, UnknownCodeTest,
                          ::testing::Values(SRB_OPEN_DEVICE_INSTANCE, SRB_CLOSE_DEVICE_INSTANCE,
-                                           0x10Fu));
+                                           0x10Fu),
+                         [](const ::testing::TestParamInfo<ULONG>& info) {
+                             char name[16];
+                             std::snprintf(name, sizeof name, "Code%X", info.param);
+                             return std::string(name);
+                         });
 
 TEST_F(DispatcherTest, UnknownDeviceCommandNamesThePnpMinorFunction) {
     SrbResult result = Class().SendUnknownDeviceCommand(IRP_MJ_PNP, IRP_MN_SURPRISE_REMOVAL);

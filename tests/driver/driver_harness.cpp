@@ -21,7 +21,7 @@ std::ostream& operator<<(std::ostream& out, const WireRequest& request) {
 void DriverTest::SetUp() {
     winsim::ResetKernel();
     winsim::SetVerifierMode(winsim::VerifierMode::Record);
-    winsim::SetTimeScale(1000);
+    winsim::SetTimeScale(kTimeScale);
     camera_ = std::make_unique<ornixcam::Camera>();
     stack_ = std::make_unique<usbsim::UsbStack>(*camera_);
     class_ = std::make_unique<winsim::StreamClass>(&DriverEntry);
@@ -54,7 +54,9 @@ void DriverTest::AddAdapter(PDEVICE_OBJECT realPdo) {
     added_ = true;
 }
 
-NTSTATUS DriverTest::StartAdapter() { return class_->Start(); }
+NTSTATUS DriverTest::StartAdapter() {
+    return class_->Start();
+}
 
 PORNIX_DEVICE_CONTEXT DriverTest::Ext() const {
     return static_cast<PORNIX_DEVICE_CONTEXT>(class_->DeviceExtension());
@@ -78,8 +80,8 @@ void DriverTest::ConfigureCamera() {
     std::vector<uint64_t> descriptorStorage(512 / sizeof(uint64_t));
     URB get{};
     UsbBuildGetDescriptorRequest(&get, sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST),
-                                 USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, 0,
-                                 descriptorStorage.data(), nullptr, 512, nullptr);
+                                 USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, 0, descriptorStorage.data(),
+                                 nullptr, 512, nullptr);
     ASSERT_EQ(OrnixCallUsbd(ext, &get), STATUS_SUCCESS);
     auto* descriptor = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(descriptorStorage.data());
 

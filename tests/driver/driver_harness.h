@@ -22,6 +22,12 @@ namespace ornixtest {
 
 using winsim::SrbResult;
 
+// Simulated seconds per real second. The 5-second limit of a USB request
+// must stay far above any scheduling delay of a loaded test machine (at
+// 1000 it is 5 ms of real time, which sanitizer builds running in parallel
+// do exceed), while the driver's own delays still pass quickly.
+inline constexpr double kTimeScale = 10;
+
 inline constexpr ULONG kDriverTag = 0x206D6457;  // "Wdm "
 inline constexpr ULONG kIrpTag = 0x20707249;     // "Irp ", the kernel's tag for IRPs
 
@@ -44,7 +50,7 @@ struct WireRequest {
 std::ostream& operator<<(std::ostream& out, const WireRequest& request);
 
 class DriverTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
 
@@ -83,7 +89,7 @@ protected:
     // for TearDown to report.
     std::vector<winsim::Violation> TakeViolations(std::string_view check);
 
-private:
+  private:
     std::vector<winsim::Violation> unclaimed_;
     std::unique_ptr<ornixcam::Camera> camera_;
     std::unique_ptr<usbsim::UsbStack> stack_;
@@ -94,12 +100,12 @@ private:
 // Stream contexts as the stream class would allocate them, placed in the
 // stream table without opening a stream.
 class FakeStreams {
-public:
+  public:
     explicit FakeStreams(PORNIX_DEVICE_CONTEXT ext) : ext_(ext) {}
     ~FakeStreams();
     PORNIX_STREAM_CONTEXT Open(ULONG number, KSSTATE state);
 
-private:
+  private:
     PORNIX_DEVICE_CONTEXT ext_;
     ORNIX_STREAM_CONTEXT streams_[ORNIX_MAX_STREAMS] = {};
 };

@@ -13,7 +13,7 @@ namespace ornixtest {
 namespace {
 
 class InitializeTest : public DriverTest {
-protected:
+  protected:
     bool StartsAdapterInSetUp() const override { return false; }
 
     void TearDown() override {
@@ -30,7 +30,7 @@ protected:
         return realPdo_;
     }
 
-private:
+  private:
     PDRIVER_OBJECT busDriver_ = nullptr;
     PDEVICE_OBJECT realPdo_ = nullptr;
 };
@@ -42,34 +42,30 @@ std::string Hex32(const char* label, const void* address) {
     return line;
 }
 
-TEST_F(InitializeTest, DriverEntryAnnouncesItselfAndRegistersSelfSerialisedAdapter) {
+TEST_F(InitializeTest, DriverEntryAnnouncesItselfAndRegistersTheAdapter) {
     EXPECT_EQ(Log().front(), "ORNIX: DriverEntry91");
-    const HW_INITIALIZATION_DATA& registration = Class().Registration();
-    EXPECT_EQ(registration.HwReceivePacket, &OrnixReceivePacket);
-    EXPECT_EQ(registration.HwCancelPacket, &OrnixCancelPacket);
-    EXPECT_EQ(registration.HwRequestTimeoutHandler, &OrnixTimeoutPacket);
-    EXPECT_EQ(registration.DeviceExtensionSize, sizeof(ORNIX_DEVICE_CONTEXT));
-    EXPECT_EQ(registration.PerStreamExtensionSize, sizeof(ORNIX_STREAM_CONTEXT));
-    EXPECT_EQ(registration.PerRequestExtensionSize, 0u);
-    EXPECT_EQ(registration.BufferAlignment, 3u);
-    EXPECT_TRUE(registration.TurnOffSynchronization);
-    EXPECT_FALSE(registration.BusMasterDMA);
+    // The driver serialises adapter requests itself, so that handlers may block.
+    EXPECT_TRUE(Class().Registration().TurnOffSynchronization);
 }
 
 TEST_F(InitializeTest, InitializeDeviceRunsWithoutTheMutexItCreates) {
     AddAdapter();
-    // Waiting on the still zeroed RequestMutex would be a BAD_OBJECT finding.
-    winsim::SetDebugSink([this](std::string_view text) {
-        if (text == "ORNIX: SRB_INITIALIZE_DEVICE\n") {
-            EXPECT_EQ(Ext()->RequestMutex.Header.Type, 0);
-        }
+    // A usable mutex left in the context: a driver that took it here would
+    // hold it while handling the request and then release a mutex that
+    // initialisation had recreated, which it does not own.
+    KeInitializeMutex(&Ext()->RequestMutex, 0);
+    std::vector<LONG> statesWhileHandled;
+    winsim::SetDebugSink([&](std::string_view) {
+        statesWhileHandled.push_back(KeReadStateMutex(&Ext()->RequestMutex));
     });
 
     EXPECT_EQ(StartAdapter(), STATUS_SUCCESS);
 
     winsim::SetDebugSink(nullptr);
+    // The first line is the request's own trace, printed before its handler.
+    ASSERT_FALSE(statesWhileHandled.empty());
+    EXPECT_EQ(statesWhileHandled.front(), 1);
     EXPECT_EQ(KeReadStateMutex(&Ext()->RequestMutex), 1);
-    EXPECT_TRUE(TakeViolations("BAD_OBJECT").empty());
 }
 
 TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContext) {
@@ -81,16 +77,13 @@ TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContext) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
     EXPECT_EQ(ext->Signature, 0x7374EEF1u);
     EXPECT_EQ(ext->Initialized, 1);
-    EXPECT_EQ(ext->Uninitializing, 0);
     EXPECT_EQ(ext->Removed, 0);
     EXPECT_EQ(ext->PixelCorrectionEnabled, 1);
     EXPECT_EQ(ext->DevicePowerState, 1u);
-    EXPECT_EQ(ext->CurrentAltSetting, 0u);
     EXPECT_EQ(ext->CameraId, 0u);
     EXPECT_EQ(ext->StreamContexts[0], nullptr);
     EXPECT_EQ(ext->StreamContexts[1], nullptr);
     EXPECT_EQ(ext->InterfaceInfoTable, nullptr);
-    EXPECT_EQ(ext->ConfigurationHandle, nullptr);
     EXPECT_EQ(ext->InterruptUrb, nullptr);
     EXPECT_EQ(ext->DeferredFreeList, nullptr);
     EXPECT_EQ(ext->Lut8Buffer, nullptr);
@@ -122,10 +115,9 @@ TEST_F(InitializeTest, WithoutRealPdoTheRegistryOfThePdoIsRead) {
     EXPECT_EQ(ext->RealPhysicalDeviceObject, Pdo());
     EXPECT_EQ(ext->CameraId, 0xA2Fu);
     std::vector<std::string> log = Log();
-    const std::vector<std::string> announced{"ORNIX: OrnixInitialize:", Hex32("pExt:", ext),
-                                             Hex32("PDO :", Pdo()),
-                                             Hex32("CDO :", Class().ClassDeviceObject()),
-                                             Hex32("RPDO:", nullptr)};
+    const std::vector<std::string> announced{
+        "ORNIX: OrnixInitialize:", Hex32("pExt:", ext), Hex32("PDO :", Pdo()),
+        Hex32("CDO :", Class().ClassDeviceObject()), Hex32("RPDO:", nullptr)};
     EXPECT_NE(std::search(log.begin(), log.end(), announced.begin(), announced.end()), log.end());
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,9 @@ constexpr uint8_t kIn = 0xC0;
 constexpr uint8_t kOut = 0x40;
 constexpr USHORT kRecord = ORNIX_PROPERTY_BLOCK;
 
-std::vector<uint8_t> Bytes(std::initializer_list<uint8_t> bytes) { return bytes; }
+std::vector<uint8_t> Bytes(std::initializer_list<uint8_t> bytes) {
+    return bytes;
+}
 
 std::vector<uint8_t> Sequence(size_t count, uint8_t first = 0) {
     std::vector<uint8_t> bytes(count);
@@ -63,15 +66,14 @@ TEST_F(RegisterTest, EachOperationIsOneVendorRequestOfItsShape) {
     EXPECT_EQ(OrnixSglWrite(Ext(), 0x51, 0xB0, 3, sglOut.data()), STATUS_SUCCESS);
     EXPECT_EQ(OrnixRegWrite(Ext(), ORNIX_FPGA_MODE, 0xFFFFFFFF), STATUS_SUCCESS);
 
-    EXPECT_EQ(VendorRequests(),
-              (std::vector<WireRequest>{
-                  {kIn, 0x12, 0, 0x0010, 4, Bytes({0x01, 0x00, 0x00, 0x00})},
-                  {kIn, 0x12, 0, kRecord, 8, Bytes({1, 2, 3, 4, 0, 0, 0, 0})},
-                  {kOut, 0x12, 0, kRecord, 8, Bytes({9, 8, 7, 6, 5, 4, 3, 2})},
-                  {kIn, 0x13, 0xA0, 0x50, 8, Sequence(8, 0xE0)},
-                  {kOut, 0x13, 0xB0, 0x51, 3, Bytes({0xA1, 0xA2, 0xA3})},
-                  {kOut, 0x12, 0, 0x0008, 4, Bytes({0xFF, 0xFF, 0xFF, 0xFF})},
-              }));
+    EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{
+                                    {kIn, 0x12, 0, 0x0010, 4, Bytes({0x01, 0x00, 0x00, 0x00})},
+                                    {kIn, 0x12, 0, kRecord, 8, Bytes({1, 2, 3, 4, 0, 0, 0, 0})},
+                                    {kOut, 0x12, 0, kRecord, 8, Bytes({9, 8, 7, 6, 5, 4, 3, 2})},
+                                    {kIn, 0x13, 0xA0, 0x50, 8, Sequence(8, 0xE0)},
+                                    {kOut, 0x13, 0xB0, 0x51, 3, Bytes({0xA1, 0xA2, 0xA3})},
+                                    {kOut, 0x12, 0, 0x0008, 4, Bytes({0xFF, 0xFF, 0xFF, 0xFF})},
+                                }));
     EXPECT_EQ(value, 1u);
     EXPECT_EQ(block, (std::array<uint8_t, 8>{1, 2, 3, 4, 0, 0, 0, 0}));
     EXPECT_EQ(sgl[7], 0xE7);
@@ -116,14 +118,21 @@ TEST_F(RegisterTest, ShortWritesAreNotChecked) {
     EXPECT_EQ(OrnixBlockWrite(Ext(), kRecord, block.data(), 8), STATUS_SUCCESS);
 }
 
-TEST_F(RegisterTest, FailedReadLeavesTheValueAlone) {
-    Stack().AddFault({.kind = RequestKind::VendorDevice, .action = FaultAction::Stall});
+TEST_F(RegisterTest, FailedOperationsReportAndLeaveTheValueAlone) {
+    Stack().AddFault(
+        {.kind = RequestKind::VendorDevice, .occurrence = 0, .action = FaultAction::Stall});
     ULONG value = 0x5555AAAA;
+    std::array<uint8_t, 4> block{};
 
     EXPECT_FALSE(NT_SUCCESS(OrnixRegRead(Ext(), ORNIX_SPEC_VERSION, &value)));
+    EXPECT_FALSE(NT_SUCCESS(OrnixRegWrite(Ext(), ORNIX_EVENT_ENABLE, 7)));
+    EXPECT_FALSE(NT_SUCCESS(OrnixBlockWrite(Ext(), kRecord, block.data(), 4)));
 
     EXPECT_EQ(value, 0x5555AAAAu);
     EXPECT_TRUE(Logged("ORNIX: OrnixRegRead: index:0x0010 FAIOLED"));
+    EXPECT_TRUE(Logged("ORNIX:  OrnixRegWrite fialed"));
+    EXPECT_TRUE(Logged("ORNIX:  OrnixBlockWrite fialed"));
+    EXPECT_FALSE(Logged("ORNIX: OrnixRegWrite, index:0x0224, value:0x00000007 successful"));
 }
 
 // The (index, length) of each piece of a message of the given size.
@@ -131,6 +140,10 @@ struct MessageCase {
     ULONG length;
     std::vector<std::pair<uint16_t, uint16_t>> pieces;
 };
+
+void PrintTo(const MessageCase& c, std::ostream* out) {
+    *out << c.length << " bytes";
+}
 
 class MessageWriteTest : public DriverTest, public ::testing::WithParamInterface<MessageCase> {};
 
@@ -143,9 +156,9 @@ TEST_P(MessageWriteTest, HeaderThenPiecesOfAtMost64Bytes) {
     std::vector<WireRequest> expected{{kOut, 0x12, 0, 0x4FFC, 4, Bytes({0x01, 0x00, 0xDE, 0xC0})}};
     size_t offset = 0;
     for (auto [index, length] : c.pieces) {
-        expected.push_back({kOut, 0x12, 0, index, length,
-                            std::vector<uint8_t>(body.begin() + offset,
-                                                 body.begin() + offset + length)});
+        expected.push_back(
+            {kOut, 0x12, 0, index, length,
+             std::vector<uint8_t>(body.begin() + offset, body.begin() + offset + length)});
         offset += length;
     }
     EXPECT_EQ(VendorRequests(), expected);
@@ -155,7 +168,10 @@ INSTANTIATE_TEST_SUITE_P(
     Lengths, MessageWriteTest,
     ::testing::Values(MessageCase{0, {{0x5000, 0}}}, MessageCase{64, {{0x5000, 64}}},
                       MessageCase{65, {{0x5000, 64}, {0x5040, 1}}},
-                      MessageCase{150, {{0x5000, 64}, {0x5040, 64}, {0x5080, 22}}}));
+                      MessageCase{150, {{0x5000, 64}, {0x5040, 64}, {0x5080, 22}}}),
+    [](const ::testing::TestParamInfo<MessageCase>& info) {
+        return "Bytes" + std::to_string(info.param.length);
+    });
 
 TEST_F(RegisterTest, MessageWithFailingHeaderSendsNoPieces) {
     Stack().AddFault({.kind = RequestKind::VendorDevice, .action = FaultAction::Stall});
@@ -211,19 +227,6 @@ TEST_F(RegisterTest, TraceLinesOfSuccessfulOperations) {
                   "ORNIX: OrnixBlockWrite, index:0x0400, values:0xab 0x0000cdef",
                   "ORNIX: OrnixBlockWrite, index:0x0400, size:0xc",
               }));
-}
-
-TEST_F(RegisterTest, TraceLinesOfFailedWrites) {
-    Stack().AddFault({.kind = RequestKind::VendorDevice, .occurrence = 0,
-                      .action = FaultAction::Stall});
-    std::array<uint8_t, 4> block{};
-
-    OrnixRegWrite(Ext(), 0x0224, 7);
-    OrnixBlockWrite(Ext(), kRecord, block.data(), 4);
-
-    EXPECT_TRUE(Logged("ORNIX:  OrnixRegWrite fialed"));
-    EXPECT_TRUE(Logged("ORNIX:  OrnixBlockWrite fialed"));
-    EXPECT_FALSE(Logged("ORNIX: OrnixRegWrite, index:0x0224, value:0x00000007 successful"));
 }
 
 }  // namespace

@@ -47,9 +47,9 @@ TEST_F(RemovalTest, RunningStreamIsPausedThenStoppedAndPausedStreamStopped) {
     EXPECT_EQ(result.status, STATUS_SUCCESS);
     EXPECT_EQ(capture->State, KSSTATE_STOP);
     EXPECT_EQ(still->State, KSSTATE_STOP);
-    EXPECT_EQ(Log(), (std::vector<std::string>{"ORNIX: SRB_SURPRISE_REMOVAL",
-                                               "ORNIX: S# 0 is paused.", "ORNIX: S# 0 is stopped.",
-                                               "ORNIX: S# 1 is stopped."}));
+    EXPECT_EQ(Log(),
+              (std::vector<std::string>{"ORNIX: SRB_SURPRISE_REMOVAL", "ORNIX: S# 0 is paused.",
+                                        "ORNIX: S# 0 is stopped.", "ORNIX: S# 1 is stopped."}));
 }
 
 TEST_F(RemovalTest, AcquiringAndStoppedStreamsAreLeftAlone) {

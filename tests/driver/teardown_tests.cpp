@@ -10,7 +10,9 @@ namespace {
 
 using TeardownTest = DriverTest;
 
-PVOID DriverBlock(SIZE_T size) { return ExAllocatePoolWithTag(NonPagedPool, size, kDriverTag); }
+PVOID DriverBlock(SIZE_T size) {
+    return ExAllocatePoolWithTag(NonPagedPool, size, kDriverTag);
+}
 
 TEST_F(TeardownTest, UnconfiguresAConfiguredCamera) {
     ConfigureCamera();

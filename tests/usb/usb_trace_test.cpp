@@ -1,126 +1,18 @@
-// The bus trace: a pcap file of usbmon packets that Wireshark tools decode,
+// The bus trace: a pcap file of usbmon packets that Wireshark's tools decode,
 // with large bulk data cut to the snapshot length.
+#include <unistd.h>
+
 #include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-
-#include <unistd.h>
 
 #include "usb_stack_fixture.h"
 
 namespace usbtest {
 namespace {
 
-struct PcapPacket {
-    uint32_t capturedLength = 0;
-    uint32_t originalLength = 0;
-    std::vector<uint8_t> bytes;
-
-    uint32_t U32(size_t offset) const {
-        return bytes[offset] | bytes[offset + 1] << 8 | bytes[offset + 2] << 16 |
-               static_cast<uint32_t>(bytes[offset + 3]) << 24;
-    }
-    char Type() const { return static_cast<char>(bytes[8]); }
-    uint8_t Endpoint() const { return bytes[10]; }
-    int32_t Status() const { return static_cast<int32_t>(U32(28)); }
-    uint32_t UrbLength() const { return U32(32); }
-    uint32_t DataLength() const { return U32(36); }
-};
-
-struct PcapFile {
-    uint32_t snapLength = 0;
-    uint32_t linkType = 0;
-    std::vector<PcapPacket> packets;
-};
-
-uint32_t ReadU32(std::istream& in) {
-    std::array<uint8_t, 4> b{};
-    in.read(reinterpret_cast<char*>(b.data()), 4);
-    return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
-}
-
-PcapFile ReadPcap(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    PcapFile file;
-    EXPECT_EQ(ReadU32(in), 0xA1B2C3D4u);
-    ReadU32(in);  // version
-    ReadU32(in);  // time zone
-    ReadU32(in);  // accuracy
-    file.snapLength = ReadU32(in);
-    file.linkType = ReadU32(in);
-    while (in.peek() != EOF) {
-        PcapPacket packet;
-        ReadU32(in);  // seconds
-        ReadU32(in);  // microseconds
-        packet.capturedLength = ReadU32(in);
-        packet.originalLength = ReadU32(in);
-        packet.bytes.resize(packet.capturedLength);
-        in.read(reinterpret_cast<char*>(packet.bytes.data()), packet.capturedLength);
-        file.packets.push_back(std::move(packet));
-    }
-    return file;
-}
-
-class UsbTraceTest : public UsbStackTest {
-  protected:
-    std::filesystem::path TracePath() const {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        // The process id keeps builds that run the same test at once apart.
-        return std::filesystem::path(::testing::TempDir()) /
-               ("usb_trace_" + std::string(info->name()) + "_" + std::to_string(getpid()) +
-                ".pcap");
-    }
-
-    void RegisterRead() {
-        device.SetRegister(0x0010, 0x01020304);
-        uint8_t data[4];
-        URB urb = VendorUrb(true, 0x12, 0, 0x0010, data, sizeof data);
-        ASSERT_EQ(SubmitUrb(Pdo(), &urb), STATUS_SUCCESS);
-    }
-};
-
-TEST_F(UsbTraceTest, EveryTransactionIsSubmittedAndCompletedWithLargeDataCut) {
-    const std::filesystem::path path = TracePath();
-    stack->StartTrace(path);
-    Configure();
-    RegisterRead();
-    std::vector<uint8_t> frame(0x200000);
-    URB bulk = TransferUrb(PipeFor(FakeUsbDevice::kBulkIn), true, frame.data(), 0x200000);
-    ASSERT_EQ(SubmitUrb(Pdo(), &bulk), STATUS_SUCCESS);
-    stack->StopTrace();
-
-    const PcapFile file = ReadPcap(path);
-    EXPECT_EQ(file.snapLength, 262144u);
-    EXPECT_EQ(file.linkType, 220u);
-    ASSERT_EQ(file.packets.size(), 6u);  // SET_CONFIGURATION, register read, bulk: S and C each
-
-    const PcapPacket& setConfiguration = file.packets[0];
-    EXPECT_EQ(setConfiguration.Type(), 'S');
-    EXPECT_EQ(setConfiguration.bytes[14], '\0');  // a setup packet follows
-    EXPECT_EQ(setConfiguration.bytes[41], 9);     // bRequest SET_CONFIGURATION
-
-    const PcapPacket& readDone = file.packets[3];
-    EXPECT_EQ(readDone.Type(), 'C');
-    EXPECT_EQ(readDone.Endpoint(), 0x80);
-    EXPECT_EQ(readDone.Status(), 0);
-    ASSERT_EQ(readDone.DataLength(), 4u);
-    EXPECT_EQ(readDone.U32(64), 0x01020304u);  // the IN data rides on the completion
-
-    const PcapPacket& bulkSubmitted = file.packets[4];
-    EXPECT_EQ(bulkSubmitted.Status(), -115);  // in progress
-    EXPECT_EQ(bulkSubmitted.UrbLength(), 0x200000u);
-    EXPECT_EQ(bulkSubmitted.DataLength(), 0u);
-
-    const PcapPacket& bulkDone = file.packets[5];
-    EXPECT_EQ(bulkDone.Endpoint(), FakeUsbDevice::kBulkIn);
-    EXPECT_EQ(bulkDone.UrbLength(), 0x200000u);
-    EXPECT_EQ(bulkDone.DataLength(), 262144u - 64);
-    EXPECT_EQ(bulkDone.capturedLength, 262144u);
-    EXPECT_EQ(bulkDone.originalLength, 64u + 0x200000u);
-    std::filesystem::remove(path);
-}
+const std::filesystem::path kTshark = "/usr/bin/tshark";
 
 std::string RunCommand(const std::string& command) {
     std::string output;
@@ -136,25 +28,84 @@ std::string RunCommand(const std::string& command) {
     return output;
 }
 
-TEST_F(UsbTraceTest, TsharkDecodesAVendorRegisterRead) {
-    const std::filesystem::path tshark = "/usr/bin/tshark";
-    if (!std::filesystem::exists(tshark)) {
-        GTEST_SKIP() << "tshark is not installed";
+class UsbTraceTest : public UsbStackTest {
+  protected:
+    void SetUp() override {
+        if (!std::filesystem::exists(kTshark)) {
+            GTEST_SKIP() << "tshark is not installed";
+        }
+        UsbStackTest::SetUp();
+        // The process id keeps builds that run the same test at once apart.
+        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        path =
+            std::filesystem::path(::testing::TempDir()) /
+            ("usb_trace_" + std::string(info->name()) + "_" + std::to_string(getpid()) + ".pcap");
     }
-    const std::filesystem::path path = TracePath();
+
+    void TearDown() override {
+        UsbStackTest::TearDown();
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
+        std::filesystem::remove(path.string() + ".stderr", ignored);
+    }
+
+    void RegisterRead() {
+        device.SetRegister(0x0010, 0x01020304);
+        uint8_t data[4];
+        URB urb = VendorUrb(true, 0x12, 0, 0x0010, data, sizeof data);
+        ASSERT_EQ(SubmitUrb(Pdo(), &urb), STATUS_SUCCESS);
+    }
+
+    // One line per packet, the fields separated by tabs.
+    std::string Decode(const std::string& options) {
+        const std::string errors = path.string() + ".stderr";
+        const std::string decoded =
+            RunCommand(kTshark.string() + " -r " + path.string() + " " + options + " 2>" + errors);
+        if (decoded.empty()) {
+            ADD_FAILURE() << RunCommand("cat " + errors);
+        }
+        return decoded;
+    }
+
+    std::filesystem::path path;
+};
+
+TEST_F(UsbTraceTest, TsharkDecodesAVendorRegisterRead) {
     stack->StartTrace(path);
     RegisterRead();
     stack->StopTrace();
 
-    const std::filesystem::path errors = path.string() + ".stderr";
-    const std::string decoded = RunCommand(tshark.string() + " -r " + path.string() +
-                                           " -Y usb.setup.bRequest -T fields"
-                                           " -e usb.bmRequestType -e usb.setup.bRequest"
-                                           " -e usb.setup.wIndex -e usb.setup.wLength 2>" +
-                                           errors.string());
-    EXPECT_EQ(decoded, "0xc0\t18\t16\t4\n") << RunCommand("cat " + errors.string());
-    std::filesystem::remove(path);
-    std::filesystem::remove(errors);
+    EXPECT_EQ(Decode("-Y usb.setup.bRequest -T fields -e usb.bmRequestType"
+                     " -e usb.setup.bRequest -e usb.setup.wIndex -e usb.setup.wLength"),
+              "0xc0\t18\t16\t4\n");
+}
+
+TEST_F(UsbTraceTest, EveryTransactionIsSubmittedAndCompletedWithLargeDataCut) {
+    stack->StartTrace(path);
+    Configure();
+    RegisterRead();
+    std::vector<uint8_t> frame(0x200000);
+    URB bulk = TransferUrb(PipeFor(FakeUsbDevice::kBulkIn), true, frame.data(), 0x200000);
+    ASSERT_EQ(SubmitUrb(Pdo(), &bulk), STATUS_SUCCESS);
+    stack->StopTrace();
+
+    std::ifstream file(path, std::ios::binary);
+    std::array<uint32_t, 6> header{};  // magic, version, zone, accuracy, snaplen, link type
+    file.read(reinterpret_cast<char*>(header.data()), sizeof header);
+    EXPECT_EQ(header[4], 262144u);
+    EXPECT_EQ(header[5], 220u);
+
+    // Type, transfer type, endpoint, status, URB length, data captured,
+    // packet length and bytes kept; then the request of a setup packet.
+    EXPECT_EQ(Decode("-T fields -e usb.urb_type -e usb.transfer_type -e usb.endpoint_address"
+                     " -e usb.urb_status -e usb.urb_len -e usb.data_len -e frame.len"
+                     " -e frame.cap_len -e usb.setup.bRequest"),
+              "'S'\t0x02\t0x00\t-115\t0\t0\t64\t64\t9\n"
+              "'C'\t0x02\t0x00\t0\t0\t0\t64\t64\t\n"
+              "'S'\t0x02\t0x80\t-115\t4\t0\t64\t64\t18\n"
+              "'C'\t0x02\t0x80\t0\t4\t4\t68\t68\t\n"
+              "'S'\t0x03\t0x81\t-115\t2097152\t0\t64\t64\t\n"
+              "'C'\t0x03\t0x81\t0\t2097152\t262080\t2097216\t262144\t\n");
 }
 
 }  // namespace
