@@ -11,16 +11,30 @@ constexpr uint8_t kVendorType = 0x40;
 constexpr uint8_t kTypeMask = 0x60;
 constexpr uint8_t kRecipientMask = 0x1F;
 
+std::optional<std::pair<uint8_t, uint8_t>> FindFpgaEndpoint(const ConfigurationProfile& c) {
+    for (size_t alternate = 0; alternate < c.alternateSettings.size(); ++alternate) {
+        for (const EndpointProfile& endpoint : c.alternateSettings[alternate].endpoints) {
+            if (endpoint.type == EndpointType::Bulk && !endpoint.IsIn()) {
+                return std::pair{static_cast<uint8_t>(alternate), endpoint.address};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 Camera::Camera(Profile profile)
     : profile_(std::move(profile)),
       standard_(profile_),
-      registers_(BuildRegisterLayout(profile_.FormatBankCount(), profile_.registerAccess),
-                 profile_.registers),
-      fpga_(profile_.PowerUpValue(reg::kFpgaMode)),
+      registers_(profile_.Layout(), profile_.PowerUpRegisters()),
+      fpga_(profile_.fpga, ExpectedFpgaImage()),
+      fpgaEndpoint_(FindFpgaEndpoint(profile_.configuration)),
+      eeproms_(profile_.productData),
+      formatBanks_(profile_),
       shortReads_(profile_.quirks.shortReads) {
     InstallRegisterBehaviour();
+    formatBanks_.Install(registers_);
 }
 
 void Camera::InstallRegisterBehaviour() {
@@ -37,8 +51,8 @@ void Camera::InstallRegisterBehaviour() {
     };
 
     onWrite(reg::kReset, [this](const RegisterWrite& w) { return OnReset(w); });
-    onWrite(reg::kFpgaMode, [this](const RegisterWrite& w) { return fpga_.OnWrite(w); });
-    onRead(reg::kFpgaMode, [this](uint16_t, uint32_t) { return fpga_.Status(); });
+    onWrite(reg::kFpgaMode, [this](const RegisterWrite& w) { return fpga_.OnModeWrite(w); });
+    onRead(reg::kFpgaMode, [this](uint16_t, uint32_t) { return fpga_.OnModeRead(); });
     onWrite(reg::kEventEnable, [this](const RegisterWrite& w) {
         // Only events the camera announces can be enabled.
         const uint32_t supported = registers_.Contains(reg::kInterruptEventSupport)
@@ -111,7 +125,7 @@ Camera::Result Camera::VendorRequest(const usbsim::SetupPacket& setup, std::span
             return setup.DeviceToHost() ? ReadRegisters(setup.wIndex, data)
                                         : WriteRegisters(setup.wIndex, data);
         case vendor_request::kPassThrough:
-            return passThrough_ ? passThrough_(setup, data) : Result::Stall();
+            return passThrough_ ? passThrough_(setup, data) : eeproms_.Handle(setup, data);
         default:
             return Result::Stall();
     }
@@ -160,7 +174,9 @@ Camera::Result Camera::EndpointTransfer(uint8_t address, std::span<uint8_t> data
     }
     if (!endpoint->IsIn() && result.handshake == usbsim::Handshake::Ack) {
         bytesReceived_[address] += result.actual;
-        fpga_.OnImageBytes(result.actual);
+        if (fpgaEndpoint_ && *fpgaEndpoint_ == std::pair{standard_.AlternateSetting(), address}) {
+            fpga_.OnImageTransfer(data.first(std::min<size_t>(result.actual, data.size())));
+        }
     }
     return result;
 }
@@ -221,6 +237,31 @@ uint64_t Camera::BytesReceived(uint8_t endpointAddress) const {
 bool Camera::FpgaProgramMode() const {
     std::lock_guard lock(mutex_);
     return fpga_.ProgramMode();
+}
+
+bool Camera::FpgaConfigured() const {
+    std::lock_guard lock(mutex_);
+    return fpga_.Configured();
+}
+
+uint32_t Camera::FpgaImageTransfers() const {
+    std::lock_guard lock(mutex_);
+    return fpga_.ImageTransfers();
+}
+
+uint8_t Camera::PeekEeprom(uint8_t busAddress, uint16_t offset) const {
+    std::lock_guard lock(mutex_);
+    return eeproms_.Peek(busAddress, offset);
+}
+
+void Camera::PokeEeprom(uint8_t busAddress, uint16_t offset, std::span<const uint8_t> bytes) {
+    std::lock_guard lock(mutex_);
+    eeproms_.Poke(busAddress, offset, bytes);
+}
+
+uint16_t Camera::EepromPointer(uint8_t busAddress) const {
+    std::lock_guard lock(mutex_);
+    return eeproms_.Pointer(busAddress);
 }
 
 uint32_t Camera::EnabledEvents() const {

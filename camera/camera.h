@@ -13,7 +13,9 @@
 #include <span>
 #include <vector>
 
-#include "camera/fpga_mode.h"
+#include "camera/eeprom_bus.h"
+#include "camera/format_banks.h"
+#include "camera/fpga.h"
 #include "camera/message_assembler.h"
 #include "camera/profile.h"
 #include "camera/register_file.h"
@@ -58,6 +60,16 @@ class Camera final : public usbsim::UsbDevice {
     bool EndpointHalted(uint8_t address) const;
     uint64_t BytesReceived(uint8_t endpointAddress) const;  // OUT endpoints
     bool FpgaProgramMode() const;
+    bool FpgaConfigured() const;          // ignores a busy count not yet used up
+    uint32_t FpgaImageTransfers() const;  // since program mode was last entered
+    // The bulk-out endpoint that carries the FPGA image and its alternate
+    // setting: the first bulk-out endpoint in descriptor order, if any.
+    std::optional<std::pair<uint8_t, uint8_t>> FpgaEndpoint() const { return fpgaEndpoint_; }
+    // EEPROMs on the two-wire bus, by 8-bit bus address; these throw
+    // std::out_of_range for a device that is not present.
+    uint8_t PeekEeprom(uint8_t busAddress, uint16_t offset) const;
+    void PokeEeprom(uint8_t busAddress, uint16_t offset, std::span<const uint8_t> bytes);
+    uint16_t EepromPointer(uint8_t busAddress) const;
     uint32_t EnabledEvents() const;
 
     // Misbehaviour: reads starting at `index` return at most `bytes` bytes;
@@ -68,8 +80,9 @@ class Camera final : public usbsim::UsbDevice {
     // what was there before, built-in register behaviour included.
     void SetReadHook(uint16_t index, ReadHook hook);
     void SetWriteHook(uint16_t index, WriteHook hook);
-    void SetPassThroughHandler(PassThroughHandler handler);  // default: stall
-    void SetMessageHandler(MessageHandler handler);          // called after the header and each body piece
+    // Replaces the two-wire bus on request 0x13; an empty handler restores it.
+    void SetPassThroughHandler(PassThroughHandler handler);
+    void SetMessageHandler(MessageHandler handler);  // called after the header and each body piece
     void SetEndpointHandler(uint8_t address, EndpointHandler handler);  // default: IN naks
 
     // Tells the stack an endpoint that answered Nak may have data now (0: all).
@@ -92,7 +105,10 @@ class Camera final : public usbsim::UsbDevice {
     StandardRequests standard_;
     RegisterFile registers_;
     MessageAssembler messages_;
-    FpgaMode fpga_;
+    Fpga fpga_;
+    std::optional<std::pair<uint8_t, uint8_t>> fpgaEndpoint_;  // (alternate setting, address)
+    EepromBus eeproms_;
+    FormatBanks formatBanks_;
     uint32_t enabledEvents_ = 0;
     std::map<uint16_t, uint16_t> shortReads_;
     std::map<uint8_t, uint64_t> bytesReceived_;

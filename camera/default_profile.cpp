@@ -8,7 +8,7 @@ namespace {
 constexpr std::string_view kDefaultProfileJson = R"json(
 {
   "name": "Ornix USB 2.0 camera",
-  "description": "The built-in camera: a high-speed raw-image camera with a capture and a still stream, an event pipe and an FPGA download pipe.",
+  "description": "The built-in camera: a high-speed Bayer camera with a capture and a still stream, an event pipe, an FPGA loaded at start-up, product data with a defect list, and three format banks.",
   "device": {
     "idVendor": "0x1B0F",
     "idProduct": "0x0A2F",
@@ -51,12 +51,64 @@ constexpr std::string_view kDefaultProfileJson = R"json(
       }
     ]
   },
+  "fpga": {
+    "present": true,
+    "startsConfigured": false,
+    "busyPolls": 0,
+    "version": "0x00010203",
+    "image": "expected"
+  },
+  "productData": {
+    "mappingType": 1,
+    "refuseMappingQuery": false,
+    "eeproms": ["0xA0", "0xA2", "0xA8"],
+    "sections": [
+      {"id": 1, "defects": [
+        [808, 98], [748, 118], [1155, 122], [457, 126], [1121, 128], [499, 167], [76, 176],
+        [148, 192], [762, 199], [295, 241], [121, 253], [95, 272], [663, 308], [508, 368],
+        [1147, 370], [211, 384], [1267, 421], [1039, 439], [101, 452], [143, 492], [740, 613],
+        [1176, 614], [1169, 631], [1181, 812], [888, 856], [593, 858], [185, 869], [1016, 875],
+        [703, 919], [1199, 928], [643, 953], [1075, 1013]
+      ]},
+      {"id": 4, "bytes": "4F 52 4E 58 01 00 00 00 00 05 00 04 10 00 20 00"}
+    ],
+    "end": true
+  },
+  "formatBanks": [
+    {
+      "maxSize": [1280, 1024], "unitSize": [8, 2], "size": [1280, 1024], "position": [0, 0],
+      "colorId": 8, "colorInquiry": {"base": 8, "extra": "0x0003", "interlaced": false},
+      "binning": [1, 1],
+      "frequency": {"min": 12000, "max": 48000, "current": 24000},
+      "chart": [12000, 16000, 20000, 24000, 32000, 40000, 48000]
+    },
+    {
+      "maxSize": [1280, 1024], "unitSize": [8, 2], "size": [1280, 1024], "position": [0, 0],
+      "colorId": 12, "colorInquiry": {"base": 12, "extra": "0x0000", "interlaced": false},
+      "binning": [1, 1],
+      "frequency": {"min": 6000, "max": 24000, "current": 12000},
+      "chart": [6000, 8000, 12000, 16000, 24000]
+    },
+    {
+      "maxSize": [640, 512], "unitSize": [8, 2], "size": [640, 512], "position": [0, 0],
+      "colorId": 5, "colorInquiry": {"base": 5, "extra": "0x0000", "interlaced": false},
+      "binning": [1, 1],
+      "frequency": {"min": 12000, "max": 48000, "current": 24000},
+      "chart": [12000, 24000, 36000, 48000]
+    }
+  ],
+  "properties": {
+    "brightness": {"value": 128, "min": 0, "max": 255},
+    "contrast": {"value": 64, "min": 0, "max": 127},
+    "gain": {"value": 100, "min": 100, "max": 1600, "autoAvailable": true},
+    "exposure": {"value": 10000, "min": 100, "max": 2000000, "autoAvailable": true},
+    "record13": {"value": 0, "min": 0, "max": 1},
+    "record20": {"value": 0, "min": 0, "max": 3},
+    "record42": {"value": 1, "min": 0, "max": 1}
+  },
   "registers": {
     "0x0004": 1,
-    "0x0008": "0x00000000",
-    "0x000C": "0x00010203",
     "0x0010": 1,
-    "0x019C": 3,
     "0x0220": "0x00000007",
     "0x0280": 0,
     "0x0284": 0,

@@ -51,6 +51,25 @@ int HexDigit(char c) {
 
 }  // namespace
 
+int64_t Signed(const nlohmann::json& value, const std::string& path, int64_t min, int64_t max) {
+    if (value.is_number_integer() && !value.is_number_unsigned()) {
+        const int64_t parsed = value.get<int64_t>();
+        if (parsed >= min && parsed <= max) {
+            return parsed;
+        }
+        Fail(path, "expected an integer in " + std::to_string(min) + ".." + std::to_string(max) +
+                       ", got " + Shown(value));
+    }
+    return static_cast<int64_t>(Unsigned(value, path, static_cast<uint64_t>(max)));
+}
+
+bool Bool(const nlohmann::json& value, const std::string& path) {
+    if (!value.is_boolean()) {
+        Fail(path, "expected true or false, got " + Shown(value));
+    }
+    return value.get<bool>();
+}
+
 void Fail(const std::string& path, std::string_view what) {
     throw ProfileError(path + ": " + std::string(what));
 }

@@ -25,6 +25,11 @@ std::vector<uint8_t> HexBytes(const nlohmann::json& value, const std::string& pa
 // UTF-8 JSON text as UTF-16 code units.
 std::u16string Utf16Text(const nlohmann::json& value, const std::string& path);
 
+// A JSON integer in min..max (negative allowed), or a "0x..." hex string in 0..max.
+int64_t Signed(const nlohmann::json& value, const std::string& path, int64_t min, int64_t max);
+
+bool Bool(const nlohmann::json& value, const std::string& path);
+
 const std::string& Text(const nlohmann::json& value, const std::string& path);
 
 void RequireObject(const nlohmann::json& value, const std::string& path);

@@ -89,20 +89,113 @@ struct Quirks {
     bool operator==(const Quirks&) const = default;
 };
 
+// The FPGA behind the mode register (0x0008) and the version register (0x000C).
+enum class FpgaImageCheck : uint8_t {
+    Expected,  // only the release-0 image, byte for byte, configures it
+    Any,       // any non-empty single transfer configures it
+};
+
+struct FpgaProfile {
+    bool present = true;  // false: the camera has neither FPGA register
+    bool startsConfigured = false;
+    uint32_t busyPolls = 0;  // mode-register reads that show busy after an image
+    uint32_t version = 0;    // register 0x000C
+    FpgaImageCheck image = FpgaImageCheck::Expected;
+
+    bool operator==(const FpgaProfile&) const = default;
+};
+
+// One section of the product data: its id and payload, laid out behind a
+// 4-byte header.
+struct ProductDataSection {
+    uint8_t id = 0;
+    std::vector<uint8_t> payload;
+
+    bool operator==(const ProductDataSection&) const = default;
+};
+
+// The EEPROMs on the two-wire bus and what they hold.
+struct ProductDataProfile {
+    uint32_t mappingType = 0;  // answered by the mapping-type query
+    bool refuseMappingQuery = false;
+    std::vector<ProductDataSection> sections;
+    bool end = true;  // an end header (FF FF FF FF) follows the sections
+    std::vector<uint8_t> eeproms = {0xA0, 0xA2, 0xA8};  // 8-bit bus addresses present
+    // Raw contents from offset 0, written over the laid-out sections.
+    std::map<uint8_t, std::vector<uint8_t>> eepromImages;
+    std::optional<uint8_t> probeByte;  // the byte at 0xA0 offset 0
+
+    bool operator==(const ProductDataProfile&) const = default;
+};
+
+struct Size16 {
+    uint16_t width = 0;
+    uint16_t height = 0;
+
+    uint32_t Packed() const { return width | uint32_t{height} << 16; }
+    bool operator==(const Size16&) const = default;
+};
+
+// One capture format bank and the still bank of the same number.
+struct FormatBankProfile {
+    Size16 maxSize;
+    Size16 unitSize;
+    Size16 size;
+    int16_t startX = 0;
+    int16_t startY = 0;
+    uint8_t colorId = 0;
+    bool interlaced = false;  // colour-id read-back bit 24
+    bool bottomUp = false;    // colour-id read-back bit 25
+    uint32_t colorInquiry = 0;
+    Size16 binning{1, 1};
+    uint16_t frequencyMin = 0;
+    uint16_t frequencyMax = 0;
+    uint32_t frequencyCurrent = 0;
+    std::vector<uint16_t> chart;
+    std::optional<uint32_t> chartCount;  // the count register, when it disagrees with the chart
+
+    uint32_t ChartCount() const { return chartCount.value_or(static_cast<uint32_t>(chart.size())); }
+    uint32_t ColorIdFlags() const {
+        return (interlaced ? 1u << 24 : 0) | (bottomUp ? 1u << 25 : 0);
+    }
+    bool operator==(const FormatBankProfile&) const = default;
+};
+
+// One 16-byte property record.
+struct PropertyRecordProfile {
+    uint32_t control = 0;  // bit 31 present, bit 30 automatic available, bit 14 automatic on
+    uint32_t value = 0;
+    uint32_t minimum = 0;
+    uint32_t maximum = 0;
+
+    bool operator==(const PropertyRecordProfile&) const = default;
+};
+
 struct Profile {
     std::string name;
     DeviceProfile device;
     std::vector<uint16_t> languages = {0x0409};  // string descriptor 0
     std::map<uint8_t, std::u16string> strings;   // index -> text
     ConfigurationProfile configuration;
-    std::map<uint16_t, uint32_t> registers;     // power-up values; absent means 0
+    FpgaProfile fpga;
+    ProductDataProfile productData;
+    std::vector<FormatBankProfile> formatBanks;
+    std::map<uint8_t, PropertyRecordProfile> properties;  // record number -> record
+    // Power-up values set directly; they win over the values derived from
+    // `fpga`, `formatBanks` and `properties`.
+    std::map<uint16_t, uint32_t> registers;
     std::map<uint16_t, Access> registerAccess;  // changes to the standard layout
     RawDescriptors rawDescriptors;
     Quirks quirks;
 
     // Capture/still bank pairs that exist, as announced by the format-count register.
     unsigned FormatBankCount() const;
+    // Every register's power-up value (absent means 0), for the registers in Layout().
+    std::map<uint16_t, uint32_t> PowerUpRegisters() const;
     uint32_t PowerUpValue(uint16_t index) const;
+    // Which registers exist: the standard layout, minus an absent FPGA, with
+    // `registerAccess` applied.
+    std::map<uint16_t, Access> Layout() const;
 
     bool operator==(const Profile&) const = default;
 };

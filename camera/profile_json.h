@@ -2,6 +2,7 @@
 // a base profile.
 #pragma once
 
+#include <filesystem>
 #include <string_view>
 
 #include "camera/profile.h"
@@ -9,6 +10,8 @@
 namespace ornixcam {
 
 // Fields present in `json` replace those of `base`; throws ProfileError.
-Profile ProfileFromJson(std::string_view json, Profile base);
+// Files named in the profile ("@name") are looked up in `baseDirectory`.
+Profile ProfileFromJson(std::string_view json, Profile base,
+                        const std::filesystem::path& baseDirectory = {});
 
 }  // namespace ornixcam

@@ -8,6 +8,7 @@
 #include "camera/json_values.h"
 #include "camera/profile.h"
 #include "camera/profile_json.h"
+#include "camera/profile_sections.h"
 #include "camera/register_layout.h"
 
 namespace ornixcam {
@@ -253,8 +254,7 @@ void ParseQuirks(const json& object, Quirks& quirks, Mentions& mentioned) {
 // Values inherited from the base for registers this document removed are dropped.
 void CheckRegisters(Profile& profile, const Mentions& valueMentions,
                     const Mentions& quirkMentions) {
-    const RegisterLayout layout =
-        BuildRegisterLayout(profile.FormatBankCount(), profile.registerAccess);
+    const RegisterLayout layout = profile.Layout();
     std::erase_if(profile.registers, [&](const auto& entry) {
         if (layout.contains(entry.first))
             return false;
@@ -284,11 +284,13 @@ json ParseText(std::string_view text) {
 
 }  // namespace
 
-Profile ProfileFromJson(std::string_view text, Profile profile) {
+Profile ProfileFromJson(std::string_view text, Profile profile,
+                        const std::filesystem::path& baseDirectory) {
     const json root = ParseText(text);
-    json_values::RequireFields(root, "",
-                               {"name", "description", "device", "strings", "configuration",
-                                "registers", "registerAccess", "rawDescriptors", "quirks"});
+    json_values::RequireFields(
+        root, "",
+        {"name", "description", "device", "strings", "configuration", "fpga", "productData",
+         "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks"});
     Mentions valueMentions;
     Mentions quirkMentions;
     if (auto it = root.find("name"); it != root.end()) {
@@ -305,6 +307,18 @@ Profile ProfileFromJson(std::string_view text, Profile profile) {
     }
     if (auto it = root.find("configuration"); it != root.end()) {
         ParseConfiguration(*it, profile.configuration);
+    }
+    if (auto it = root.find("fpga"); it != root.end()) {
+        ParseFpga(*it, profile.fpga);
+    }
+    if (auto it = root.find("productData"); it != root.end()) {
+        ParseProductData(*it, profile.productData, baseDirectory);
+    }
+    if (auto it = root.find("formatBanks"); it != root.end()) {
+        profile.formatBanks = ParseFormatBanks(*it);
+    }
+    if (auto it = root.find("properties"); it != root.end()) {
+        ParseProperties(*it, profile.properties);
     }
     if (auto it = root.find("registerAccess"); it != root.end()) {
         ParseRegisterAccess(*it, profile);
@@ -343,7 +357,7 @@ Profile LoadProfile(const std::filesystem::path& path) {
     std::ostringstream text;
     text << file.rdbuf();
     try {
-        return ParseProfile(text.str());
+        return ProfileFromJson(text.str(), DefaultProfile(), path.parent_path());
     } catch (const ProfileError& error) {
         throw ProfileError(path.string() + ": " + error.what());
     }

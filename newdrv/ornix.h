@@ -5,6 +5,7 @@
 #include <wdm.h>
 #include <strmini.h>
 #include <ks.h>
+#include <ksmedia.h>
 #include <usb.h>
 #include <usbdi.h>
 #include <usbdlib.h>
@@ -155,12 +156,76 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     ULONG FpgaVersion;  // read after the first successful download; 0 before
 
     // Product data (VPD).
+    // The image runs from logical offset 0 through the end header; the two
+    // sections point into it and die with it.
+    PUCHAR VpdImage;
+    ULONG VpdLength;
+    PUCHAR DefectSection;  // payload of section 1, the defective-pixel list
+    ULONG DefectSectionLength;
+    PUCHAR Section4;
+    ULONG Section4Length;
 
-    // Format state.
+    // Format state. The capture format table lives on the deferred-free list:
+    // CaptureStreamInfo is one block, a HW_STREAM_INFORMATION followed by
+    // CaptureFormats, the pointers to each record's data range.
+    PHW_STREAM_INFORMATION CaptureStreamInfo;  // NULL when no table exists
+    PKSDATAFORMAT* CaptureFormats;
+    ULONG CaptureFormatCount;
+    BOOLEAN Monochrome;   // some bank offers monochrome 8
+    ULONG SensorLayout;   // 0 when unreadable
+    ULONG SensorOrigin;   // 0 when unreadable
+    // Capture selection: what is programmed in the camera's capture bank.
+    struct _ORNIX_FORMAT_RECORD* CaptureFormat;  // NULL when none
+    struct _ORNIX_FORMAT_RECORD* NextCaptureFormat;
+    ULONG CaptureColourValue;
+    ULONG BinningX;
+    ULONG BinningY;
+    ULONG WindowWidth;  // 0: the window must be rewritten
+    ULONG WindowHeight;
+    LONG StartX;
+    LONG StartY;
+    USHORT FreqMin;  // all three 0 when unknown
+    USHORT FreqMax;
+    USHORT FreqCur;
+    LONGLONG CaptureFrameInterval;  // 100 ns units
+    // Still selection.
+    struct _ORNIX_FORMAT_RECORD* StillFormat;  // NULL when none
+    ULONG StillColourValue;
+    ULONG StillBinningX;
+    ULONG StillBinningY;
+    ULONG StillWindowWidth;  // 0: the window must be rewritten
+    ULONG StillWindowHeight;
+    LONG StillStartX;
+    LONG StillStartY;
+    // Binning and start asked for, applied at the next selection.
+    ULONG RequestedBinX;
+    ULONG RequestedBinY;
+    ULONG RequestedStartX;
+    ULONG RequestedStartY;
+    ULONG RequestedStillBinX;
+    ULONG RequestedStillBinY;
+    ULONG RequestedStillStartX;
+    ULONG RequestedStillStartY;
+    // Frame-rate chart of the capture format: frequencies, ascending.
+    PUSHORT KFreqChart;  // NULL when not built
+    LONG KFreqChartCount;
+    USHORT KFreqChartMin;
+    USHORT KFreqChartMax;
+    USHORT KFreqChartCur;
 
-    // Property tables.
+    // Property tables. PropertySets is one deferred-free block: the set
+    // entries, then items, values, members lists, steppings and defaults.
+    PKSPROPERTY_SET PropertySets;          // NULL when no table exists
+    ULONG PropertySetCount;
+    PKSPROPERTY_STEPPING_LONG ExposureRange;  // inside PropertySets; NULL without exposure
 
-    // Device events.
+    // Device events. EventSets is one deferred-free block: the set entries,
+    // then the device-event items.
+    PKSEVENT_SET EventSets;  // NULL when no event set exists
+    ULONG EventSetCount;     // 0 to 2
+    LONG StiEventCount;      // enables minus disables while the still-trigger set exists
+    LONG DeviceEventCount;   // the same while the device-event set exists
+    BOOLEAN NoEventRegisters;  // the camera reported no events: write no enable mask
 } ORNIX_DEVICE_CONTEXT, *PORNIX_DEVICE_CONTEXT;
 
 // ---------------------------------------------------------------- adapter
@@ -181,7 +246,21 @@ VOID OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext);
 NTSTATUS OrnixInitialize(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 VOID OrnixFindCameraId(PORNIX_DEVICE_CONTEXT Ext);
 NTSTATUS OrnixConfigureAll(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS OrnixConfigureDevice(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS OrnixSelectConfiguration(PORNIX_DEVICE_CONTEXT Ext,
+                                  PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor);
+// Rebuilds the pipe map from the pipe records of a built, unsubmitted
+// request; always 0.
+ULONG OrnixAssignPipes(PORNIX_DEVICE_CONTEXT Ext, PUSBD_INTERFACE_LIST_ENTRY InterfaceList);
+NTSTATUS InitializeHardware(PORNIX_DEVICE_CONTEXT Ext);
+// Whether every descriptor lies inside the Returned bytes and each interface
+// is followed by as many endpoint-sized descriptors as it announces.
+BOOLEAN OrnixConfigurationDescriptorIsSound(PUSB_CONFIGURATION_DESCRIPTOR Descriptor,
+                                            ULONG Returned);
 NTSTATUS OrnixUninitializeDevice(PORNIX_DEVICE_CONTEXT Ext);
+// Built by the formats and events subsystems during bring-up.
+NTSTATUS OrnixBuildStreamsInfo(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- USB requests and pipes
 
@@ -233,12 +312,120 @@ NTSTATUS OrnixRegRequestComplete(PORNIX_DEVICE_CONTEXT Ext, PVOID WaitRecord, NT
 
 // ---------------------------------------------------------------- descriptors and sizing
 
+// The driver's own USBD_ParseConfigurationDescriptorEx and
+// USBD_CreateConfigurationRequestEx. Some DDK headers declare them as
+// imports from usbd.sys; declaring them again as plain functions makes every
+// caller use the driver's versions.
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wattributes"
+#endif
+extern "C" PUSB_INTERFACE_DESCRIPTOR NTAPI USBD_ParseConfigurationDescriptorEx(
+    PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor, PVOID StartPosition,
+    LONG InterfaceNumber, LONG AlternateSetting, LONG InterfaceClass, LONG InterfaceSubClass,
+    LONG InterfaceProtocol);
+extern "C" PURB NTAPI USBD_CreateConfigurationRequestEx(
+    PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor, PUSBD_INTERFACE_LIST_ENTRY InterfaceList);
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+
+// 0 when the camera has no readable eight-digit serial number.
+ULONG OrnixGetSerialNumber(PORNIX_DEVICE_CONTEXT Ext);
+// 0 for a colour id the driver does not know.
+ULONG OrnixBitsPerPixel(ULONG ColourId);
+// Bytes of one frame on the bulk pipe; 0 for a zero width or height.
+ULONG GetUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, ULONG ColourId, ULONG Width,
+                      ULONG Height);
+// Frame bytes of the stream's current format; *VariableSize (optional) tells
+// whether frames of that format vary in size (colour id 129).
+ULONG GetStreamUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, PBOOLEAN VariableSize);
+// Largest frame of the format table; 4096 before the formats are known.
+ULONG OrnixGetMaximumFrameSize(PORNIX_DEVICE_CONTEXT Ext);
+
 // ---------------------------------------------------------------- FPGA download
+
+// The FPGA configuration images, indexed by the device release number
+// (bcdDevice). The bytes are opaque and sent unchanged.
+typedef struct _ORNIX_FPGA_IMAGE {
+    const UCHAR* Data;
+    ULONG Length;
+} ORNIX_FPGA_IMAGE;
+extern const ORNIX_FPGA_IMAGE FpgaImageTable[];
+extern const ULONG FpgaImageCount;
+
+// The image of release 0, embedded at build time from data/fpga/.
+extern "C" const unsigned char OrnixFpgaImageRelease0[];
+extern "C" const unsigned int OrnixFpgaImageRelease0Length;
+
+// IRQL: PASSIVE_LEVEL. One bulk transfer on a pipe of the FPGA alternate
+// setting, returning once it has finished.
+NTSTATUS BulkAsynchTransfer(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PMDL BufferMdl, ULONG Length,
+                            ULONG PipeIndex, BOOLEAN DirectionIn);
+// IRQL: PASSIVE_LEVEL. Configures the camera's FPGA unless it already is.
+NTSTATUS OrnixProgramFpga(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- product data
 
+// EEPROM access over the camera's two-wire bus. IRQL: PASSIVE_LEVEL.
+NTSTATUS OrnixEepromRead(PORNIX_DEVICE_CONTEXT Ext, UCHAR BusAddress, PVOID Buffer, ULONG Count,
+                         USHORT Offset);
+NTSTATUS OrnixProbeEeprom(PORNIX_DEVICE_CONTEXT Ext, PBOOLEAN Flag);
+LONG OrnixGetVpdMappingType(PORNIX_DEVICE_CONTEXT Ext);  // -1: no product data
+NTSTATUS OrnixReadVpdRange(PORNIX_DEVICE_CONTEXT Ext, LONG MappingType, PVOID Buffer, ULONG Count,
+                           ULONG Position);
+
+// The cached product-data image. Reading replaces it (PASSIVE_LEVEL); the
+// section look-ups and the invalidation send nothing to the camera.
+NTSTATUS OrnixReadVpd(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS OrnixFindVpdSection(PORNIX_DEVICE_CONTEXT Ext, PUCHAR* Section, PULONG Length,
+                             UCHAR SectionId);
+NTSTATUS OrnixReturnVpdSection(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PULONG Length,
+                               UCHAR SectionId);
+NTSTATUS OrnixInvalidateVpd(PORNIX_DEVICE_CONTEXT Ext);
+
 // ---------------------------------------------------------------- formats and stream info
 
+// One offered capture format: a camera format bank with one colour id. The
+// stream class sees only DataRange; CONTAINING_RECORD leads back here. For
+// 8-bit colour ids the block is larger: DataRange is then really a
+// KS_DATARANGE_VIDEO_PALETTE whose colour table follows the header.
+typedef struct _ORNIX_FORMAT_RECORD {
+    ULONG FormatIndex;  // bank number
+    ULONG ColourId;
+    ULONG ColourId2;  // always equal to ColourId
+    struct _ORNIX_FORMAT_RECORD* Next;
+    KS_DATARANGE_VIDEO DataRange;
+} ORNIX_FORMAT_RECORD, *PORNIX_FORMAT_RECORD;
+
+// Allocation size of a record with and without the colour table.
+#define ORNIX_FORMAT_RECORD_SIZE sizeof(ORNIX_FORMAT_RECORD)
+#define ORNIX_PALETTE_FORMAT_RECORD_SIZE \
+    (FIELD_OFFSET(ORNIX_FORMAT_RECORD, DataRange) + sizeof(KS_DATARANGE_VIDEO_PALETTE))
+
+// Builds the capture format table from the camera's format banks and resets
+// the capture and still selection. IRQL: PASSIVE_LEVEL.
+NTSTATUS OrnixBuildStreamsInfo(PORNIX_DEVICE_CONTEXT Ext);
+
+// Format, pin and stream property set GUIDs (the platform names in comments).
+extern const GUID OrnixSubtypeRaw8;
+extern const GUID OrnixSubtypeRaw16;
+extern const GUID OrnixSubtypeRaw16B;
+extern const GUID OrnixSubtypeIyrb;
+extern const GUID OrnixSubtypeCnt;
+extern const GUID OrnixSubtypeFltr;
+extern const GUID OrnixFormatTypeVideo;       // KSDATAFORMAT_TYPE_VIDEO
+extern const GUID OrnixSpecifierVideoInfo;    // KSDATAFORMAT_SPECIFIER_VIDEOINFO
+extern const GUID OrnixPinNameVideoCapture;   // PINNAME_VIDEO_CAPTURE
+extern const GUID OrnixPinNameVideoStill;     // PINNAME_VIDEO_STILL
+extern const GUID OrnixPropSetConnection;     // KSPROPSETID_Connection
+extern const GUID OrnixPropSetDroppedFrames;  // PROPSETID_VIDCAP_DROPPEDFRAMES
+
+// The filter's categories, and the property sets of every pin: allocator
+// framing and dropped frames.
+extern const KSTOPOLOGY OrnixFilterTopology;
+#define ORNIX_STREAM_PROPERTY_SET_COUNT 2
+extern const KSPROPERTY_SET OrnixStreamPropertySets[ORNIX_STREAM_PROPERTY_SET_COUNT];
 NTSTATUS AdapterStreamInfo(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS AdapterFormatFromRange(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 
@@ -256,6 +443,43 @@ BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream)
 // ---------------------------------------------------------------- properties
 
 NTSTATUS OrnixBuildStreamHeader(PORNIX_DEVICE_CONTEXT Ext);
+
+// Property groups of the record map.
+#define ORNIX_GROUP_VIDEOPROCAMP 1
+#define ORNIX_GROUP_CAMERACONTROL 2
+#define ORNIX_GROUP_OXCUSTOM 3
+
+// Bits of a property record's control word (ORNIX_PROPERTY_RECORD).
+#define ORNIX_PROPERTY_PRESENT 0x80000000
+#define ORNIX_PROPERTY_AUTO_AVAILABLE 0x40000000
+#define ORNIX_PROPERTY_AUTO_ON 0x00004000
+
+// FALSE when (Group, Id) has no record: form no register index then.
+BOOLEAN OrnixPropertyRecordIndex(ULONG Group, ULONG Id, PULONG Record);
+VOID OrnixFillRangedPropertyItem(ULONG Id, LONG Default, LONG Minimum, LONG Maximum,
+                                 PKSPROPERTY_ITEM Item, PKSPROPERTY_VALUES Values,
+                                 PKSPROPERTY_MEMBERSLIST Members,
+                                 PKSPROPERTY_STEPPING_LONG Stepping, PLONG DefaultSlot,
+                                 ULONG MinimumSize);
+VOID OrnixFillPlainPropertyItem(ULONG Id, PKSPROPERTY_ITEM Item);
+
+// Register units <-> the units of the standard property sets.
+LONG OrnixBrightnessToProperty(LONG Value);
+LONG OrnixBrightnessToRegister(LONG Value);
+LONG OrnixContrastToProperty(LONG Value);
+LONG OrnixContrastToRegister(LONG Value);
+ULONG OrnixGainToProperty(ULONG Value);
+ULONG OrnixGainToRegister(ULONG Value);
+LONG OrnixExposureToProperty(ULONG Value);
+ULONG OrnixExposureToRegister(LONG Value);
+
+// Property-set GUIDs; the driver carries its own copies.
+extern const GUID OrnixPropSetVideoProcAmp;    // PROPSETID_VIDCAP_VIDEOPROCAMP
+extern const GUID OrnixPropSetCameraControl;   // PROPSETID_VIDCAP_CAMERACONTROL
+extern const GUID OrnixPropSetVideoControl;    // PROPSETID_VIDCAP_VIDEOCONTROL
+extern const GUID OrnixPropSetOxCustom;        // PROPSETID_VIDCAP_OXCUSTOM
+extern const GUID OrnixPropSetTevrinSgl;       // PROPSETID_ORNIX_TEVRINSGL
+extern const GUID OrnixPropTypeSetGeneral;     // KSPROPTYPESETID_General
 NTSTATUS ORNIX_GetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 
@@ -264,3 +488,10 @@ NTSTATUS ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_
 NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext);
 NTSTATUS InterruptFreeResources(PORNIX_DEVICE_CONTEXT Ext);
 NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor);
+NTSTATUS OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
+VOID OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext);
+VOID OrnixNotifyForOrnixEvents(PORNIX_DEVICE_CONTEXT Ext, ULONG EventMask);
+
+// Event-set GUIDs; the driver carries its own copies.
+extern const GUID OrnixEventSetVidCapToSti;  // KSEVENTSETID_VIDCAPTOSTI
+extern const GUID OrnixEventSetOxEvents;     // KSEVENTSETID_OXEVENTS

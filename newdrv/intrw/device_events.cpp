@@ -1,7 +1,64 @@
-// Enabling and disabling of device events by the stream class.
+// Enabling and disabling of device events by the stream class, and the
+// signalling of still-image triggers and camera device events.
 #include "ornix.h"
 
+#include <ksmedia.h>
+
+// The stream class keeps the enabled events itself; the counters only tell
+// whether anybody listens. They are plain words: a notification racing with
+// an enable sees the count before or after it.
+// IRQL: PASSIVE_LEVEL, outside the adapter request dispatcher.
 NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor) {
-    OrnixVerbose(ORNIX_PREFIX "OrnixDeviceEventProc not implemented\n");
-    return STATUS_NOT_IMPLEMENTED;
+    PORNIX_DEVICE_CONTEXT Ext = (PORNIX_DEVICE_CONTEXT)EventDescriptor->DeviceExtension;
+    BOOLEAN enable = EventDescriptor->Enable;
+    OrnixVerbose(ORNIX_PREFIX "OrnixDeviceEventProc: Index:%d, Enable:%d, EventEntry:0x%08lx\n",
+                 (int)EventDescriptor->EnableEventSetIndex, (int)enable,
+                 (ULONG)(ULONG_PTR)EventDescriptor->EventEntry);
+
+    if (enable && EventDescriptor->EnableEventSetIndex >= Ext->EventSetCount) {
+        DbgPrint(ORNIX_PREFIX "OrnixDeviceEventProc: Failing because index out of range\n");
+        return STATUS_INVALID_PARAMETER;
+    }
+    // Disables are accepted after removal so that listeners can leave.
+    if (enable && Ext->Removed) {
+        DbgPrint(ORNIX_PREFIX "OrnixDeviceEventProc: Failing because removed\n");
+        return STATUS_DEVICE_REMOVED;
+    }
+
+    // Both counters follow every enable and disable, whichever set it names.
+    LONG step = enable ? 1 : -1;
+    if (Ext->StreamCount > 1) {
+        Ext->StiEventCount += step;
+    }
+    if (Ext->InterruptPipe != ORNIX_NO_PIPE) {
+        Ext->DeviceEventCount += step;
+    }
+    return Ext->EventSetCount > 0 ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
+}
+
+static VOID OrnixSignalDeviceEvent(PORNIX_DEVICE_CONTEXT Ext, const GUID* Set, ULONG EventId) {
+    StreamClassDeviceNotification(SignalMultipleDeviceEvents, Ext, NULL, NULL, (GUID*)Set, EventId);
+}
+
+// Called when a still frame has been delivered. IRQL: <= DISPATCH_LEVEL.
+VOID OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext) {
+    OrnixVerbose(ORNIX_PREFIX "OrnixNotifyStiMonitor, eventCount = %d\n", (int)Ext->StiEventCount);
+    if (Ext->StiEventCount != 0) {
+        OrnixSignalDeviceEvent(Ext, &OrnixEventSetVidCapToSti, KSEVENT_VIDCAPTOSTI_EXT_TRIGGER);
+    }
+}
+
+// One event per set bit of an interrupt packet, in ascending bit order.
+// IRQL: <= DISPATCH_LEVEL (interrupt transfer completion).
+VOID OrnixNotifyForOrnixEvents(PORNIX_DEVICE_CONTEXT Ext, ULONG EventMask) {
+    DbgPrint(ORNIX_PREFIX "OrnixNotifyForOrnixEvents, eventCount = %d, events: 0x%08lx\n",
+             (int)Ext->DeviceEventCount, EventMask);
+    if (Ext->DeviceEventCount == 0) {
+        return;
+    }
+    for (ULONG n = 0; n < 32 && (EventMask >> n) != 0; n++) {
+        if ((EventMask >> n) & 1) {
+            OrnixSignalDeviceEvent(Ext, &OrnixEventSetOxEvents, n);
+        }
+    }
 }

@@ -135,9 +135,49 @@ typedef struct {
     ULONG Flags;
 } KSPROPERTY_MEMBERSHEADER, *PKSPROPERTY_MEMBERSHEADER;
 
+// ---- property value descriptions (ranges, steps, defaults)
+
+// Type set of the property values: the driver carries its own copy of the
+// GUID (97E99BA0-BDEA-11CF-A5D6-28DB04C10000), as it does for every set.
+DEFINE_GUIDSTRUCT("97E99BA0-BDEA-11CF-A5D6-28DB04C10000", KSPROPTYPESETID_General);
+
+// Variant type ids used as property type ids within KSPROPTYPESETID_General.
+#ifndef VT_I4
+enum { VT_I4 = 3 };
+#endif
+
+#define KSPROPERTY_MEMBER_RANGES 0x00000001
+#define KSPROPERTY_MEMBER_STEPPEDRANGES 0x00000002
+#define KSPROPERTY_MEMBER_VALUES 0x00000003
+
+#define KSPROPERTY_MEMBER_FLAG_DEFAULT 0x00000001
+
+typedef union {
+    struct {
+        LONG SignedMinimum;
+        LONG SignedMaximum;
+    };
+    struct {
+        ULONG UnsignedMinimum;
+        ULONG UnsignedMaximum;
+    };
+} KSPROPERTY_BOUNDS_LONG, *PKSPROPERTY_BOUNDS_LONG;
+
 typedef struct {
+    ULONG SteppingDelta;
+    ULONG Reserved;
+    KSPROPERTY_BOUNDS_LONG Bounds;
+} KSPROPERTY_STEPPING_LONG, *PKSPROPERTY_STEPPING_LONG;
+
+typedef struct _KSPROPERTY_MEMBERSLIST {
+    KSPROPERTY_MEMBERSHEADER MembersHeader;
+    const VOID* Members;
+} KSPROPERTY_MEMBERSLIST, *PKSPROPERTY_MEMBERSLIST;
+
+typedef struct {
+    KSIDENTIFIER PropTypeSet;
     ULONG MembersListCount;
-    const struct _KSPROPERTY_MEMBERSLIST* MembersList;
+    const KSPROPERTY_MEMBERSLIST* MembersList;
 } KSPROPERTY_VALUES, *PKSPROPERTY_VALUES;
 
 typedef struct {
@@ -201,3 +241,33 @@ typedef struct {
     ULONG EventsCount;
     const KSEVENT_ITEM* EventItem;
 } KSEVENT_SET, *PKSEVENT_SET;
+
+// ---- connection properties of a pin (allocator framing)
+
+typedef enum {
+    KSPROPERTY_CONNECTION_STATE,
+    KSPROPERTY_CONNECTION_PRIORITY,
+    KSPROPERTY_CONNECTION_DATAFORMAT,
+    KSPROPERTY_CONNECTION_ALLOCATORFRAMING,
+    KSPROPERTY_CONNECTION_PROPOSEDATAFORMAT,
+    KSPROPERTY_CONNECTION_ACQUIREORDERING,
+    KSPROPERTY_CONNECTION_ALLOCATORFRAMING_EX,
+    KSPROPERTY_CONNECTION_STARTAT
+} KSPROPERTY_CONNECTION;
+
+// What a pin asks of the allocator that feeds it.
+typedef struct {
+    union {
+        ULONG OptionsFlags;
+        ULONG RequirementsFlags;
+    };
+    POOL_TYPE PoolType;
+    ULONG Frames;
+    ULONG FrameSize;
+    ULONG FileAlignment;
+    ULONG Reserved;
+} KSALLOCATOR_FRAMING, *PKSALLOCATOR_FRAMING;
+
+#ifdef __LP64__
+static_assert(sizeof(KSALLOCATOR_FRAMING) == 24, "KSALLOCATOR_FRAMING layout");
+#endif

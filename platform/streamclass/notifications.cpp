@@ -6,6 +6,7 @@
 
 #include "kernel/kernel.h"
 #include "streamclass/adapter_directory.h"
+#include "streamclass/device_events.h"
 #include "streamclass/srb_registry.h"
 
 namespace {
@@ -44,6 +45,9 @@ extern "C" void StreamClassDeviceNotification(STREAM_MINIDRIVER_DEVICE_NOTIFICAT
     va_list args;
     va_start(args, HwDeviceExtension);
     auto* srb = va_arg(args, PHW_STREAM_REQUEST_BLOCK);
+    if (NotificationType == SignalMultipleDeviceEvents) {
+        winsim::ReportDeviceEvent(HwDeviceExtension, args);  // reads the remaining arguments
+    }
     va_end(args);
 
     winsim::SrbRegistry* srbs = winsim::FindAdapter(HwDeviceExtension);

@@ -18,6 +18,11 @@ namespace {
 // before the verifier calls it lost: generous, in simulated time.
 constexpr int64_t kAdapterSrbPatience100ns = 120LL * 10'000'000;
 
+// Guard behind the stream descriptor buffer, to catch overruns: room for a
+// whole extra stream record, the usual mistake.
+constexpr size_t kGuardBytes = 256;
+constexpr uint8_t kGuardFill = 0xCD;
+
 const char16_t kDriverName[] = u"\\Driver\\ornix";
 const char16_t kRegistryPath[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ornix";
 
@@ -35,10 +40,15 @@ struct StreamClass::Impl {
     void* extension = nullptr;  // the minidriver's device extension (class-owned memory)
     bool started = false;
     ULONG streamDescriptorSize = 0;
+    std::vector<uint8_t> streamDescriptor;
+    NTSTATUS streamInfoStatus = STATUS_PENDING;
+    FilterView filter;
 
     SrbRegistry srbs;
     // Used only when the minidriver keeps the class's own serialisation.
     std::mutex serialise;
+
+    NTSTATUS GetStreamInfo();
 
     SrbResult Send(SRB_COMMAND command, void* commandData, ULONG bytes, PIRP irp, bool isValue,
                    ULONG value) {
@@ -75,14 +85,52 @@ struct StreamClass::Impl {
     }
 };
 
+NTSTATUS StreamClass::Impl::GetStreamInfo() {
+    streamDescriptor.clear();
+    filter = FilterView{};
+    const ULONG size = streamDescriptorSize;
+    if (size < sizeof(HW_STREAM_HEADER) + sizeof(HW_STREAM_INFORMATION)) {
+        ReportViolation("STREAM_INFO", "StreamDescriptorSize " + std::to_string(size) +
+                                           " cannot hold a header and one stream");
+        streamInfoStatus = STATUS_INVALID_PARAMETER;
+        return streamInfoStatus;
+    }
+    // Exactly the announced size, zeroed as the class allocates it, with a
+    // guard behind it to catch a minidriver that writes past the end.
+    std::vector<uint8_t> buffer(size + kGuardBytes, 0);
+    std::memset(buffer.data() + size, kGuardFill, kGuardBytes);
+    const SrbResult result = Send(SRB_GET_STREAM_INFO, buffer.data(), size, nullptr, false, 0);
+    streamInfoStatus = result.completed ? result.status : STATUS_IO_TIMEOUT;
+    for (size_t i = size; i < buffer.size(); ++i) {
+        if (buffer[i] != kGuardFill) {
+            ReportViolation("STREAM_INFO", "SRB_GET_STREAM_INFO wrote past the " +
+                                               std::to_string(size) + "-byte stream descriptor");
+            streamInfoStatus = STATUS_BUFFER_OVERFLOW;
+            return streamInfoStatus;
+        }
+    }
+    if (!NT_SUCCESS(streamInfoStatus)) {
+        return streamInfoStatus;
+    }
+    buffer.resize(size);
+    const auto* header = reinterpret_cast<const HW_STREAM_HEADER*>(buffer.data());
+    if (!ValidateStreamDescriptor(*header, size)) {
+        streamInfoStatus = STATUS_INVALID_PARAMETER;
+        return streamInfoStatus;
+    }
+    filter = DecodeStreamDescriptor(*header);
+    streamDescriptor = std::move(buffer);
+    return streamInfoStatus;
+}
+
 StreamClass::StreamClass(PDRIVER_INITIALIZE driverEntry) : impl_(std::make_unique<Impl>()) {
     impl_->driver = CreateDriverObject(kDriverName);
     impl_->registryPath.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(kRegistryPath));
-    impl_->registryPath.Length = static_cast<USHORT>((std::size(kRegistryPath) - 1) * sizeof(WCHAR));
+    impl_->registryPath.Length =
+        static_cast<USHORT>((std::size(kRegistryPath) - 1) * sizeof(WCHAR));
     impl_->registryPath.MaximumLength = static_cast<USHORT>(sizeof(kRegistryPath));
-    RunAtIrql(PASSIVE_LEVEL, [&] {
-        impl_->entryStatus = driverEntry(impl_->driver, &impl_->registryPath);
-    });
+    RunAtIrql(PASSIVE_LEVEL,
+              [&] { impl_->entryStatus = driverEntry(impl_->driver, &impl_->registryPath); });
     if (auto registration = FindRegistration(impl_->driver)) {
         impl_->registration = *registration;
     } else if (NT_SUCCESS(impl_->entryStatus)) {
@@ -109,9 +157,13 @@ StreamClass::~StreamClass() {
     CheckPoolEmpty("driver unload");
 }
 
-NTSTATUS StreamClass::DriverEntryStatus() const { return impl_->entryStatus; }
+NTSTATUS StreamClass::DriverEntryStatus() const {
+    return impl_->entryStatus;
+}
 
-const HW_INITIALIZATION_DATA& StreamClass::Registration() const { return impl_->registration; }
+const HW_INITIALIZATION_DATA& StreamClass::Registration() const {
+    return impl_->registration;
+}
 
 void StreamClass::AddDevice(PDEVICE_OBJECT pdo, PDEVICE_OBJECT realPdo) {
     if (!NT_SUCCESS(impl_->entryStatus)) {
@@ -148,6 +200,11 @@ NTSTATUS StreamClass::Start() {
     }
     impl_->started = true;
     impl_->streamDescriptorSize = config.StreamDescriptorSize;
+    const NTSTATUS info = impl_->GetStreamInfo();
+    if (!NT_SUCCESS(info)) {
+        Stop();
+        return info;
+    }
     impl_->Send(SRB_INITIALIZATION_COMPLETE, nullptr, 0, nullptr, false, 0);
     return init.status;
 }
@@ -157,11 +214,35 @@ NTSTATUS StreamClass::Stop() {
         return STATUS_SUCCESS;
     }
     impl_->started = false;
+    // The descriptor points into tables the minidriver frees now; the
+    // decoded view stays.
+    impl_->streamDescriptor.clear();
     const SrbResult result = impl_->Send(SRB_UNINITIALIZE_DEVICE, nullptr, 0, nullptr, false, 0);
     return result.status;
 }
 
-ULONG StreamClass::StreamDescriptorSize() const { return impl_->streamDescriptorSize; }
+ULONG StreamClass::StreamDescriptorSize() const {
+    return impl_->streamDescriptorSize;
+}
+
+const std::vector<uint8_t>& StreamClass::StreamDescriptor() const {
+    return impl_->streamDescriptor;
+}
+
+const HW_STREAM_HEADER* StreamClass::StreamHeader() const {
+    if (impl_->streamDescriptor.empty()) {
+        return nullptr;
+    }
+    return reinterpret_cast<const HW_STREAM_HEADER*>(impl_->streamDescriptor.data());
+}
+
+NTSTATUS StreamClass::StreamInfoStatus() const {
+    return impl_->streamInfoStatus;
+}
+
+const FilterView& StreamClass::Filter() const {
+    return impl_->filter;
+}
 
 SrbResult StreamClass::SendAdapterSrb(SRB_COMMAND command, void* commandData,
                                       ULONG numberOfBytesToTransfer, PIRP irp) {
@@ -188,10 +269,20 @@ SrbResult StreamClass::SendUnknownDeviceCommand(UCHAR majorFunction, UCHAR minor
     return result;
 }
 
-PDEVICE_OBJECT StreamClass::ClassDeviceObject() const { return impl_->classDevice; }
-PVOID StreamClass::DeviceExtension() const { return impl_->extension; }
-PDRIVER_OBJECT StreamClass::DriverObject() const { return impl_->driver; }
-uint64_t StreamClass::SrbsSent() const { return impl_->srbs.Sent(); }
-uint64_t StreamClass::SrbsCompleted() const { return impl_->srbs.Completed(); }
+PDEVICE_OBJECT StreamClass::ClassDeviceObject() const {
+    return impl_->classDevice;
+}
+PVOID StreamClass::DeviceExtension() const {
+    return impl_->extension;
+}
+PDRIVER_OBJECT StreamClass::DriverObject() const {
+    return impl_->driver;
+}
+uint64_t StreamClass::SrbsSent() const {
+    return impl_->srbs.Sent();
+}
+uint64_t StreamClass::SrbsCompleted() const {
+    return impl_->srbs.Completed();
+}
 
 }  // namespace winsim

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "streamclass/filter_view.h"
+
 namespace winsim {
 
 // The result of one SRB as the stream class saw it come back.
@@ -23,7 +25,7 @@ struct SrbResult {
 };
 
 class StreamClass {
-public:
+  public:
     // Calls driverEntry with a fresh driver object and a registry path; the
     // minidriver must call StreamClassRegisterAdapter from it.
     explicit StreamClass(PDRIVER_INITIALIZE driverEntry);
@@ -42,14 +44,27 @@ public:
     // may be NULL, as the real class may pass none.
     void AddDevice(PDEVICE_OBJECT pdo, PDEVICE_OBJECT realPdo = nullptr);
 
-    // SRB_INITIALIZE_DEVICE with PORT_CONFIGURATION_INFORMATION, then, on
-    // success, SRB_INITIALIZATION_COMPLETE. Returns the first status.
+    // SRB_INITIALIZE_DEVICE with PORT_CONFIGURATION_INFORMATION; on success
+    // SRB_GET_STREAM_INFO into a buffer of exactly StreamDescriptorSize bytes,
+    // then SRB_INITIALIZATION_COMPLETE. A failed or unusable stream descriptor
+    // fails the start after SRB_UNINITIALIZE_DEVICE, as on Windows. Returns
+    // the first failure, else STATUS_SUCCESS.
     NTSTATUS Start();
     // SRB_UNINITIALIZE_DEVICE; afterwards the extension is released.
     NTSTATUS Stop();
 
     // The stream descriptor size announced by SRB_INITIALIZE_DEVICE.
     ULONG StreamDescriptorSize() const;
+
+    // The stream descriptor returned by SRB_GET_STREAM_INFO (empty before a
+    // successful start). Its pointers lead into the minidriver's tables and
+    // are valid only while the adapter is started; Stop() drops it.
+    const std::vector<uint8_t>& StreamDescriptor() const;
+    const HW_STREAM_HEADER* StreamHeader() const;
+    // The status SRB_GET_STREAM_INFO came back with.
+    NTSTATUS StreamInfoStatus() const;
+    // What applications see of the filter, decoded at start.
+    const FilterView& Filter() const;
 
     // Sends one adapter SRB and waits for its completion. `commandData` goes
     // into the SRB's CommandData (e.g. a DEVICE_POWER_STATE or a pointer).
@@ -69,7 +84,7 @@ public:
     uint64_t SrbsSent() const;
     uint64_t SrbsCompleted() const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

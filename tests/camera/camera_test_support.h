@@ -93,4 +93,23 @@ inline Reply TransferIn(usbsim::UsbDevice& device, uint8_t endpoint, size_t leng
     return reply;
 }
 
+// Two-wire bus accesses through request 0x13, with 8-bit bus addresses.
+inline uint16_t SglValue(uint8_t busAddress, size_t count) {
+    return static_cast<uint16_t>(busAddress >> 1 | count << 8);
+}
+
+inline usbsim::Handshake SetEepromPointer(usbsim::UsbDevice& device, uint8_t busAddress,
+                                          uint16_t offset) {
+    return Out(device, 0x40, vendor_request::kPassThrough, SglValue(busAddress, 2), 0,
+               {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)});
+}
+
+inline Reply ReadEeprom(usbsim::UsbDevice& device, uint8_t busAddress, uint16_t count) {
+    return In(device, 0xC0, vendor_request::kPassThrough, SglValue(busAddress, count), 0, count);
+}
+
+inline Reply QueryMappingType(usbsim::UsbDevice& device) {
+    return In(device, 0xC0, vendor_request::kPassThrough, 0, 12, 4);
+}
+
 }  // namespace ornixcam::test

@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -51,7 +54,7 @@ TEST(ParseProfile, OverridesTheDefaultFieldByField) {
 }
 
 struct BadProfile {
-    const char* json;
+    std::string json;
     const char* blamed;  // what the error message must mention
 };
 
@@ -117,6 +120,69 @@ INSTANTIATE_TEST_SUITE_P(
                    "rawDescriptors.device: not a hex digit"},
         BadProfile{R"({"quirks": {"shortReads": {"0x0214": 2}}})", "quirks.shortReads.0x0214"},
         BadProfile{R"({"quirks": {"slowReads": {}}})", "quirks.slowReads: unknown field"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    DeviceModels, ParseProfileErrors,
+    ::testing::Values(
+        BadProfile{R"({"fpga": {"present": 1}})", "fpga.present: expected true or false"},
+        BadProfile{R"({"fpga": {"image": "release0"}})", "fpga.image"},
+        BadProfile{R"({"fpga": {"busyPolls": -1}})", "fpga.busyPolls"},
+        BadProfile{R"({"fpga": {"versio": 1}})", "fpga.versio: unknown field"},
+        BadProfile{R"({"productData": {"sections": [{"bytes": "00"}]}})",
+                   "productData.sections[0].id: missing"},
+        BadProfile{R"({"productData": {"sections": [{"id": 1, "defects": [[1, 2, 3]]}]}})",
+                   "productData.sections[0].defects[0]"},
+        BadProfile{R"({"productData": {"sections": [{"id": 1, "defects": [[65536, 0]]}]}})",
+                   "productData.sections[0].defects[0][0]"},
+        BadProfile{R"({"productData": {"sections": [{"id": 1, "defects": [], "bytes": ""}]}})",
+                   "productData.sections[0]: give either"},
+        BadProfile{R"({"productData": {"mappingType": 0, "sections": [{"id": 1, "bytes": ")" +
+                       std::string(2 * 0x700, 'A') + R"("}]}})",
+                   "productData.sections: 1800 bytes do not fit the 1792 bytes of mapping type 0"},
+        BadProfile{R"({"productData": {"eeproms": ["0xA0"]}})",
+                   "productData.sections: mapping type 1 needs EEPROM 0xA2"},
+        BadProfile{R"({"productData": {"eeproms": ["0xA4"]}})", "productData.eeproms[0]"},
+        BadProfile{R"({"productData": {"eepromImages": {"0xA1": "00"}}})",
+                   "productData.eepromImages.0xA1"},
+        BadProfile{R"({"productData": {"eepromImages": {"0xA2": "@no-such-file.bin"}}})",
+                   "productData.eepromImages.0xA2: cannot open"},
+        BadProfile{R"({"productData": {"probeByte": 256}})", "productData.probeByte"},
+        BadProfile{R"({"formatBanks": {}})", "formatBanks: expected an array"},
+        BadProfile{R"({"formatBanks": [{"maxSize": [1280]}]})", "formatBanks[0].maxSize"},
+        BadProfile{R"({"formatBanks": [{}, {"size": [1, 65536]}]})", "formatBanks[1].size[1]"},
+        BadProfile{R"({"formatBanks": [{"position": [-32769, 0]}]})", "formatBanks[0].position[0]"},
+        BadProfile{R"({"formatBanks": [{"colorInquiry": {"extra": "0x10000"}}]})",
+                   "formatBanks[0].colorInquiry.extra"},
+        BadProfile{R"({"formatBanks": [{"frequency": {"min": 70000}}]})",
+                   "formatBanks[0].frequency.min"},
+        BadProfile{R"({"formatBanks": [{"chart": [1, 65536]}]})", "formatBanks[0].chart[1]"},
+        BadProfile{R"({"formatBanks": [{"colourId": 8}]})", "formatBanks[0].colourId: unknown"},
+        BadProfile{R"({"formatBanks": [)" +
+                       [] {
+                           std::string banks;
+                           for (int i = 0; i < 33; ++i)
+                               banks += i ? ",{}" : "{}";
+                           return banks;
+                       }() +
+                       "]}",
+                   "formatBanks: at most 32"},
+        BadProfile{R"({"properties": {"brightnes": {}}})", "properties.brightnes: not a property"},
+        BadProfile{R"({"properties": {"record57": {}}})", "properties.record57"},
+        BadProfile{R"({"properties": {"gain": {"value": -2147483649}}})", "properties.gain.value"},
+        BadProfile{R"({"properties": {"gain": {"minimum": 0}}})",
+                   "properties.gain.minimum: unknown field"}));
+
+TEST(LoadProfile, ReadsEepromImagesNextToTheProfile) {
+    const auto directory = std::filesystem::temp_directory_path() /
+                           ("ornix-camera-profile-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(directory);
+    std::ofstream(directory / "a2.bin", std::ios::binary) << "\x12\x34";
+    std::ofstream(directory / "camera.json")
+        << R"({"productData": {"sections": [], "eepromImages": {"0xA2": "@a2.bin"}}})";
+    const Profile profile = LoadProfile(directory / "camera.json");
+    std::filesystem::remove_all(directory);
+    EXPECT_EQ(profile.productData.eepromImages.at(0xA2), (std::vector<uint8_t>{0x12, 0x34}));
+}
 
 TEST(LoadProfile, NamesTheFileInErrors) {
     EXPECT_THAT([] { LoadProfile("/nonexistent/camera.json"); },

@@ -142,7 +142,7 @@ TEST(ResetRegister, RestoresSettingsOnlyForTheMagicValue) {
     EXPECT_EQ(camera.PeekRegister(property), 0x1234u);
 
     ASSERT_EQ(WriteRegister(camera, reg::kReset, reg::kResetMagic), Handshake::Ack);
-    EXPECT_EQ(camera.PeekRegister(property), 0u);
+    EXPECT_EQ(camera.PeekRegister(property), DefaultProfile().PowerUpValue(property));
     EXPECT_EQ(camera.PeekRegister(reg::kStillTrigger), 0u);
     EXPECT_EQ(camera.EnabledEvents(), 0u);
     EXPECT_EQ(camera.PeekRegister(reg::kFpgaVersion), 0x00090000u);
@@ -154,31 +154,6 @@ TEST(EventMask, EnablesOnlySupportedEventsAndDisablesAny) {
     EXPECT_EQ(camera.EnabledEvents(), 0x7u);
     WriteRegister(camera, reg::kEventDisable, 0x2);
     EXPECT_EQ(camera.EnabledEvents(), 0x5u);
-}
-
-TEST(FpgaMode, ReportsConfiguredAfterAnImageArrivesInProgramMode) {
-    Camera camera;
-    test::SetConfiguration(camera);
-    test::SetInterface(camera, 1);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
-
-    // Leaving program mode without an image does not configure the FPGA.
-    WriteRegister(camera, reg::kFpgaMode, reg::kFpgaEnterProgramMode);
-    EXPECT_TRUE(camera.FpgaProgramMode());
-    WriteRegister(camera, reg::kFpgaMode, reg::kFpgaLeaveProgramMode);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
-
-    WriteRegister(camera, reg::kFpgaMode, reg::kFpgaEnterProgramMode);
-    test::TransferOut(camera, 0x02, std::vector<uint8_t>(512, 0xFF));
-    WriteRegister(camera, reg::kFpgaMode, 0x1234);  // not a command: ignored
-    EXPECT_TRUE(camera.FpgaProgramMode());
-    WriteRegister(camera, reg::kFpgaMode, reg::kFpgaLeaveProgramMode);
-    EXPECT_FALSE(camera.FpgaProgramMode());
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
-
-    // The configuration survives a settings reset.
-    WriteRegister(camera, reg::kReset, reg::kResetMagic);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
 }
 
 TEST(RegisterHooks, GiveRegistersBehaviour) {
@@ -217,8 +192,9 @@ TEST(RegisterAccessOverrides, ChangeOrRemoveRegisters) {
     EXPECT_THROW(camera.PeekRegister(reg::kSupport0), std::out_of_range);
 }
 
-TEST(PassThrough, StallsUntilAHandlerIsInstalled) {
+TEST(PassThrough, AHandlerReplacesTheTwoWireBusUntilRemoved) {
     Camera camera;
+    // 7-bit address 0x20 has no device on the bus.
     EXPECT_EQ(test::In(camera, 0xC0, vendor_request::kPassThrough, 0xA0, 0, 8).handshake(),
               Handshake::Stall);
 
@@ -233,6 +209,11 @@ TEST(PassThrough, StallsUntilAHandlerIsInstalled) {
     EXPECT_EQ(seen.wValue, 0xA0);
     EXPECT_EQ(seen.wIndex, 0x12);
     EXPECT_EQ(seen.wLength, 8);
+
+    camera.SetPassThroughHandler({});
+    EXPECT_EQ(test::In(camera, 0xC0, vendor_request::kPassThrough, 0xA0, 0x12, 8).handshake(),
+              Handshake::Stall);
+    EXPECT_EQ(test::In(camera, 0xC0, vendor_request::kPassThrough, 0, 12, 4).data, Le32(1));
 }
 
 }  // namespace

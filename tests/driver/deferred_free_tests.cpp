@@ -9,7 +9,14 @@
 namespace ornixtest {
 namespace {
 
-using DeferredFreeTest = DriverTest;
+// Starts from an adapter that holds nothing: its bring-up tables released.
+class DeferredFreeTest : public DriverTest {
+  protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        OrnixUninitializeDevice(Ext());
+    }
+};
 
 PVOID DriverBlock() {
     return ExAllocatePoolWithTag(NonPagedPool, 24, kDriverTag);

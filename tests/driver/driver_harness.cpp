@@ -22,7 +22,7 @@ void DriverTest::SetUp() {
     winsim::ResetKernel();
     winsim::SetVerifierMode(winsim::VerifierMode::Record);
     winsim::SetTimeScale(kTimeScale);
-    camera_ = std::make_unique<ornixcam::Camera>();
+    camera_ = std::make_unique<ornixcam::Camera>(CameraProfile());
     stack_ = std::make_unique<usbsim::UsbStack>(*camera_);
     class_ = std::make_unique<winsim::StreamClass>(&DriverEntry);
     ASSERT_EQ(class_->DriverEntryStatus(), STATUS_SUCCESS);
@@ -55,79 +55,27 @@ void DriverTest::AddAdapter(PDEVICE_OBJECT realPdo) {
 }
 
 NTSTATUS DriverTest::StartAdapter() {
-    return class_->Start();
+    const NTSTATUS status = class_->Start();
+    countsAtStart_.clear();
+    for (int kind = 0; kind <= static_cast<int>(usbsim::RequestKind::Any); ++kind) {
+        countsAtStart_.push_back(stack_->Counts(static_cast<usbsim::RequestKind>(kind)));
+    }
+    return status;
 }
 
 PORNIX_DEVICE_CONTEXT DriverTest::Ext() const {
     return static_cast<PORNIX_DEVICE_CONTEXT>(class_->DeviceExtension());
 }
 
-namespace {
-
-// The camera's pipes by alternate setting of interface 0: the video setting
-// with capture, still and interrupt pipe, and the FPGA download setting.
-constexpr ULONG kVideoPipes = 3;
-constexpr ULONG kFpgaPipes = 1;
-constexpr ULONG kVideoTransferSize = 4096;
-constexpr ULONG kFpgaTransferSize = 0x17EE7;
-constexpr UCHAR kFpgaEndpoint = 0x02;
-
-}  // namespace
+uint64_t DriverTest::SubmittedSinceStart(usbsim::RequestKind kind) const {
+    const size_t index = static_cast<size_t>(kind);
+    const uint64_t before = index < countsAtStart_.size() ? countsAtStart_[index].submitted : 0;
+    return stack_->Counts(kind).submitted - before;
+}
 
 void DriverTest::ConfigureCamera() {
-    PORNIX_DEVICE_CONTEXT ext = Ext();
-
-    std::vector<uint64_t> descriptorStorage(512 / sizeof(uint64_t));
-    URB get{};
-    UsbBuildGetDescriptorRequest(&get, sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST),
-                                 USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, 0, descriptorStorage.data(),
-                                 nullptr, 512, nullptr);
-    ASSERT_EQ(OrnixCallUsbd(ext, &get), STATUS_SUCCESS);
-    auto* descriptor = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(descriptorStorage.data());
-
-    const size_t videoLength = GET_USBD_INTERFACE_SIZE(kVideoPipes);
-    const size_t fpgaLength = GET_USBD_INTERFACE_SIZE(kFpgaPipes);
-    const size_t selectLength = offsetof(struct _URB_SELECT_CONFIGURATION, Interface) + videoLength;
-    std::vector<uint64_t> selectStorage((selectLength + 7) / 8);
-    auto* select = reinterpret_cast<struct _URB_SELECT_CONFIGURATION*>(selectStorage.data());
-    select->Hdr.Length = static_cast<USHORT>(selectLength);
-    select->Hdr.Function = URB_FUNCTION_SELECT_CONFIGURATION;
-    select->ConfigurationDescriptor = descriptor;
-    select->Interface.Length = static_cast<USHORT>(videoLength);
-    for (ULONG i = 0; i < kVideoPipes; ++i) {
-        select->Interface.Pipes[i].MaximumTransferSize = kVideoTransferSize;
-    }
-    ASSERT_EQ(OrnixCallUsbd(ext, reinterpret_cast<PURB>(select)), STATUS_SUCCESS);
-
-    // The table as USB configuration keeps it: pointers, then the records.
-    const size_t pointers = 2 * sizeof(PUSBD_INTERFACE_INFORMATION);
-    auto* table = static_cast<PUSBD_INTERFACE_INFORMATION*>(
-        ExAllocatePoolWithTag(NonPagedPool, pointers + videoLength + fpgaLength, kDriverTag));
-    ASSERT_NE(table, nullptr);
-    auto* records = reinterpret_cast<uint8_t*>(table) + pointers;
-    table[0] = reinterpret_cast<PUSBD_INTERFACE_INFORMATION>(records);
-    table[1] = reinterpret_cast<PUSBD_INTERFACE_INFORMATION>(records + videoLength);
-    std::memcpy(table[0], &select->Interface, videoLength);
-    std::memset(table[1], 0, fpgaLength);
-    table[1]->Length = static_cast<USHORT>(fpgaLength);
-    table[1]->AlternateSetting = 1;
-    table[1]->NumberOfPipes = kFpgaPipes;
-    table[1]->Pipes[0].EndpointAddress = kFpgaEndpoint;
-    table[1]->Pipes[0].PipeType = UsbdPipeTypeBulk;
-    table[1]->Pipes[0].MaximumPacketSize = 512;
-    table[1]->Pipes[0].MaximumTransferSize = kFpgaTransferSize;
-
-    ext->InterfaceInfoTable = table;
-    ext->ConfigurationHandle = select->ConfigurationHandle;
-    ext->CurrentAltSetting = 0;
-    ext->VideoAltSetting = 0;
-    ext->CapturePipe = 0;
-    ext->StillPipe = 1;
-    ext->InterruptPipe = 2;
-    ext->FpgaAltSetting = 1;
-    ext->FpgaPipe = 0;
-    ext->StreamCount = 2;
-
+    ASSERT_NE(Ext()->ConfigurationHandle, nullptr);
+    ASSERT_NE(Ext()->InterfaceInfoTable, nullptr);
     camera_->ClearRequests();
     winsim::ClearDebugLog();
 }

@@ -54,9 +54,11 @@ class DriverTest : public ::testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // Tests that must prepare the registry or the PDOs first return false
-    // and call AddAdapter and StartAdapter themselves.
+    // Tests that must prepare the registry, the PDOs or USB faults first
+    // return false and call AddAdapter and StartAdapter themselves.
     virtual bool StartsAdapterInSetUp() const { return true; }
+    // The camera plugged in for the test.
+    virtual ornixcam::Profile CameraProfile() const { return ornixcam::DefaultProfile(); }
     void AddAdapter(PDEVICE_OBJECT realPdo = nullptr);
     NTSTATUS StartAdapter();
 
@@ -66,10 +68,13 @@ class DriverTest : public ::testing::Test {
     winsim::StreamClass& Class() { return *class_; }
     PDEVICE_OBJECT Pdo() const { return stack_->PhysicalDeviceObject(); }
 
-    // Selects the camera's configuration through the driver's own request
-    // path and leaves the device context as USB configuration leaves it:
-    // interface table for both alternate settings, handle, pipe map.
+    // SRB_INITIALIZE_DEVICE configures the camera itself; this only checks
+    // that it did and starts the request and debug logs afresh.
     void ConfigureCamera();
+
+    // Requests of `kind` the driver submitted since the adapter was started
+    // (since SetUp when it starts the adapter there): bring-up traffic excluded.
+    uint64_t SubmittedSinceStart(usbsim::RequestKind kind) const;
 
     // The debugger output since the last ClearDebugLog.
     static std::vector<std::string> Log() { return winsim::DebugLog(); }
@@ -94,6 +99,7 @@ class DriverTest : public ::testing::Test {
     std::unique_ptr<ornixcam::Camera> camera_;
     std::unique_ptr<usbsim::UsbStack> stack_;
     std::unique_ptr<winsim::StreamClass> class_;
+    std::vector<usbsim::RequestCounts> countsAtStart_;
     bool added_ = false;
 };
 

@@ -80,17 +80,15 @@ TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContext) {
     EXPECT_EQ(ext->Removed, 0);
     EXPECT_EQ(ext->PixelCorrectionEnabled, 1);
     EXPECT_EQ(ext->DevicePowerState, 1u);
-    EXPECT_EQ(ext->CameraId, 0u);
+    EXPECT_EQ(ext->Uninitializing, 0);
     EXPECT_EQ(ext->StreamContexts[0], nullptr);
     EXPECT_EQ(ext->StreamContexts[1], nullptr);
-    EXPECT_EQ(ext->InterfaceInfoTable, nullptr);
     EXPECT_EQ(ext->InterruptUrb, nullptr);
-    EXPECT_EQ(ext->DeferredFreeList, nullptr);
+    EXPECT_EQ(ext->InterruptPending, 0);
     EXPECT_EQ(ext->Lut8Buffer, nullptr);
     EXPECT_EQ(KeReadStateSemaphore(&ext->UsbRequestSemaphore), 1);
     EXPECT_EQ(KeReadStateMutex(&ext->InterruptMutex), 1);
-    // No streams offered yet: the descriptor is the header alone.
-    EXPECT_EQ(Class().StreamDescriptorSize(), sizeof(HW_STREAM_HEADER));
+    EXPECT_EQ(KeReadStateMutex(&ext->RequestMutex), 1);
 }
 
 TEST_F(InitializeTest, ClassDeviceObjectBecomesDirectIoAndReady) {

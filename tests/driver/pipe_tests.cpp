@@ -12,13 +12,8 @@ namespace {
 using usbsim::FaultAction;
 using usbsim::RequestKind;
 
-class PipeTest : public DriverTest {
-  protected:
-    void SetUp() override {
-        DriverTest::SetUp();
-        ConfigureCamera();
-    }
-};
+// Bring-up has configured the camera: both alternate settings are known.
+using PipeTest = DriverTest;
 
 // The halt cleared on one endpoint: once by the stack's reset, once by the driver.
 std::vector<WireRequest> ResetOf(uint16_t endpoint) {
@@ -43,7 +38,7 @@ TEST_F(PipeTest, ResetSendsResetPipeThenClearsTheEndpointHalt) {
     EXPECT_EQ(OrnixResetPipe(Ext(), Ext()->CapturePipe), STATUS_SUCCESS);
 
     EXPECT_EQ(ControlRequests(), ResetOf(0x81));
-    EXPECT_EQ(Stack().Counts(RequestKind::ResetPipe).submitted, 1u);
+    EXPECT_EQ(SubmittedSinceStart(RequestKind::ResetPipe), 1u);
     EXPECT_EQ(Log(), std::vector<std::string>{"ORNIX: OrnixResetPipe: 0"});
 }
 
@@ -52,7 +47,7 @@ TEST_F(PipeTest, FailedResetClearsNothing) {
 
     EXPECT_FALSE(NT_SUCCESS(OrnixResetPipe(Ext(), Ext()->StillPipe)));
 
-    EXPECT_EQ(Stack().Counts(RequestKind::ClearEndpointFeature).submitted, 0u);
+    EXPECT_EQ(SubmittedSinceStart(RequestKind::ClearEndpointFeature), 0u);
 }
 
 TEST_F(PipeTest, DeferredResetStopsTheCameraFirstOnlyForTheCapturePipe) {
@@ -132,7 +127,7 @@ TEST_F(PipeTest, SelectedSettingGetsNewPipeHandlesOnly) {
     EXPECT_EQ(Camera().AlternateSetting(), 1);
     EXPECT_NE(fpga->Pipes[0].PipeHandle, nullptr);
     EXPECT_EQ(fpga->Pipes[0].MaximumPacketSize, 64);
-    EXPECT_EQ(fpga->Pipes[0].MaximumTransferSize, 0x17EE7u);
+    EXPECT_EQ(fpga->Pipes[0].MaximumTransferSize, FpgaImageTable[0].Length);
     EXPECT_EQ(fpga->InterfaceHandle, nullptr);
     EXPECT_EQ(ControlRequests(),
               std::vector<WireRequest>{(WireRequest{0x01, kSetInterface, 1, 0, 0, {}})});

@@ -53,6 +53,7 @@ TEST_F(RegisterTest, EachOperationIsOneVendorRequestOfItsShape) {
     std::vector<uint8_t> eeprom = Sequence(8, 0xE0);
     AnswerPassThrough(Camera(), eeprom, 8);
     Camera().PokeRegister(kRecord, 0x04030201);
+    Camera().PokeRegister(kRecord + 4, 0);
     ULONG value = 0;
     std::array<uint8_t, 8> block{};
     std::array<uint8_t, 8> newBlock{9, 8, 7, 6, 5, 4, 3, 2};

@@ -76,7 +76,6 @@ TEST_F(RemovalTest, OnlyStreamsTheAdapterOffersAreVisited) {
 }
 
 TEST_F(RemovalTest, PipeResetAfterRemovalFailsWithoutTraffic) {
-    ConfigureCamera();
     Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL);
     winsim::ClearDebugLog();
 
@@ -88,7 +87,6 @@ TEST_F(RemovalTest, PipeResetAfterRemovalFailsWithoutTraffic) {
 }
 
 TEST_F(RemovalTest, TeardownOfARemovedCameraSendsNothingAndFreesEverything) {
-    ConfigureCamera();
     Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL);
 
     EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);

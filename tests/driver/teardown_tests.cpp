@@ -15,8 +15,6 @@ PVOID DriverBlock(SIZE_T size) {
 }
 
 TEST_F(TeardownTest, UnconfiguresAConfiguredCamera) {
-    ConfigureCamera();
-
     EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
 
     EXPECT_EQ(ControlRequests(),
@@ -28,10 +26,10 @@ TEST_F(TeardownTest, UnconfiguresAConfiguredCamera) {
 }
 
 TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnce) {
-    ConfigureCamera();
     PORNIX_DEVICE_CONTEXT ext = Ext();
-    ext->DeviceDescriptor = static_cast<PUSB_DEVICE_DESCRIPTOR>(DriverBlock(18));
-    ext->ConfigurationDescriptor = static_cast<PUSB_CONFIGURATION_DESCRIPTOR>(DriverBlock(64));
+    ASSERT_NE(ext->DeviceDescriptor, nullptr);
+    ASSERT_NE(ext->ConfigurationDescriptor, nullptr);
+    ASSERT_NE(ext->InterfaceInfoTable, nullptr);
     ext->Lut8Buffer = static_cast<PUCHAR>(DriverBlock(256));
     ext->Lut8Length = 256;
     ASSERT_EQ(OrnixDeferFree(ext, DriverBlock(32)), STATUS_SUCCESS);
@@ -48,6 +46,10 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnce) {
     EXPECT_EQ(ext->Uninitializing, 1);
     EXPECT_EQ(ext->InterfaceInfoTable, nullptr);
     EXPECT_EQ(ext->ConfigurationHandle, nullptr);
+    EXPECT_EQ(ext->DeviceDescriptor, nullptr);
+    EXPECT_EQ(ext->ConfigurationDescriptor, nullptr);
+    EXPECT_EQ(ext->DeferredFreeList, nullptr);
+    EXPECT_EQ(ext->Lut8Buffer, nullptr);
     EXPECT_EQ(ext->Lut8Length, 0u);
 }
 

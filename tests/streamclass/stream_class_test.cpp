@@ -3,33 +3,12 @@
 #include <atomic>
 #include <thread>
 
-#include "fake_minidriver.h"
-#include "kernel/kernel.h"
-#include "kernel/kernel_test.h"
+#include "fake_descriptor.h"
+#include "stream_class_fixture.h"
 #include "streamclass/stream_class.h"
 
 namespace sctest {
 namespace {
-
-class StreamClassTest : public kerneltest::KernelTest {
-protected:
-    void SetUp() override {
-        KernelTest::SetUp();
-        Fake() = FakeMinidriver{};
-        winsim::SetTimeScale(100000.0);
-        driver_ = winsim::CreateDriverObject(u"usbhub");
-        pdo_ = winsim::CreateDeviceObject(driver_, 0, 2);
-    }
-    void TearDown() override {
-        winsim::DeleteDeviceObject(pdo_);
-        winsim::DeleteDriverObject(driver_);
-        Fake() = FakeMinidriver{};
-        KernelTest::TearDown();
-    }
-
-    PDRIVER_OBJECT driver_ = nullptr;
-    PDEVICE_OBJECT pdo_ = nullptr;
-};
 
 TEST_F(StreamClassTest, RefusesARegistrationOfAnotherLayout) {
     Fake().editRegistration = [](HW_INITIALIZATION_DATA& d) { d.HwInitializationDataSize -= 4; };
@@ -44,14 +23,19 @@ TEST_F(StreamClassTest, RefusesARegistrationWithoutItsEntryPoints) {
 }
 
 TEST_F(StreamClassTest, StartPassesTheConfigurationAndCompletesInitialisation) {
+    constexpr ULONG kOneStream = sizeof(HW_STREAM_HEADER) + sizeof(HW_STREAM_INFORMATION);
     std::vector<ULONG> commands;
     PORT_CONFIGURATION_INFORMATION seen{};
+    FakeDescriptorTables tables;
     Fake().onSrb = [&](PHW_STREAM_REQUEST_BLOCK srb) {
         commands.push_back(srb->Command);
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
         if (srb->Command == SRB_INITIALIZE_DEVICE) {
             seen = *srb->CommandData.ConfigInfo;
-            srb->CommandData.ConfigInfo->StreamDescriptorSize = 120;
+            srb->CommandData.ConfigInfo->StreamDescriptorSize = kOneStream;
+        }
+        if (srb->Command == SRB_GET_STREAM_INFO) {
+            FillDescriptor(&srb->CommandData.StreamBuffer->StreamHeader, 1, tables);
         }
         CompleteAdapterSrb(srb, STATUS_SUCCESS);
     };
@@ -65,11 +49,11 @@ TEST_F(StreamClassTest, StartPassesTheConfigurationAndCompletesInitialisation) {
     EXPECT_EQ(seen.ClassDeviceObject, sc.ClassDeviceObject());
     EXPECT_EQ(seen.HwDeviceExtension, sc.DeviceExtension());
     EXPECT_TRUE(sc.ClassDeviceObject()->Flags & DO_DEVICE_INITIALIZING);
-    EXPECT_EQ(sc.StreamDescriptorSize(), 120u);
+    EXPECT_EQ(sc.StreamDescriptorSize(), kOneStream);
 
     ASSERT_EQ(sc.Stop(), STATUS_SUCCESS);
-    EXPECT_EQ(commands, (std::vector<ULONG>{SRB_INITIALIZE_DEVICE, SRB_INITIALIZATION_COMPLETE,
-                                            SRB_UNINITIALIZE_DEVICE}));
+    EXPECT_EQ(commands, (std::vector<ULONG>{SRB_INITIALIZE_DEVICE, SRB_GET_STREAM_INFO,
+                                            SRB_INITIALIZATION_COMPLETE, SRB_UNINITIALIZE_DEVICE}));
 }
 
 TEST_F(StreamClassTest, AFailedInitialisationIsNotFollowedByCompletion) {
@@ -109,7 +93,7 @@ TEST_F(StreamClassTest, UnknownDeviceCommandCarriesTheIrpFunctions) {
 // with the class's synchronisation off it must arrive; with it on it never
 // may, so there the wait is bounded.
 class Overlap {
-public:
+  public:
     explicit Overlap(bool expectConcurrency) : expectConcurrency_(expectConcurrency) {
         KeInitializeEvent(&firstInside_, NotificationEvent, FALSE);
         KeInitializeEvent(&secondArrived_, NotificationEvent, FALSE);
@@ -141,7 +125,7 @@ public:
 
     int MaxInside() const { return maxInside_; }
 
-private:
+  private:
     const bool expectConcurrency_;
     KEVENT firstInside_;
     KEVENT secondArrived_;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kernel/kernel.h"
+#include "ornixctl/device_facts.h"
 #include "ornixctl/text_table.h"
 
 namespace ornixctl {
@@ -17,7 +18,9 @@ struct IdentityRegister {
     std::string (*describe)(ULONG value);
 };
 
-std::string DescribeSpeed(ULONG v) { return v != 0 ? "high speed" : "full speed"; }
+std::string DescribeSpeed(ULONG v) {
+    return v != 0 ? "high speed" : "full speed";
+}
 
 std::string DescribeFpgaMode(ULONG v) {
     std::string text = (v & ORNIX_FPGA_CONFIGURED) ? "configured" : "not configured";
@@ -27,7 +30,9 @@ std::string DescribeFpgaMode(ULONG v) {
     return text;
 }
 
-std::string DescribeVersion(ULONG v) { return std::to_string(v); }
+std::string DescribeVersion(ULONG v) {
+    return std::to_string(v);
+}
 
 std::string DescribeEvents(ULONG v) {
     if (v == 0) {
@@ -50,7 +55,9 @@ std::string DescribeSupport0(ULONG v) {
     return (v & 1) ? "8-bit look-up table" : "no optional features";
 }
 
-std::string Nothing(ULONG) { return ""; }
+std::string Nothing(ULONG) {
+    return "";
+}
 
 const IdentityRegister kIdentity[] = {
     {"ORNIX_SPEC_VERSION", ORNIX_SPEC_VERSION, DescribeVersion},
@@ -88,9 +95,13 @@ int RunInfo(Session& session, bool json, std::ostream& out) {
         readings.push_back({&reg, status, value});
     }
 
+    const nlohmann::ordered_json identity = IdentityJson(session);
+    const nlohmann::ordered_json topology = TopologyJson(session);
     if (json) {
         nlohmann::ordered_json doc;
         doc["camera"] = session.ProfileName();
+        doc["identity"] = identity;
+        doc["topology"] = topology;
         doc["registers"] = nlohmann::json::array();
         for (const Reading& r : readings) {
             nlohmann::ordered_json entry;
@@ -106,11 +117,15 @@ int RunInfo(Session& session, bool json, std::ostream& out) {
         out << doc.dump(2) << "\n";
     } else {
         out << "Camera: " << session.ProfileName() << "\n\n";
+        PrintIdentity(identity, out);
+        out << "\n";
+        PrintTopology(topology, out);
+        out << "\n";
         TextTable table({"Register", "Index", "Value", "Meaning"});
         for (const Reading& r : readings) {
             if (NT_SUCCESS(r.status)) {
-                table.AddRow({r.reg->name, Hex(r.reg->index, 4), Hex(r.value, 8),
-                              r.reg->describe(r.value)});
+                table.AddRow(
+                    {r.reg->name, Hex(r.reg->index, 4), Hex(r.value, 8), r.reg->describe(r.value)});
             } else {
                 table.AddRow({r.reg->name, Hex(r.reg->index, 4), "-",
                               "read failed: " + Hex(static_cast<ULONG>(r.status), 8)});

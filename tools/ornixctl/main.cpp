@@ -5,6 +5,8 @@
 #include <exception>
 #include <iostream>
 
+#include "ornixctl/controls_command.h"
+#include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
 #include "ornixctl/session.h"
 
@@ -19,7 +21,9 @@ int main(int argc, char** argv) {
     app.add_option("--trace", options.traceFile, "write the USB traffic to FILE (usbmon pcap)");
     app.add_flag("--json", options.json, "print JSON instead of tables");
 
-    auto* info = app.add_subcommand("info", "camera identity read through the driver");
+    auto* info = app.add_subcommand("info", "camera identity and topology read through the driver");
+    auto* formats = app.add_subcommand("formats", "each pin and the video formats it offers");
+    auto* controls = app.add_subcommand("controls", "property sets, items, ranges and defaults");
 
     CLI11_PARSE(app, argc, argv);
 
@@ -32,6 +36,12 @@ int main(int argc, char** argv) {
         }
         if (info->parsed()) {
             return ornixctl::RunInfo(session, options.json, std::cout);
+        }
+        if (formats->parsed()) {
+            return ornixctl::RunFormats(session, options.json, std::cout);
+        }
+        if (controls->parsed()) {
+            return ornixctl::RunControls(session, options.json, std::cout);
         }
     } catch (const std::exception& e) {
         std::cerr << "ornixctl: " << e.what() << "\n";

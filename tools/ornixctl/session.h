@@ -20,7 +20,7 @@ struct GlobalOptions {
 };
 
 class Session {
-public:
+  public:
     explicit Session(const GlobalOptions& options);
     ~Session();
 
@@ -29,7 +29,7 @@ public:
     const std::string& ProfileName() const { return profileName_; }
     NTSTATUS StartStatus() const { return startStatus_; }
 
-private:
+  private:
     std::ofstream log_;
     std::string profileName_;
     std::unique_ptr<ornixrig::Rig> rig_;

@@ -4,7 +4,9 @@
 
 namespace ornixctl {
 
-TextTable::TextTable(std::vector<std::string> headings) { rows_.push_back(std::move(headings)); }
+TextTable::TextTable(std::vector<std::string> headings) {
+    rows_.push_back(std::move(headings));
+}
 
 void TextTable::AddRow(std::vector<std::string> cells) {
     cells.resize(rows_.front().size());

@@ -8,12 +8,12 @@
 namespace ornixctl {
 
 class TextTable {
-public:
+  public:
     explicit TextTable(std::vector<std::string> headings);
     void AddRow(std::vector<std::string> cells);
     void Print(std::ostream& out) const;
 
-private:
+  private:
     std::vector<std::vector<std::string>> rows_;
 };
 

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Runs every fuzz target of BUILD_DIR for a bounded time, starting from a
+# scratch copy of its committed seed corpus (fuzz/corpus/<name>/), so the
+# committed corpus is never changed. Exits non-zero when a target crashes,
+# reports a sanitizer error or a verifier finding, or times out on an input.
+#   scripts/run-fuzz.sh BUILD_DIR [SECONDS_PER_TARGET]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${1:?usage: run-fuzz.sh BUILD_DIR [SECONDS_PER_TARGET]}
+seconds=${2:-60}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+declare -A seeds=([bringup_fuzzer]=bringup)
+failed=()
+for target in "${!seeds[@]}"; do
+    binary=$(find "$build" -type f -name "$target" -perm -u+x | head -n 1)
+    if [[ -z $binary ]]; then
+        echo "run-fuzz: $target is not built in $build" >&2
+        failed+=("$target")
+        continue
+    fi
+    corpus="$work/${seeds[$target]}"
+    mkdir -p "$corpus"
+    cp fuzz/corpus/"${seeds[$target]}"/* "$corpus"/
+    echo "=== $target (${seconds}s)"
+    if ! "$binary" "$corpus" -max_total_time="$seconds" -runs=200000 -timeout=10 \
+        -rss_limit_mb=2048 -max_len=1024 -print_final_stats=1 -artifact_prefix="$work/"; then
+        failed+=("$target")
+        for artifact in "$work"/crash-* "$work"/timeout-* "$work"/leak-* "$work"/oom-*; do
+            [[ -e $artifact ]] && cp "$artifact" "$build/" && echo "kept $build/$(basename "$artifact")"
+        done
+    fi
+done
+
+if ((${#failed[@]} > 0)); then
+    echo "FUZZ FAILED: ${failed[*]}"
+    exit 1
+fi
+echo "All fuzz targets ran clean."

@@ -1,0 +1,152 @@
+// Every USB request of the default camera's bring-up, failed in turn: each
+// either fails SRB_INITIALIZE_DEVICE with everything released, or leaves an
+// adapter that works without the part that request served. TearDown checks
+// that nothing leaks either way.
+#include <map>
+#include <ostream>
+#include <vector>
+
+#include "driver_harness.h"
+
+namespace ornixtest {
+namespace {
+
+using usbsim::FaultAction;
+using usbsim::RequestKind;
+
+enum class Outcome {
+    Fails,        // SRB_INITIALIZE_DEVICE fails, the adapter holds nothing
+    Succeeds,     // a full adapter
+    NoFpga,       // the download failed; bring-up goes on
+    NoEvents,     // no event table
+    NoVpd,        // no product-data image
+    BankSkipped,  // one format bank left out
+};
+
+std::ostream& operator<<(std::ostream& out, Outcome outcome) {
+    static const char* const kNames[] = {"Fails",    "Succeeds", "NoFpga",
+                                         "NoEvents", "NoVpd",    "BankSkipped"};
+    return out << kNames[static_cast<int>(outcome)];
+}
+
+struct SweepCase {
+    RequestKind kind;
+    uint32_t occurrence;  // among requests of its kind, from 1
+    Outcome outcome;
+};
+
+void PrintTo(const SweepCase& c, std::ostream* out) {
+    *out << usbsim::RequestKindName(c.kind) << " #" << c.occurrence << " -> " << c.outcome;
+}
+
+// The default camera's bring-up, request by request, grouped by step.
+std::vector<SweepCase> ExpectedOutcomes() {
+    std::vector<SweepCase> cases;
+    auto add = [&](RequestKind kind, uint32_t first, uint32_t last, Outcome outcome) {
+        for (uint32_t n = first; n <= last; ++n) {
+            cases.push_back({kind, n, outcome});
+        }
+    };
+    // Descriptors: device, then configuration (one 64-byte request).
+    add(RequestKind::GetDescriptor, 1, 2, Outcome::Fails);
+    // First selection, with small video transfers.
+    add(RequestKind::SelectConfiguration, 1, 1, Outcome::Fails);
+    // ORNIX_SPEC_VERSION.
+    add(RequestKind::VendorDevice, 1, 1, Outcome::Fails);
+    // FPGA download: mode read, FPGA setting, mode write, pipe reset (with
+    // its halt clear), the image, mode read/write/read, setting 0, version.
+    add(RequestKind::VendorDevice, 2, 7, Outcome::NoFpga);
+    add(RequestKind::SelectInterface, 1, 2, Outcome::NoFpga);
+    add(RequestKind::ResetPipe, 1, 1, Outcome::NoFpga);
+    add(RequestKind::ClearEndpointFeature, 1, 1, Outcome::NoFpga);
+    add(RequestKind::BulkOrInterrupt, 1, 1, Outcome::NoFpga);
+    // Format discovery: speed, sensor layout and origin, format count, then
+    // seven registers for each of three banks.
+    add(RequestKind::VendorDevice, 8, 8, Outcome::Fails);
+    add(RequestKind::VendorDevice, 9, 10, Outcome::Succeeds);
+    add(RequestKind::VendorDevice, 11, 11, Outcome::Fails);
+    add(RequestKind::VendorDevice, 12, 32, Outcome::BankSkipped);
+    // Second selection, with frame-sized transfers.
+    add(RequestKind::SelectConfiguration, 2, 2, Outcome::Fails);
+    // Property block and ORNIX_SUPPORT0.
+    add(RequestKind::VendorDevice, 33, 34, Outcome::Succeeds);
+    // Event support mask.
+    add(RequestKind::VendorDevice, 35, 35, Outcome::NoEvents);
+    // Product data: the mapping-type query (without it, the EEPROM probe
+    // picks map 0, this camera's), then the EEPROM reads.
+    add(RequestKind::VendorDevice, 36, 36, Outcome::Succeeds);
+    add(RequestKind::VendorDevice, 37, 46, Outcome::NoVpd);
+    return cases;
+}
+
+const RequestKind kSweptKinds[] = {
+    RequestKind::SelectConfiguration, RequestKind::SelectInterface,      RequestKind::GetDescriptor,
+    RequestKind::VendorDevice,        RequestKind::ClearEndpointFeature, RequestKind::ResetPipe,
+    RequestKind::AbortPipe,           RequestKind::BulkOrInterrupt,      RequestKind::Other,
+};
+
+class BringUpFaultSweepTest : public DriverTest {
+  protected:
+    bool StartsAdapterInSetUp() const override { return false; }
+};
+
+TEST_F(BringUpFaultSweepTest, TableCoversEveryRequestOfASuccessfulBringUp) {
+    AddAdapter();
+    ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
+
+    std::map<RequestKind, uint64_t> expected;
+    for (const SweepCase& c : ExpectedOutcomes()) {
+        ++expected[c.kind];
+    }
+    for (RequestKind kind : kSweptKinds) {
+        EXPECT_EQ(Stack().Counts(kind).submitted, expected[kind]) << usbsim::RequestKindName(kind);
+    }
+    EXPECT_NE(Ext()->VpdImage, nullptr);
+    EXPECT_NE(Ext()->EventSets, nullptr);
+    EXPECT_NE(Ext()->FpgaVersion, 0u);
+}
+
+class BringUpFaultTest : public BringUpFaultSweepTest,
+                         public ::testing::WithParamInterface<SweepCase> {};
+
+TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
+    const SweepCase c = GetParam();
+    Stack().AddFault({.kind = c.kind,
+                      .occurrence = c.occurrence,
+                      .action = FaultAction::FailWithStatus,
+                      .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
+    AddAdapter();
+
+    const NTSTATUS status = StartAdapter();
+
+    PORNIX_DEVICE_CONTEXT ext = Ext();
+    if (c.outcome == Outcome::Fails) {
+        EXPECT_FALSE(NT_SUCCESS(status));
+        EXPECT_EQ(ext->Initialized, 0);
+        EXPECT_EQ(ext->InterfaceInfoTable, nullptr);
+        EXPECT_EQ(ext->ConfigurationDescriptor, nullptr);
+        EXPECT_EQ(ext->DeviceDescriptor, nullptr);
+        EXPECT_EQ(ext->DeferredFreeList, nullptr);
+        EXPECT_EQ(ext->VpdImage, nullptr);
+        EXPECT_EQ(winsim::OutstandingPool()[kDriverTag].blocks, 0u);
+        // A camera that is still there is left unconfigured.
+        if (c.kind != RequestKind::SelectConfiguration || c.occurrence != 1) {
+            EXPECT_EQ(Camera().Configuration(), 0);
+        }
+        return;
+    }
+
+    ASSERT_EQ(status, STATUS_SUCCESS);
+    EXPECT_EQ(ext->Initialized, 1);
+    EXPECT_EQ(ext->StreamCount, 2u);
+    EXPECT_NE(ext->ConfigurationHandle, nullptr);
+    EXPECT_EQ(Camera().Configuration(), 1);
+    EXPECT_EQ(ext->VpdImage != nullptr, c.outcome != Outcome::NoVpd);
+    EXPECT_EQ(ext->EventSets != nullptr, c.outcome != Outcome::NoEvents);
+    EXPECT_EQ(ext->FpgaVersion != 0, c.outcome != Outcome::NoFpga);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryRequest, BringUpFaultTest, ::testing::ValuesIn(ExpectedOutcomes()));
+
+}  // namespace
+}  // namespace ornixtest

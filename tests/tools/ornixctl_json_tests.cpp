@@ -1,0 +1,163 @@
+// ornixctl's JSON on the default camera: the documented fields, carrying
+// what the driver computed and reported to the stream class.
+#include <gtest/gtest.h>
+#include <ksmedia.h>
+
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "ornixctl/controls_command.h"
+#include "ornixctl/formats_command.h"
+#include "ornixctl/info_command.h"
+#include "ornixctl/session.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+// The eight digits of the profile's serial-number string, as a number.
+uint32_t ProfileSerial(const ornixcam::Profile& profile) {
+    const uint8_t index = profile.device.iSerialNumber != 0 ? profile.device.iSerialNumber : 3;
+    uint32_t value = 0;
+    for (char16_t c : profile.strings.at(index)) {
+        value = value * 10 + static_cast<uint32_t>(c - u'0');
+    }
+    return value;
+}
+
+class OrnixctlJsonTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        session_ = std::make_unique<ornixctl::Session>(ornixctl::GlobalOptions{});
+        ASSERT_EQ(session_->StartStatus(), STATUS_SUCCESS);
+    }
+    void TearDown() override { session_.reset(); }
+
+    Json Run(int (*command)(ornixctl::Session&, bool, std::ostream&)) {
+        std::ostringstream out;
+        EXPECT_EQ(command(*session_, true, out), 0);
+        return Json::parse(out.str());
+    }
+
+    std::unique_ptr<ornixctl::Session> session_;
+};
+
+TEST_F(OrnixctlJsonTest, FormatsCarryTheDriversDataRanges) {
+    const Json doc = Run(ornixctl::RunFormats);
+    PORNIX_DEVICE_CONTEXT ext = session_->Device();
+    ASSERT_EQ(doc["pins"].size(), ext->StreamCount);
+    EXPECT_EQ(doc["pins"][0]["name"], "Capture");
+    EXPECT_EQ(doc["pins"][1]["name"], "Still");
+
+    for (const Json& pin : doc["pins"]) {
+        const Json& formats = pin["formats"];
+        ASSERT_EQ(formats.size(), ext->CaptureFormatCount);
+        for (ULONG i = 0; i < formats.size(); ++i) {
+            const auto* range = reinterpret_cast<const KS_DATARANGE_VIDEO*>(ext->CaptureFormats[i]);
+            const auto* record = reinterpret_cast<const ORNIX_FORMAT_RECORD*>(
+                reinterpret_cast<const char*>(ext->CaptureFormats[i]) -
+                offsetof(ORNIX_FORMAT_RECORD, DataRange));
+            const Json& f = formats[i];
+            EXPECT_EQ(f["colourId"], record->ColourId);
+            EXPECT_EQ(f["bank"], record->FormatIndex);
+            EXPECT_EQ(f["bitsPerPixel"], range->VideoInfoHeader.bmiHeader.biBitCount);
+            EXPECT_EQ(f["minFrameInterval"], range->ConfigCaps.MinFrameInterval);
+            EXPECT_EQ(f["sampleSize"], range->DataRange.SampleSize);
+            EXPECT_EQ(f["palette"],
+                      range->DataRange.FormatSize == sizeof(KS_DATARANGE_VIDEO_PALETTE));
+        }
+    }
+
+    // The 1280x1024 Bayer bank at 12000..48000 Hz, now 24000 Hz.
+    const Json& bayer = doc["pins"][0]["formats"][0];
+    EXPECT_EQ(bayer["subtype"], "RAW8");
+    EXPECT_EQ(bayer["fourcc"], "RGGB");
+    EXPECT_EQ(bayer["width"], 1280);
+    EXPECT_EQ(bayer["height"], 1024);
+    EXPECT_EQ(bayer["minFrameInterval"], 266240);
+    EXPECT_EQ(bayer["maxFrameInterval"], 1066240);
+    EXPECT_EQ(bayer["frameInterval"], 532480);
+    EXPECT_EQ(bayer["minBitsPerSecond"], 12288000);
+    EXPECT_EQ(bayer["maxBitsPerSecond"], 49152000);
+    EXPECT_EQ(bayer["bitRate"], 24576000);
+    EXPECT_EQ(bayer["sampleSize"], 1310720);
+    EXPECT_EQ(bayer["fixedSizeSamples"], true);
+    EXPECT_EQ(bayer["palette"], true);
+}
+
+TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
+    const Json doc = Run(ornixctl::RunControls);
+    std::vector<std::string> names;
+    for (const Json& set : doc["propertySets"]) {
+        names.push_back(set["name"]);
+        for (const Json& item : set["items"]) {
+            for (const char* key : {"id", "name", "get", "set", "minProperty", "minData"}) {
+                EXPECT_TRUE(item.contains(key)) << key;
+            }
+        }
+    }
+    ASSERT_EQ(names.size(), session_->Device()->PropertySetCount);
+    EXPECT_EQ(names.back(), "TevrinSgl");
+    EXPECT_EQ(names[names.size() - 2], "VideoControl");
+    EXPECT_EQ(names[names.size() - 3], "OxCustom");
+
+    // Exposure follows the driver's stepping record.
+    const PKSPROPERTY_STEPPING_LONG exposure = session_->Device()->ExposureRange;
+    ASSERT_NE(exposure, nullptr);
+    bool found = false;
+    for (const Json& set : doc["propertySets"]) {
+        for (const Json& item : set["items"]) {
+            if (set["name"] == "CameraControl" && item["name"] == "Exposure") {
+                found = true;
+                EXPECT_EQ(item["minimum"], exposure->Bounds.SignedMinimum);
+                EXPECT_EQ(item["maximum"], exposure->Bounds.SignedMaximum);
+                EXPECT_EQ(item["step"], 1);
+                EXPECT_TRUE(item.contains("default"));
+            }
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
+    const Json doc = Run(ornixctl::RunInfo);
+    PORNIX_DEVICE_CONTEXT ext = session_->Device();
+    const Json& id = doc["identity"];
+    EXPECT_EQ(id["vendorId"], ext->DeviceDescriptor->idVendor);
+    EXPECT_EQ(id["productId"], ext->DeviceDescriptor->idProduct);
+    EXPECT_EQ(id["bcdDevice"], ext->DeviceDescriptor->bcdDevice);
+    EXPECT_EQ(id["serialNumber"], ProfileSerial(session_->Rig().Camera().GetProfile()));
+    EXPECT_EQ(id["cameraId"], ext->CameraId);
+    EXPECT_EQ(id["specVersion"], ext->SpecVersion);
+    for (const char* key : {"fpgaConfigured", "fpgaBusy", "fpgaVersion", "highSpeed"}) {
+        EXPECT_TRUE(id.contains(key)) << key;
+    }
+
+    const Json& t = doc["topology"];
+    EXPECT_EQ(t["streams"], ext->StreamCount);
+    EXPECT_EQ(t["categories"].size(), 3u);
+    // Every pipe the driver maps appears with its role and endpoint.
+    const Json& pipes = t["pipes"];
+    auto role = [&](const char* name) {
+        for (const Json& p : pipes) {
+            if (p["role"] == name)
+                return p;
+        }
+        return Json();
+    };
+    ASSERT_FALSE(role("capture").is_null());
+    EXPECT_EQ(role("capture")["endpointAddress"].get<int>() & 0x80, 0x80);
+    EXPECT_EQ(role("capture")["type"], "bulk");
+    EXPECT_EQ(role("fpga")["endpointAddress"].get<int>() & 0x80, 0);
+    EXPECT_EQ(role("interrupt")["type"], "interrupt");
+    EXPECT_EQ(t["openPipes"].size(), session_->Rig().Usb().OpenPipes().size());
+
+    ASSERT_EQ(t["eventSets"].size(), ext->EventSetCount);
+    EXPECT_EQ(t["eventSets"][0]["name"], "VidCapToSti");
+    EXPECT_EQ(t["eventSets"][1]["name"], "OxEvents");
+    EXPECT_EQ(t["deviceEventRoutine"], true);
+    EXPECT_FALSE(doc["registers"].empty());
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+#include "ornixctl/formats_command.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "ornixctl/names.h"
+#include "ornixctl/text_table.h"
+
+namespace ornixctl {
+namespace {
+
+// The driver's record behind a pin's format, found through the capture
+// table so that a pointer the driver does not own is never followed.
+const ORNIX_FORMAT_RECORD* RecordOf(Session& session, ULONG pin, ULONG format) {
+    const HW_STREAM_HEADER* header = session.Rig().StreamClass().StreamHeader();
+    PORNIX_DEVICE_CONTEXT ext = session.Device();
+    if (header == nullptr || ext->CaptureFormats == nullptr) {
+        return nullptr;
+    }
+    const auto* streams = reinterpret_cast<const HW_STREAM_INFORMATION*>(header + 1);
+    const PKSDATAFORMAT range = streams[pin].StreamFormatsArray[format];
+    for (ULONG i = 0; i < ext->CaptureFormatCount; ++i) {
+        if (ext->CaptureFormats[i] == range) {
+            // CONTAINING_RECORD by offsetof, without the macro's null-pointer trick.
+            return reinterpret_cast<const ORNIX_FORMAT_RECORD*>(
+                reinterpret_cast<const char*>(range) - offsetof(ORNIX_FORMAT_RECORD, DataRange));
+        }
+    }
+    return nullptr;
+}
+
+std::string Size(int32_t w, int32_t h) {
+    return std::to_string(w) + "x" + std::to_string(h);
+}
+
+std::string Interval(int64_t interval100ns) {
+    if (interval100ns <= 0) {
+        return std::to_string(interval100ns);
+    }
+    char text[48];
+    std::snprintf(text, sizeof text, "%lld (%.2f fps)", static_cast<long long>(interval100ns),
+                  1e7 / static_cast<double>(interval100ns));
+    return text;
+}
+
+nlohmann::ordered_json FormatJson(const winsim::DataRangeView& range, ULONG index,
+                                  const ORNIX_FORMAT_RECORD* record) {
+    nlohmann::ordered_json f;
+    f["index"] = index;
+    if (record != nullptr) {
+        f["bank"] = record->FormatIndex;
+        f["colourId"] = record->ColourId;
+    }
+    f["subtype"] = SubtypeName(range.subFormat);
+    f["subtypeGuid"] = winsim::GuidText(range.subFormat);
+    f["formatSize"] = range.formatSize;
+    f["sampleSize"] = range.sampleSize;
+    if (!range.video) {
+        return f;
+    }
+    const winsim::VideoRangeView& v = *range.video;
+    f["fourcc"] = FourCCText(v.fourCC);
+    f["fourccValue"] = v.fourCC;
+    f["bitsPerPixel"] = v.bitsPerPixel;
+    f["width"] = v.width;
+    f["height"] = v.height;
+    f["topDown"] = v.topDown;
+    f["minWidth"] = v.minWidth;
+    f["minHeight"] = v.minHeight;
+    f["maxWidth"] = v.maxWidth;
+    f["maxHeight"] = v.maxHeight;
+    f["stepX"] = v.stepX;
+    f["stepY"] = v.stepY;
+    f["frameInterval"] = v.avgTimePerFrame;
+    f["minFrameInterval"] = v.minFrameInterval;
+    f["maxFrameInterval"] = v.maxFrameInterval;
+    f["bitRate"] = v.bitRate;
+    f["minBitsPerSecond"] = v.minBitsPerSecond;
+    f["maxBitsPerSecond"] = v.maxBitsPerSecond;
+    f["imageSize"] = v.imageSize;
+    f["fixedSizeSamples"] = v.fixedSizeSamples;
+    f["palette"] = v.hasPalette;
+    return f;
+}
+
+}  // namespace
+
+int RunFormats(Session& session, bool json, std::ostream& out) {
+    const winsim::FilterView& filter = session.Rig().StreamClass().Filter();
+    nlohmann::ordered_json doc;
+    doc["camera"] = session.ProfileName();
+    doc["pins"] = nlohmann::json::array();
+    for (const winsim::PinView& pin : filter.pins) {
+        nlohmann::ordered_json p;
+        p["pin"] = pin.number;
+        p["name"] = pin.name ? PinName(*pin.name) : "";
+        p["nameGuid"] = pin.name ? winsim::GuidText(*pin.name) : "";
+        p["category"] = pin.category ? winsim::GuidText(*pin.category) : "";
+        p["dataFlow"] = pin.dataFlow == KSPIN_DATAFLOW_OUT ? "out" : "in";
+        p["possibleInstances"] = pin.possibleInstances;
+        p["formats"] = nlohmann::json::array();
+        for (ULONG i = 0; i < pin.ranges.size(); ++i) {
+            p["formats"].push_back(FormatJson(pin.ranges[i], i, RecordOf(session, pin.number, i)));
+        }
+        doc["pins"].push_back(p);
+    }
+    if (json) {
+        out << doc.dump(2) << "\n";
+        return 0;
+    }
+
+    out << "Camera: " << session.ProfileName() << "\n";
+    for (const auto& p : doc["pins"]) {
+        out << "\nPin " << p["pin"].get<unsigned>() << ": " << p["name"].get<std::string>() << " ("
+            << p["formats"].size() << " formats)\n";
+        TextTable table({"#", "Bank", "Colour", "Subtype", "FourCC", "Bits", "Size", "Smallest",
+                         "Largest", "Step", "Interval", "Min interval", "Max interval", "Bit rate",
+                         "Sample"});
+        for (const auto& f : p["formats"]) {
+            if (!f.contains("width")) {
+                table.AddRow({std::to_string(f["index"].get<unsigned>()), "", "",
+                              f["subtype"].get<std::string>(), "(not a video range)"});
+                continue;
+            }
+            auto num = [&](const char* key) { return f.contains(key) ? f[key].dump() : "-"; };
+            table.AddRow(
+                {num("index"), num("bank"), num("colourId"), f["subtype"].get<std::string>(),
+                 f["fourcc"].get<std::string>(), num("bitsPerPixel"), Size(f["width"], f["height"]),
+                 Size(f["minWidth"], f["minHeight"]), Size(f["maxWidth"], f["maxHeight"]),
+                 Size(f["stepX"], f["stepY"]), Interval(f["frameInterval"]),
+                 Interval(f["minFrameInterval"]), Interval(f["maxFrameInterval"]),
+                 num("bitRate") + " (" + num("minBitsPerSecond") + ".." + num("maxBitsPerSecond") +
+                     ")",
+                 num("sampleSize") + (f["fixedSizeSamples"].get<bool>() ? "" : " variable")});
+        }
+        table.Print(out);
+    }
+    return 0;
+}
+
+}  // namespace ornixctl
