@@ -98,9 +98,9 @@ constexpr std::string_view kDefaultProfileJson = R"json(
     }
   ],
   "properties": {
-    "brightness": {"value": 128, "min": 0, "max": 255},
-    "contrast": {"value": 64, "min": 0, "max": 127},
-    "gain": {"value": 100, "min": 100, "max": 1600, "autoAvailable": true},
+    "brightness": {"value": 32750, "min": 0, "max": 65500},
+    "contrast": {"value": 4096, "min": 0, "max": 8192},
+    "gain": {"value": "0x1000", "min": "0x1000", "max": "0x10000", "autoAvailable": true},
     "exposure": {"value": 10000, "min": 100, "max": 2000000, "autoAvailable": true},
     "record13": {"value": 0, "min": 0, "max": 1},
     "record20": {"value": 0, "min": 0, "max": 3},

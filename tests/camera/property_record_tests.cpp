@@ -32,9 +32,9 @@ std::vector<uint8_t> ReadRecord(Camera& camera, unsigned record) {
 
 TEST(PropertyRecords, TheDefaultCameraHasTheCommonControls) {
     Camera camera;
-    EXPECT_EQ(ReadRecord(camera, 0), Record(kPresent, 128, 0, 255));  // brightness
+    EXPECT_EQ(ReadRecord(camera, 0), Record(kPresent, 32750, 0, 65500));  // brightness
     EXPECT_EQ(ReadRecord(camera, 10), Record(kPresent | kAutoAvailable, 10000, 100, 2000000));
-    EXPECT_EQ(ReadRecord(camera, 15), Record(kPresent | kAutoAvailable, 100, 100, 1600));  // gain
+    EXPECT_EQ(ReadRecord(camera, 15), Record(kPresent | kAutoAvailable, 0x1000, 0x1000, 0x10000));  // gain
     EXPECT_EQ(ReadRecord(camera, 42), Record(kPresent, 1, 0, 1));
     EXPECT_EQ(ReadRecord(camera, 2), Record(0, 0, 0, 0));  // hue: absent
 }
@@ -61,7 +61,7 @@ TEST(PropertyRecords, WritesAreKeptUntilReset) {
     ASSERT_EQ(test::WriteRegister(camera, value, 200), Handshake::Ack);
     EXPECT_EQ(camera.PeekRegister(value), 200u);
     test::WriteRegister(camera, reg::kReset, reg::kResetMagic);
-    EXPECT_EQ(camera.PeekRegister(value), 128u);
+    EXPECT_EQ(camera.PeekRegister(value), 32750u);
 }
 
 }  // namespace
