@@ -187,6 +187,9 @@ struct Profile {
     std::map<uint16_t, Access> registerAccess;  // changes to the standard layout
     RawDescriptors rawDescriptors;
     Quirks quirks;
+    // String values of the device's driver registry key (e.g. TevrinKey), as
+    // the installation would have written them.
+    std::map<std::u16string, std::u16string> registry;
 
     // Capture/still bank pairs that exist, as announced by the format-count register.
     unsigned FormatBankCount() const;

@@ -274,6 +274,18 @@ void CheckRegisters(Profile& profile, const Mentions& valueMentions,
     });
 }
 
+void ParseRegistry(const json& object, Profile& profile) {
+    json_values::RequireObject(object, "registry");
+    for (const auto& [key, value] : object.items()) {
+        const std::string path = Path("registry", key);
+        if (key.empty()) {
+            Fail(path, "a value needs a name");
+        }
+        profile.registry[json_values::Utf16Text(json(key), path)] =
+            json_values::Utf16Text(value, path);
+    }
+}
+
 json ParseText(std::string_view text) {
     try {
         return json::parse(text, nullptr, /*allow_exceptions=*/true, /*ignore_comments=*/true);
@@ -290,7 +302,8 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     json_values::RequireFields(
         root, "",
         {"name", "description", "device", "strings", "configuration", "fpga", "productData",
-         "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks"});
+         "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks",
+         "registry"});
     Mentions valueMentions;
     Mentions quirkMentions;
     if (auto it = root.find("name"); it != root.end()) {
@@ -331,6 +344,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     }
     if (auto it = root.find("quirks"); it != root.end()) {
         ParseQuirks(*it, profile.quirks, quirkMentions);
+    }
+    if (auto it = root.find("registry"); it != root.end()) {
+        ParseRegistry(*it, profile);
     }
 
     // The speed register follows a changed bus speed unless the document sets it too.

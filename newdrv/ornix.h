@@ -86,7 +86,7 @@ typedef struct _ORNIX_STREAM_CONTEXT {
 
 // Per-adapter record, allocated by the stream class (HwDeviceExtension) and
 // zero-filled by OrnixInitialize. Fields are grouped by the subsystem that
-// owns them; a new group is simply appended.
+// owns them; later groups are simply appended.
 typedef struct _ORNIX_DEVICE_CONTEXT {
     // Stream table: the open streams, by stream number.
     PORNIX_STREAM_CONTEXT StreamContexts[ORNIX_MAX_STREAMS];

@@ -96,7 +96,7 @@ VOID OrnixResetPipeNoWait(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex,
     ExQueueWorkItem(&work->WorkItem, DelayedWorkQueue);
 }
 
-// IRQL: PASSIVE_LEVEL. On success the new pipe handles are copied into the
+// IRQL: PASSIVE_LEVEL. On success the fresh pipe handles are copied into the
 // kept interface record; its transfer sizes and flags stay as configured.
 NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting) {
     if (AltSetting == Ext->CurrentAltSetting) {

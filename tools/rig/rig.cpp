@@ -1,5 +1,7 @@
 #include "rig/rig.h"
 
+#include "kernel/kernel.h"
+
 namespace ornixrig {
 
 Rig::Rig(RigOptions options)
@@ -10,12 +12,17 @@ Rig::Rig(RigOptions options)
         usb_->StartTrace(*options.tracePath);
     }
     PDEVICE_OBJECT pdo = usb_->PhysicalDeviceObject();
+    // What the installation wrote into the device's driver key.
+    for (const auto& [name, value] : camera_->GetProfile().registry) {
+        winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, name, value);
+    }
     streamClass_->AddDevice(pdo, options.withoutRealPdo ? nullptr : pdo);
 }
 
 Rig::~Rig() {
     // The driver goes first: its teardown may still talk to the camera.
     streamClass_.reset();
+    winsim::ClearRegistry(usb_->PhysicalDeviceObject());
     usb_.reset();
     camera_.reset();
 }
