@@ -35,6 +35,18 @@
 // Device power states as the power handler records them.
 #define ORNIX_POWER_D0 1
 
+// Rows in a constant table.
+#define ORNIX_ROW_COUNT(rows) ((ULONG)(sizeof(rows) / sizeof((rows)[0])))
+
+// A constant KSPROPERTY_ITEM with no ranges, relations or support handler.
+// Every field is named: the handler unions take their BOOLEAN member.
+#define ORNIX_STATIC_ITEM(id, get, set, minProperty, minData)                             \
+    {                                                                                     \
+        .PropertyId = (id), .GetSupported = (get), .MinProperty = (minProperty),          \
+        .MinData = (minData), .SetSupported = (set), .Values = NULL, .RelationsCount = 0, \
+        .Relations = NULL, .SupportHandler = NULL, .SerializedSize = 0                    \
+    }
+
 // ---------------------------------------------------------------- diagnostics
 
 // Every line to the debugger starts with this prefix.
@@ -99,6 +111,7 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     // USB configuration. InterfaceInfoTable is one block: a pointer per
     // alternate setting of interface 0, then the records they point at.
     PUSBD_INTERFACE_INFORMATION* InterfaceInfoTable;
+    ULONG InterfaceInfoCount;  // entries of InterfaceInfoTable
     USBD_CONFIGURATION_HANDLE ConfigurationHandle;
     PUSB_DEVICE_DESCRIPTOR DeviceDescriptor;
     PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor;
@@ -171,9 +184,9 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     PHW_STREAM_INFORMATION CaptureStreamInfo;  // NULL when no table exists
     PKSDATAFORMAT* CaptureFormats;
     ULONG CaptureFormatCount;
-    BOOLEAN Monochrome;   // some bank offers monochrome 8
-    ULONG SensorLayout;   // 0 when unreadable
-    ULONG SensorOrigin;   // 0 when unreadable
+    BOOLEAN Monochrome;  // some bank offers monochrome 8
+    ULONG SensorLayout;  // 0 when unreadable
+    ULONG SensorOrigin;  // 0 when unreadable
     // Capture selection: what is programmed in the camera's capture bank.
     struct _ORNIX_FORMAT_RECORD* CaptureFormat;  // NULL when none
     struct _ORNIX_FORMAT_RECORD* NextCaptureFormat;
@@ -215,16 +228,16 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
 
     // Property tables. PropertySets is one deferred-free block: the set
     // entries, then items, values, members lists, steppings and defaults.
-    PKSPROPERTY_SET PropertySets;          // NULL when no table exists
+    PKSPROPERTY_SET PropertySets;  // NULL when no table exists
     ULONG PropertySetCount;
     PKSPROPERTY_STEPPING_LONG ExposureRange;  // inside PropertySets; NULL without exposure
 
     // Device events. EventSets is one deferred-free block: the set entries,
     // then the device-event items.
-    PKSEVENT_SET EventSets;  // NULL when no event set exists
-    ULONG EventSetCount;     // 0 to 2
-    LONG StiEventCount;      // enables minus disables while the still-trigger set exists
-    LONG DeviceEventCount;   // the same while the device-event set exists
+    PKSEVENT_SET EventSets;    // NULL when no event set exists
+    ULONG EventSetCount;       // 0 to 2
+    LONG StiEventCount;        // enables minus disables while the still-trigger set exists
+    LONG DeviceEventCount;     // the same while the device-event set exists
     BOOLEAN NoEventRegisters;  // the camera reported no events: write no enable mask
 } ORNIX_DEVICE_CONTEXT, *PORNIX_DEVICE_CONTEXT;
 
@@ -324,8 +337,9 @@ extern "C" PUSB_INTERFACE_DESCRIPTOR NTAPI USBD_ParseConfigurationDescriptorEx(
     PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor, PVOID StartPosition,
     LONG InterfaceNumber, LONG AlternateSetting, LONG InterfaceClass, LONG InterfaceSubClass,
     LONG InterfaceProtocol);
-extern "C" PURB NTAPI USBD_CreateConfigurationRequestEx(
-    PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor, PUSBD_INTERFACE_LIST_ENTRY InterfaceList);
+extern "C" PURB NTAPI
+USBD_CreateConfigurationRequestEx(PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor,
+                                  PUSBD_INTERFACE_LIST_ENTRY InterfaceList);
 #if defined(__GNUC__)
 #pragma GCC diagnostic pop
 #endif
@@ -474,12 +488,12 @@ LONG OrnixExposureToProperty(ULONG Value);
 ULONG OrnixExposureToRegister(LONG Value);
 
 // Property-set GUIDs; the driver carries its own copies.
-extern const GUID OrnixPropSetVideoProcAmp;    // PROPSETID_VIDCAP_VIDEOPROCAMP
-extern const GUID OrnixPropSetCameraControl;   // PROPSETID_VIDCAP_CAMERACONTROL
-extern const GUID OrnixPropSetVideoControl;    // PROPSETID_VIDCAP_VIDEOCONTROL
-extern const GUID OrnixPropSetOxCustom;        // PROPSETID_VIDCAP_OXCUSTOM
-extern const GUID OrnixPropSetTevrinSgl;       // PROPSETID_ORNIX_TEVRINSGL
-extern const GUID OrnixPropTypeSetGeneral;     // KSPROPTYPESETID_General
+extern const GUID OrnixPropSetVideoProcAmp;   // PROPSETID_VIDCAP_VIDEOPROCAMP
+extern const GUID OrnixPropSetCameraControl;  // PROPSETID_VIDCAP_CAMERACONTROL
+extern const GUID OrnixPropSetVideoControl;   // PROPSETID_VIDCAP_VIDEOCONTROL
+extern const GUID OrnixPropSetOxCustom;       // PROPSETID_VIDCAP_OXCUSTOM
+extern const GUID OrnixPropSetTevrinSgl;      // PROPSETID_ORNIX_TEVRINSGL
+extern const GUID OrnixPropTypeSetGeneral;    // KSPROPTYPESETID_General
 NTSTATUS ORNIX_GetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 

@@ -11,6 +11,7 @@ static VOID OrnixResetDeviceContext(PORNIX_DEVICE_CONTEXT Ext) {
     }
     Ext->DeviceDescriptor = NULL;
     Ext->InterfaceInfoTable = NULL;
+    Ext->InterfaceInfoCount = 0;
     Ext->InterruptUrb = NULL;
     Ext->InterruptIrp = NULL;
     Ext->InterruptPending = FALSE;

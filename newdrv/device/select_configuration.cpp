@@ -52,6 +52,7 @@ static NTSTATUS OrnixKeepInterfaceInfo(PORNIX_DEVICE_CONTEXT Ext,
     if (Ext->InterfaceInfoTable != NULL) {
         OrnixFreePool(Ext->InterfaceInfoTable);
         Ext->InterfaceInfoTable = NULL;
+        Ext->InterfaceInfoCount = 0;
     }
     // No setting at all leaves nothing to allocate, and no usable camera.
     if (Count == 0) {
@@ -73,6 +74,7 @@ static NTSTATUS OrnixKeepInterfaceInfo(PORNIX_DEVICE_CONTEXT Ext,
         next += source->Length;
     }
     Ext->InterfaceInfoTable = table;
+    Ext->InterfaceInfoCount = Count;
     return STATUS_SUCCESS;
 }
 

@@ -34,6 +34,7 @@ NTSTATUS OrnixUninitializeDevice(PORNIX_DEVICE_CONTEXT Ext) {
     if (Ext->InterfaceInfoTable != NULL) {
         OrnixFreePool(Ext->InterfaceInfoTable);
         Ext->InterfaceInfoTable = NULL;
+        Ext->InterfaceInfoCount = 0;
     }
 
     OrnixUnconfigure(Ext);

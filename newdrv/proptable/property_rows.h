@@ -43,8 +43,6 @@ typedef struct _ORNIX_CAMERA_FACTS {
     BOOLEAN HasInterruptPipe;
 } ORNIX_CAMERA_FACTS, *PORNIX_CAMERA_FACTS;
 
-#define ORNIX_ROW_COUNT(rows) ((ULONG)(sizeof(rows) / sizeof((rows)[0])))
-
 #define ORNIX_PROPERTY_BLOCK_WORDS (ORNIX_PROPERTY_RECORD_COUNT * ORNIX_PROPERTY_RECORD_SIZE / 4)
 
 // Words of a record, as offsets into ORNIX_CAMERA_FACTS.Records.

@@ -18,14 +18,6 @@
 #define ORNIX_TEVRINSGL_VPD 1
 #define ORNIX_TEVRINSGL_STATS 2
 
-// Every field named: the handler unions take their BOOLEAN member.
-#define ORNIX_STATIC_ITEM(id, get, set, minProperty, minData)                             \
-    {                                                                                     \
-        .PropertyId = (id), .GetSupported = (get), .MinProperty = (minProperty),          \
-        .MinData = (minData), .SetSupported = (set), .Values = NULL, .RelationsCount = 0, \
-        .Relations = NULL, .SupportHandler = NULL, .SerializedSize = 0                    \
-    }
-
 const KSPROPERTY_ITEM OrnixVideoControlItems[] = {
     ORNIX_STATIC_ITEM(KSPROPERTY_VIDEOCONTROL_CAPS, TRUE, FALSE, ORNIX_VIDEOCONTROL_CAPS_SIZE,
                       ORNIX_VIDEOCONTROL_CAPS_SIZE),

@@ -13,7 +13,7 @@ static const GUID OrnixFilterCategories[] = {
 };
 
 const KSTOPOLOGY OrnixFilterTopology = {
-    .CategoriesCount = sizeof(OrnixFilterCategories) / sizeof(OrnixFilterCategories[0]),
+    .CategoriesCount = ORNIX_ROW_COUNT(OrnixFilterCategories),
     .Categories = OrnixFilterCategories,
     .TopologyNodesCount = 0,
     .TopologyNodes = NULL,
@@ -25,35 +25,18 @@ const KSTOPOLOGY OrnixFilterTopology = {
 
 // Both items are get-only; the stream class checks the buffer sizes.
 static const KSPROPERTY_ITEM OrnixConnectionItems[] = {
-    {.PropertyId = KSPROPERTY_CONNECTION_ALLOCATORFRAMING,
-     .GetSupported = TRUE,
-     .MinProperty = sizeof(KSPROPERTY),
-     .MinData = sizeof(KSALLOCATOR_FRAMING),
-     .SetSupported = FALSE,
-     .Values = NULL,
-     .RelationsCount = 0,
-     .Relations = NULL,
-     .SupportHandler = NULL,
-     .SerializedSize = 0},
+    ORNIX_STATIC_ITEM(KSPROPERTY_CONNECTION_ALLOCATORFRAMING, TRUE, FALSE, sizeof(KSPROPERTY),
+                      sizeof(KSALLOCATOR_FRAMING)),
 };
 
 static const KSPROPERTY_ITEM OrnixDroppedFramesItems[] = {
-    {.PropertyId = KSPROPERTY_DROPPEDFRAMES_CURRENT,
-     .GetSupported = TRUE,
-     .MinProperty = sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S),
-     .MinData = sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S),
-     .SetSupported = FALSE,
-     .Values = NULL,
-     .RelationsCount = 0,
-     .Relations = NULL,
-     .SupportHandler = NULL,
-     .SerializedSize = 0},
+    ORNIX_STATIC_ITEM(KSPROPERTY_DROPPEDFRAMES_CURRENT, TRUE, FALSE,
+                      sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S),
+                      sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S)),
 };
 
 const KSPROPERTY_SET OrnixStreamPropertySets[ORNIX_STREAM_PROPERTY_SET_COUNT] = {
-    {&OrnixPropSetConnection, sizeof(OrnixConnectionItems) / sizeof(OrnixConnectionItems[0]),
-     OrnixConnectionItems, 0, NULL},
-    {&OrnixPropSetDroppedFrames,
-     sizeof(OrnixDroppedFramesItems) / sizeof(OrnixDroppedFramesItems[0]), OrnixDroppedFramesItems,
+    {&OrnixPropSetConnection, ORNIX_ROW_COUNT(OrnixConnectionItems), OrnixConnectionItems, 0, NULL},
+    {&OrnixPropSetDroppedFrames, ORNIX_ROW_COUNT(OrnixDroppedFramesItems), OrnixDroppedFramesItems,
      0, NULL},
 };

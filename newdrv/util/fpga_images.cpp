@@ -7,4 +7,4 @@ const ORNIX_FPGA_IMAGE FpgaImageTable[] = {
     {OrnixFpgaImageRelease0, 97991},  // release 0 (0x17EC7 bytes)
 };
 
-const ULONG FpgaImageCount = sizeof(FpgaImageTable) / sizeof(FpgaImageTable[0]);
+const ULONG FpgaImageCount = ORNIX_ROW_COUNT(FpgaImageTable);

@@ -12,7 +12,7 @@ typedef struct _ORNIX_RESET_WORK {
 } ORNIX_RESET_WORK, *PORNIX_RESET_WORK;
 
 PUSBD_PIPE_INFORMATION OrnixGetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting, ULONG PipeIndex) {
-    if (Ext->InterfaceInfoTable == NULL) {
+    if (Ext->InterfaceInfoTable == NULL || AltSetting >= Ext->InterfaceInfoCount) {
         return NULL;
     }
     PUSBD_INTERFACE_INFORMATION iface = Ext->InterfaceInfoTable[AltSetting];
@@ -106,7 +106,7 @@ NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting) {
         return STATUS_DEVICE_REMOVED;
     }
     PUSBD_INTERFACE_INFORMATION kept =
-        Ext->InterfaceInfoTable != NULL ? Ext->InterfaceInfoTable[AltSetting] : NULL;
+        AltSetting < Ext->InterfaceInfoCount ? Ext->InterfaceInfoTable[AltSetting] : NULL;
     if (kept == NULL) {
         return STATUS_INVALID_PARAMETER;
     }

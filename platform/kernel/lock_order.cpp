@@ -166,6 +166,7 @@ void ForgetLock(const void* lock) {
     LockOrderState& state = State();
     std::lock_guard guard(state.mutex);
     state.kinds.erase(lock);
+    state.names.erase(lock);  // a later lock at this address is another lock
     state.acquiredWhileHolding.erase(lock);
     for (auto& [holder, acquired] : state.acquiredWhileHolding)
         acquired.erase(lock);

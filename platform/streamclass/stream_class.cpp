@@ -41,6 +41,7 @@ struct StreamClass::Impl {
     bool started = false;
     ULONG streamDescriptorSize = 0;
     std::vector<uint8_t> streamDescriptor;
+    std::vector<uint8_t> streamInfoBuffer;  // what SRB_GET_STREAM_INFO was given
     NTSTATUS streamInfoStatus = STATUS_PENDING;
     FilterView filter;
 
@@ -97,7 +98,10 @@ NTSTATUS StreamClass::Impl::GetStreamInfo() {
     }
     // Exactly the announced size, zeroed as the class allocates it, with a
     // guard behind it to catch a minidriver that writes past the end.
-    std::vector<uint8_t> buffer(size + kGuardBytes, 0);
+    // It outlives this call: a minidriver that never completes the request
+    // may still write into it after the class has given up waiting.
+    std::vector<uint8_t>& buffer = streamInfoBuffer;
+    buffer.assign(size + kGuardBytes, 0);
     std::memset(buffer.data() + size, kGuardFill, kGuardBytes);
     const SrbResult result = Send(SRB_GET_STREAM_INFO, buffer.data(), size, nullptr, false, 0);
     streamInfoStatus = result.completed ? result.status : STATUS_IO_TIMEOUT;
@@ -112,14 +116,13 @@ NTSTATUS StreamClass::Impl::GetStreamInfo() {
     if (!NT_SUCCESS(streamInfoStatus)) {
         return streamInfoStatus;
     }
-    buffer.resize(size);
     const auto* header = reinterpret_cast<const HW_STREAM_HEADER*>(buffer.data());
     if (!ValidateStreamDescriptor(*header, size)) {
         streamInfoStatus = STATUS_INVALID_PARAMETER;
         return streamInfoStatus;
     }
     filter = DecodeStreamDescriptor(*header);
-    streamDescriptor = std::move(buffer);
+    streamDescriptor.assign(buffer.begin(), buffer.begin() + size);
     return streamInfoStatus;
 }
 

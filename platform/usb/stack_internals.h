@@ -143,6 +143,7 @@ struct UsbStack::Impl {
     USBD_STATUS PlanPipeRequestLocked(Request& r);
     USBD_STATUS PlanTransferLocked(Request& r);
     std::shared_ptr<Pipe> FindPipeLocked(USBD_PIPE_HANDLE handle) const;
+    USBD_STATUS BindPipeLocked(Request& r, size_t bodySize, USBD_PIPE_HANDLE handle);
 
     // ---- host-controller threads and the bus (host_controller.cpp)
     void HostControllerLoop(int index);

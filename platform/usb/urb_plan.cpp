@@ -214,14 +214,20 @@ USBD_STATUS UsbStack::Impl::PlanControlLocked(Request& r) {
     return USBD_STATUS_SUCCESS;
 }
 
-USBD_STATUS UsbStack::Impl::PlanPipeRequestLocked(Request& r) {
-    const _URB_PIPE_REQUEST& u = r.urb->UrbPipeRequest;
-    if (!Fits(*r.urb, sizeof u)) {
+// The pipe a pipe request or transfer names, after checking the URB holds
+// the whole request body.
+USBD_STATUS UsbStack::Impl::BindPipeLocked(Request& r, size_t bodySize, USBD_PIPE_HANDLE handle) {
+    if (!Fits(*r.urb, bodySize)) {
         return USBD_STATUS_INVALID_PARAMETER;
     }
-    r.target = FindPipeLocked(u.PipeHandle);
-    if (!r.target) {
-        return USBD_STATUS_INVALID_PIPE_HANDLE;
+    r.target = FindPipeLocked(handle);
+    return r.target ? USBD_STATUS_SUCCESS : USBD_STATUS_INVALID_PIPE_HANDLE;
+}
+
+USBD_STATUS UsbStack::Impl::PlanPipeRequestLocked(Request& r) {
+    const _URB_PIPE_REQUEST& u = r.urb->UrbPipeRequest;
+    if (USBD_STATUS s = BindPipeLocked(r, sizeof u, u.PipeHandle); s != USBD_STATUS_SUCCESS) {
+        return s;
     }
     if (r.kind == RequestKind::AbortPipe) {
         r.queue = abortQueue;  // no bus traffic, and never behind a stuck control request
@@ -235,12 +241,8 @@ USBD_STATUS UsbStack::Impl::PlanPipeRequestLocked(Request& r) {
 
 USBD_STATUS UsbStack::Impl::PlanTransferLocked(Request& r) {
     const _URB_BULK_OR_INTERRUPT_TRANSFER& u = r.urb->UrbBulkOrInterruptTransfer;
-    if (!Fits(*r.urb, sizeof u)) {
-        return USBD_STATUS_INVALID_PARAMETER;
-    }
-    r.target = FindPipeLocked(u.PipeHandle);
-    if (!r.target) {
-        return USBD_STATUS_INVALID_PIPE_HANDLE;
+    if (USBD_STATUS s = BindPipeLocked(r, sizeof u, u.PipeHandle); s != USBD_STATUS_SUCCESS) {
+        return s;
     }
     const Pipe& pipe = *r.target;
     const bool pipeIn = USB_ENDPOINT_DIRECTION_IN(pipe.endpointAddress) != 0;

@@ -1,11 +1,14 @@
 // Talking to the camera the way the USB stack does, in test-sized steps.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <ostream>
 #include <vector>
 
 #include "camera/camera.h"
+#include "camera/register_map.h"
 #include "platform/usb/usb_device.h"
 
 namespace usbsim {
@@ -14,102 +17,97 @@ inline void PrintTo(Handshake handshake, std::ostream* os) {
 }
 }  // namespace usbsim
 
-namespace ornixcam::test {
+namespace ornixcam {
+
+using Bytes = std::vector<uint8_t>;
+using usbsim::Handshake;
+constexpr Handshake kAck = Handshake::Ack, kStall = Handshake::Stall, kNak = Handshake::Nak;
 
 struct Reply {
     usbsim::TransferResult result;
-    std::vector<uint8_t> data;  // the bytes the camera returned
-
-    usbsim::Handshake handshake() const { return result.handshake; }
+    Bytes data;  // the bytes the camera returned, if it acknowledged
+    Handshake handshake() const { return result.handshake; }
 };
 
-inline Reply In(usbsim::UsbDevice& device, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
+inline Reply In(Camera& camera, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
                 uint16_t wIndex, uint16_t wLength) {
-    std::vector<uint8_t> buffer(wLength);
-    const usbsim::SetupPacket setup{bmRequestType, bRequest, wValue, wIndex, wLength};
-    Reply reply{device.Control(setup, buffer), {}};
-    if (reply.result.handshake == usbsim::Handshake::Ack) {
-        buffer.resize(reply.result.actual);
-        reply.data = buffer;
-    }
+    Reply reply{{}, Bytes(wLength)};
+    reply.result = camera.Control({bmRequestType, bRequest, wValue, wIndex, wLength}, reply.data);
+    reply.data.resize(reply.handshake() == kAck ? reply.result.actual : 0);
     return reply;
 }
-
-inline usbsim::Handshake Out(usbsim::UsbDevice& device, uint8_t bmRequestType, uint8_t bRequest,
-                             uint16_t wValue, uint16_t wIndex, std::vector<uint8_t> data = {}) {
-    const usbsim::SetupPacket setup{bmRequestType, bRequest, wValue, wIndex,
-                                    static_cast<uint16_t>(data.size())};
-    return device.Control(setup, data).handshake;
+inline Handshake Out(Camera& camera, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
+                     uint16_t wIndex, Bytes data = {}) {
+    const auto length = static_cast<uint16_t>(data.size());
+    return camera.Control({bmRequestType, bRequest, wValue, wIndex, length}, data).handshake;
+}
+inline Reply TransferIn(Camera& camera, uint8_t endpoint, size_t length) {
+    Reply reply{{}, Bytes(length)};
+    reply.result = camera.Transfer(endpoint, reply.data);
+    reply.data.resize(reply.handshake() == kAck ? reply.result.actual : 0);
+    return reply;
+}
+inline usbsim::TransferResult TransferOut(Camera& camera, uint8_t endpoint, Bytes bytes) {
+    return camera.Transfer(endpoint, bytes);
 }
 
-inline Reply GetDescriptor(usbsim::UsbDevice& device, uint8_t type, uint8_t index,
-                           uint16_t wLength = 0xFF, uint16_t language = 0) {
-    return In(device, 0x80, 6, static_cast<uint16_t>(type << 8 | index), language, wLength);
+inline Handshake SetConfiguration(Camera& camera, uint16_t value = 1) {
+    return Out(camera, 0x00, 9, value, 0);
+}
+inline Handshake SetInterface(Camera& camera, uint16_t alternate, uint16_t interface = 0) {
+    return Out(camera, 0x01, 11, alternate, interface);
 }
 
-inline usbsim::Handshake SetConfiguration(usbsim::UsbDevice& device, uint16_t value = 1) {
-    return Out(device, 0x00, 9, value, 0);
+inline Reply ReadRegisters(Camera& camera, uint16_t index, uint16_t length) {
+    return In(camera, 0xC0, vendor_request::kRegisterAccess, 0, index, length);
 }
-
-inline usbsim::Handshake SetInterface(usbsim::UsbDevice& device, uint16_t alternate,
-                                      uint16_t interface = 0) {
-    return Out(device, 0x01, 11, alternate, interface);
+inline Handshake Probe(Camera& camera, uint16_t index, uint16_t length = 4) {
+    return ReadRegisters(camera, index, length).handshake();
 }
-
-inline Reply ReadRegisters(usbsim::UsbDevice& device, uint16_t index, uint16_t length) {
-    return In(device, 0xC0, vendor_request::kRegisterAccess, 0, index, length);
+inline Handshake WriteRegisters(Camera& camera, uint16_t index, Bytes bytes) {
+    return Out(camera, 0x40, vendor_request::kRegisterAccess, 0, index, std::move(bytes));
 }
-
-inline usbsim::Handshake WriteRegisters(usbsim::UsbDevice& device, uint16_t index,
-                                        std::vector<uint8_t> bytes) {
-    return Out(device, 0x40, vendor_request::kRegisterAccess, 0, index, std::move(bytes));
-}
-
-inline std::vector<uint8_t> Le32(uint32_t value) {
+inline Bytes Le32(uint32_t value) {
     return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
             static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
 }
-
-inline usbsim::Handshake WriteRegister(usbsim::UsbDevice& device, uint16_t index, uint32_t value) {
-    return WriteRegisters(device, index, Le32(value));
+inline Handshake WriteRegister(Camera& camera, uint16_t index, uint32_t value) {
+    return WriteRegisters(camera, index, Le32(value));
+}
+// One register, or 0xBAD0BAD0 (and a failure) if the camera does not answer it in full.
+inline uint32_t Read(Camera& camera, uint16_t index) {
+    const Bytes b = ReadRegisters(camera, index, 4).data;
+    EXPECT_EQ(b.size(), 4u) << "register 0x" << std::hex << index;
+    return b.size() == 4 ? b[0] | b[1] << 8 | b[2] << 16 | uint32_t{b[3]} << 24 : 0xBAD0BAD0;
 }
 
-inline uint16_t Le16At(const std::vector<uint8_t>& bytes, size_t offset) {
-    return static_cast<uint16_t>(bytes.at(offset) | bytes.at(offset + 1) << 8);
-}
-
-inline usbsim::TransferResult TransferOut(usbsim::UsbDevice& device, uint8_t endpoint,
-                                          std::vector<uint8_t> bytes) {
-    return device.Transfer(endpoint, bytes);
-}
-
-inline Reply TransferIn(usbsim::UsbDevice& device, uint8_t endpoint, size_t length) {
-    std::vector<uint8_t> buffer(length);
-    Reply reply{device.Transfer(endpoint, buffer), {}};
-    if (reply.result.handshake == usbsim::Handshake::Ack) {
-        buffer.resize(reply.result.actual);
-        reply.data = buffer;
-    }
-    return reply;
-}
-
-// Two-wire bus accesses through request 0x13, with 8-bit bus addresses.
-inline uint16_t SglValue(uint8_t busAddress, size_t count) {
+// The two-wire bus behind request 0x13, with 8-bit bus addresses: wValue
+// carries the 7-bit address and the byte count.
+inline uint16_t BusValue(uint8_t busAddress, size_t count) {
     return static_cast<uint16_t>(busAddress >> 1 | count << 8);
 }
-
-inline usbsim::Handshake SetEepromPointer(usbsim::UsbDevice& device, uint8_t busAddress,
-                                          uint16_t offset) {
-    return Out(device, 0x40, vendor_request::kPassThrough, SglValue(busAddress, 2), 0,
-               {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)});
+inline Handshake BusWrite(Camera& camera, uint8_t busAddress, Bytes bytes) {
+    const uint16_t value = BusValue(busAddress, bytes.size());
+    return Out(camera, 0x40, vendor_request::kPassThrough, value, 0, std::move(bytes));
+}
+inline Handshake SetEepromPointer(Camera& camera, uint8_t busAddress, uint16_t offset) {
+    return BusWrite(camera, busAddress,
+                    {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)});
+}
+inline Reply ReadEeprom(Camera& camera, uint8_t busAddress, uint16_t count) {
+    return In(camera, 0xC0, vendor_request::kPassThrough, BusValue(busAddress, count), 0, count);
+}
+inline Reply QueryMappingType(Camera& camera) {
+    return In(camera, 0xC0, vendor_request::kPassThrough, 0, 12, 4);
 }
 
-inline Reply ReadEeprom(usbsim::UsbDevice& device, uint8_t busAddress, uint16_t count) {
-    return In(device, 0xC0, vendor_request::kPassThrough, SglValue(busAddress, count), 0, count);
+// Bytes from..from+count-1, each cut to its low byte.
+inline Bytes Counting(size_t from, size_t count) {
+    Bytes bytes(count);
+    for (size_t i = 0; i < count; ++i) {
+        bytes[i] = static_cast<uint8_t>(from + i);
+    }
+    return bytes;
 }
 
-inline Reply QueryMappingType(usbsim::UsbDevice& device) {
-    return In(device, 0xC0, vendor_request::kPassThrough, 0, 12, 4);
-}
-
-}  // namespace ornixcam::test
+}  // namespace ornixcam

@@ -1,43 +1,21 @@
-// The two-wire bus behind request 0x13: address pointer, sequential reads,
-// probe, mapping-type query, absent devices.
-#include <numeric>
-
-#include <gtest/gtest.h>
-
-#include "camera/camera.h"
+// The two-wire bus behind request 0x13 (address pointer, sequential reads,
+// probe, mapping-type query, absent devices) and the product data the
+// profile lays out on it by mapping type.
 #include "camera_test_support.h"
 
 namespace ornixcam {
 namespace {
 
-using test::Le32;
-using test::ReadEeprom;
-using test::SetEepromPointer;
-using test::SglValue;
-using usbsim::Handshake;
-
 // Blank EEPROMs, then 0xA8 filled so that its byte at offset n is n & 0xFF.
 class CountingEeprom : public ::testing::Test {
   protected:
-    CountingEeprom() {
-        std::vector<uint8_t> pattern(0x10000);
-        std::iota(pattern.begin(), pattern.end(), uint8_t{0});
-        camera.PokeEeprom(0xA8, 0, pattern);
-    }
+    CountingEeprom() { camera.PokeEeprom(0xA8, 0, Counting(0, 0x10000)); }
 
     Camera camera{ParseProfile(R"({"productData": {"sections": [], "end": false}})")};
 };
 
-std::vector<uint8_t> Counting(uint16_t from, size_t count) {
-    std::vector<uint8_t> bytes(count);
-    for (size_t i = 0; i < count; ++i) {
-        bytes[i] = static_cast<uint8_t>(from + i);
-    }
-    return bytes;
-}
-
-TEST_F(CountingEeprom, ReadsContinueFromThePointerAcrossPages) {
-    ASSERT_EQ(SetEepromPointer(camera, 0xA8, 0x3030), Handshake::Ack);
+TEST_F(CountingEeprom, ReadsContinueFromThePointerAcrossPagesAndWrapAtTheEnd) {
+    ASSERT_EQ(SetEepromPointer(camera, 0xA8, 0x3030), kAck);
     EXPECT_EQ(camera.EepromPointer(0xA8), 0x3030);
     // The driver's split of 100 bytes at 0x3030: 16, 64 and 20.
     EXPECT_EQ(ReadEeprom(camera, 0xA8, 16).data, Counting(0x3030, 16));
@@ -46,12 +24,9 @@ TEST_F(CountingEeprom, ReadsContinueFromThePointerAcrossPages) {
     // A read may cross a page boundary too.
     EXPECT_EQ(ReadEeprom(camera, 0xA8, 64).data, Counting(0x3094, 64));
     EXPECT_EQ(camera.EepromPointer(0xA8), 0x30D4);
-}
 
-TEST_F(CountingEeprom, SequentialReadsWrapAtTheEndOfTheDevice) {
-    ASSERT_EQ(SetEepromPointer(camera, 0xA8, 0xFFF0), Handshake::Ack);
-    const auto reply = ReadEeprom(camera, 0xA8, 32);
-    EXPECT_EQ(reply.data, Counting(0xFFF0, 32));
+    ASSERT_EQ(SetEepromPointer(camera, 0xA8, 0xFFF0), kAck);
+    EXPECT_EQ(ReadEeprom(camera, 0xA8, 32).data, Counting(0xFFF0, 32));
     EXPECT_EQ(camera.EepromPointer(0xA8), 0x0010);
 }
 
@@ -59,15 +34,12 @@ TEST_F(CountingEeprom, EachDeviceKeepsItsOwnPointer) {
     SetEepromPointer(camera, 0xA8, 0x0100);
     SetEepromPointer(camera, 0xA0, 0x0200);
     EXPECT_EQ(ReadEeprom(camera, 0xA8, 4).data, Counting(0x0100, 4));
-    // Unwritten bytes read 0xFF.
-    EXPECT_EQ(ReadEeprom(camera, 0xA0, 4).data, std::vector<uint8_t>(4, 0xFF));
+    EXPECT_EQ(ReadEeprom(camera, 0xA0, 4).data, Bytes(4, 0xFF));  // unwritten bytes read 0xFF
     EXPECT_EQ(ReadEeprom(camera, 0xA8, 4).data, Counting(0x0104, 4));
 }
 
 TEST_F(CountingEeprom, WritesBeyondThePointerStayInTheirPage) {
-    const std::vector<uint8_t> write = {0x00, 0x3E, 0xAA, 0xBB, 0xCC};
-    ASSERT_EQ(test::Out(camera, 0x40, vendor_request::kPassThrough, SglValue(0xA8, 5), 0, write),
-              Handshake::Ack);
+    ASSERT_EQ(BusWrite(camera, 0xA8, {0x00, 0x3E, 0xAA, 0xBB, 0xCC}), kAck);
     EXPECT_EQ(camera.PeekEeprom(0xA8, 0x3E), 0xAA);
     EXPECT_EQ(camera.PeekEeprom(0xA8, 0x3F), 0xBB);
     EXPECT_EQ(camera.PeekEeprom(0xA8, 0x00), 0xCC);  // rolled over to the page start
@@ -75,49 +47,120 @@ TEST_F(CountingEeprom, WritesBeyondThePointerStayInTheirPage) {
 }
 
 TEST(EepromBus, TheProbeReadsTheByteAtThePointer) {
-    Camera plain;
-    const std::vector<uint8_t> zero = {0};
-    ASSERT_EQ(test::Out(plain, 0x40, vendor_request::kPassThrough, 0x150, 0, zero), Handshake::Ack);
-    EXPECT_EQ(test::In(plain, 0xC0, vendor_request::kPassThrough, 0x150, 0, 1).data,
-              std::vector<uint8_t>{0xFF});
-
-    Camera marked(ParseProfile(R"({"productData": {"probeByte": "0xC0"}})"));
-    ASSERT_EQ(test::Out(marked, 0x40, vendor_request::kPassThrough, 0x150, 0, zero),
-              Handshake::Ack);
-    EXPECT_EQ(test::In(marked, 0xC0, vendor_request::kPassThrough, 0x150, 0, 1).data,
-              std::vector<uint8_t>{0xC0});
+    Camera plain, marked(ParseProfile(R"({"productData": {"probeByte": "0xC0"}})"));
+    ASSERT_EQ(BusWrite(plain, 0xA0, {0}), kAck);
+    EXPECT_EQ(ReadEeprom(plain, 0xA0, 1).data, Bytes{0xFF});
+    ASSERT_EQ(BusWrite(marked, 0xA0, {0}), kAck);
+    EXPECT_EQ(ReadEeprom(marked, 0xA0, 1).data, Bytes{0xC0});
 }
 
 TEST(EepromBus, TheMappingTypeQueryAnswersOrStalls) {
     Camera camera(ParseProfile(R"({"productData": {"mappingType": 2}})"));
-    EXPECT_EQ(test::QueryMappingType(camera).data, Le32(2));
-    EXPECT_EQ(test::In(camera, 0x40, vendor_request::kPassThrough, 0, 12, 4).handshake(),
-              Handshake::Stall);  // OUT
-
+    EXPECT_EQ(QueryMappingType(camera).data, Le32(2));
+    EXPECT_EQ(In(camera, 0x40, vendor_request::kPassThrough, 0, 12, 4).handshake(), kStall);  // OUT
     Camera hostile(ParseProfile(R"({"productData": {"mappingType": "0xDEADBEEF"}})"));
-    EXPECT_EQ(test::QueryMappingType(hostile).data, Le32(0xDEADBEEF));
-
+    EXPECT_EQ(QueryMappingType(hostile).data, Le32(0xDEADBEEF));
     Camera refusing(ParseProfile(R"({"productData": {"refuseMappingQuery": true}})"));
-    EXPECT_EQ(test::QueryMappingType(refusing).handshake(), Handshake::Stall);
+    EXPECT_EQ(QueryMappingType(refusing).handshake(), kStall);
 }
 
 TEST(EepromBus, MalformedAccessesAndAbsentDevicesStall) {
     Camera camera(ParseProfile(R"({"productData": {"eeproms": ["0xA2"], "sections": []}})"));
-    EXPECT_EQ(SetEepromPointer(camera, 0xA2, 0), Handshake::Ack);
-    EXPECT_EQ(SetEepromPointer(camera, 0xA0, 0), Handshake::Stall);
-    EXPECT_EQ(ReadEeprom(camera, 0xA8, 4).handshake(), Handshake::Stall);
+    EXPECT_EQ(SetEepromPointer(camera, 0xA2, 0), kAck);
+    EXPECT_EQ(SetEepromPointer(camera, 0xA0, 0), kStall);
+    EXPECT_EQ(ReadEeprom(camera, 0xA8, 4).handshake(), kStall);
     EXPECT_THROW(camera.PeekEeprom(0xA0, 0), std::out_of_range);
-    // Count and length disagree; too long a read; unknown wIndex.
-    EXPECT_EQ(
-        test::In(camera, 0xC0, vendor_request::kPassThrough, SglValue(0xA2, 4), 0, 8).handshake(),
-        Handshake::Stall);
-    EXPECT_EQ(
-        test::In(camera, 0xC0, vendor_request::kPassThrough, SglValue(0xA2, 65), 0, 65).handshake(),
-        Handshake::Stall);
-    EXPECT_EQ(
-        test::In(camera, 0xC0, vendor_request::kPassThrough, SglValue(0xA2, 4), 3, 4).handshake(),
-        Handshake::Stall);
-    EXPECT_EQ(ReadEeprom(camera, 0xA2, 64).handshake(), Handshake::Ack);
+    auto read = [&](size_t count, uint16_t index, uint16_t length) {
+        return In(camera, 0xC0, vendor_request::kPassThrough, BusValue(0xA2, count), index, length)
+            .handshake();
+    };
+    EXPECT_EQ(read(4, 0, 8), kStall);    // count and length disagree
+    EXPECT_EQ(read(65, 0, 65), kStall);  // too long
+    EXPECT_EQ(read(4, 3, 4), kStall);    // unknown wIndex
+    EXPECT_EQ(read(64, 0, 64), kAck);
+}
+
+// Reads `count` bytes at `offset` of one EEPROM the way the driver does.
+Bytes EepromBytes(Camera& camera, uint8_t busAddress, uint16_t offset, size_t count) {
+    EXPECT_EQ(SetEepromPointer(camera, busAddress, offset), kAck);
+    Bytes bytes;
+    while (bytes.size() < count) {
+        const auto reply =
+            ReadEeprom(camera, busAddress, std::min<size_t>(64, count - bytes.size()));
+        EXPECT_EQ(reply.handshake(), kAck);
+        bytes.insert(bytes.end(), reply.data.begin(), reply.data.end());
+    }
+    return bytes;
+}
+
+Bytes Slice(const Bytes& bytes, size_t from, size_t count) {
+    return {bytes.begin() + from, bytes.begin() + from + count};
+}
+
+// A profile with one section of `count` pattern bytes, and the pattern.
+std::pair<Profile, Bytes> OneSection(int mappingType, int id, size_t count, bool end) {
+    static const char digits[] = "0123456789ABCDEF";
+    Bytes payload(count);
+    std::string hex;
+    for (size_t i = 0; i < count; ++i) {
+        payload[i] = static_cast<uint8_t>(i * 7 + 1);
+        hex += {digits[payload[i] >> 4], digits[payload[i] & 15]};
+    }
+    return {ParseProfile(R"({"productData": {"mappingType": )" + std::to_string(mappingType) +
+                         R"(, "end": )" + (end ? "true" : "false") + R"(, "sections": [{"id": )" +
+                         std::to_string(id) + R"(, "bytes": ")" + hex + R"("}]}})"),
+            payload};
+}
+
+TEST(ProductData, TheDefaultCameraHoldsADefectListAndSectionFour) {
+    Camera camera;
+    EXPECT_EQ(QueryMappingType(camera).data, Le32(1));
+    const Bytes vpd = EepromBytes(camera, 0xA2, 0x3000, 4 + 128 + 4 + 16 + 4);
+    // 32 defects of two little-endian 16-bit coordinates; the first is (808, 98).
+    EXPECT_EQ(Slice(vpd, 0, 8), (Bytes{0x80, 0x00, 0x01, 0x00, 0x28, 0x03, 0x62, 0x00}));
+    EXPECT_EQ(Slice(vpd, 132, 4), (Bytes{0x10, 0x00, 0x04, 0x00}));
+    EXPECT_EQ(Slice(vpd, 136, 4), (Bytes{0x4F, 0x52, 0x4E, 0x58}));
+    EXPECT_EQ(Slice(vpd, 152, 4), Bytes(4, 0xFF));  // the end header
+}
+
+TEST(ProductData, MappingTypeOneContinuesASectionInTheSecondRegion) {
+    const auto [profile, payload] = OneSection(1, 9, 0x800, true);
+    Camera camera(profile);
+    const Bytes first = EepromBytes(camera, 0xA2, 0x3000, 0x700);
+    EXPECT_EQ(Slice(first, 0, 4), (Bytes{0x00, 0x08, 0x09, 0x00}));
+    EXPECT_EQ(Slice(first, 4, 0x6FC), Slice(payload, 0, 0x6FC));
+    const Bytes second = EepromBytes(camera, 0xA2, 0x2400, 0x108);
+    EXPECT_EQ(Slice(second, 0, 0x104), Slice(payload, 0x6FC, 0x104));
+    EXPECT_EQ(Slice(second, 0x104, 4), Bytes(4, 0xFF));
+}
+
+TEST(ProductData, MappingTypeTwoReachesOtherDevicesWithLongSections) {
+    // 0x10010 bytes: the header's byte 3 carries length bit 16.
+    const auto [profile, payload] = OneSection(2, 1, 0x10010, false);
+    Camera camera(profile);
+    EXPECT_EQ(EepromBytes(camera, 0xA2, 0x3000, 4), (Bytes{0x10, 0x00, 0x01, 0x01}));
+    // Logical 0x3600 onward is device 0xA0 from offset 0, 0xB600 onward is 0xA8.
+    EXPECT_EQ(EepromBytes(camera, 0xA2, 0x0100, 0x2300), Slice(payload, 0x12FC, 0x2300));
+    EXPECT_EQ(EepromBytes(camera, 0xA0, 0x0000, 0x40), Slice(payload, 0x35FC, 0x40));
+    EXPECT_EQ(EepromBytes(camera, 0xA8, 0x0000, 0x4A14), Slice(payload, 0xB5FC, 0x4A14));
+    EXPECT_EQ(EepromBytes(camera, 0xA8, 0x4A14, 4), Bytes(4, 0xFF));
+}
+
+TEST(ProductData, RawImagesLieUnderTheSectionsAndTheProbeByteOnTop) {
+    Camera camera(ParseProfile(R"({"productData": {"mappingType": 0, "end": false,
+        "sections": [{"id": 4, "bytes": "AA BB"}],
+        "eepromImages": {"0xA2": "00 00 00 00", "0xA0": "11 22 33"}, "probeByte": "0xC0"}})"));
+    // Nothing here: the image lies at offset 0, the sections at 0x3000.
+    EXPECT_EQ(EepromBytes(camera, 0xA2, 0, 5), (Bytes{0, 0, 0, 0, 0xFF}));
+    EXPECT_EQ(EepromBytes(camera, 0xA2, 0x3000, 8),
+              (Bytes{0x02, 0x00, 0x04, 0x00, 0xAA, 0xBB, 0xFF, 0xFF}));
+    EXPECT_EQ(EepromBytes(camera, 0xA0, 0, 4), (Bytes{0xC0, 0x22, 0x33, 0xFF}));
+}
+
+TEST(ProductData, AMappingTypeWithoutAMapLaysOutNothing) {
+    Camera camera(ParseProfile(R"({"productData": {"mappingType": 3}})"));
+    EXPECT_EQ(QueryMappingType(camera).data, Le32(3));
+    EXPECT_EQ(EepromBytes(camera, 0xA2, 0x3000, 8), Bytes(8, 0xFF));
 }
 
 }  // namespace

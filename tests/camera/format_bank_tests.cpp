@@ -1,45 +1,39 @@
-// Format banks as the camera's registers show them to format discovery and
-// the frame-rate chart.
-#include <gtest/gtest.h>
-
-#include "camera/camera.h"
-#include "camera/register_map.h"
+// Format banks and property records as the camera's registers show them,
+// built from the profile.
 #include "camera_test_support.h"
 
 namespace ornixcam {
 namespace {
 
-using test::Le32;
-using test::ReadRegisters;
-using test::WriteRegister;
-using usbsim::Handshake;
-
-uint32_t Read(Camera& camera, uint16_t index) {
-    const auto reply = ReadRegisters(camera, index, 4);
-    EXPECT_EQ(reply.handshake(), Handshake::Ack) << std::hex << index;
-    return reply.data.size() == 4
-               ? test::Le16At(reply.data, 0) | uint32_t{test::Le16At(reply.data, 2)} << 16
-               : 0xBAD0BAD0;
-}
-
 uint32_t Capture(Camera& camera, unsigned bank, uint16_t offset) {
     return Read(camera, reg::CaptureBank(bank, offset));
 }
 
-TEST(FormatBanks, TheDefaultCameraOffersThreeBayerAndMonochromeBanks) {
-    Camera camera;
+TEST(FormatBanks, ExistOnlyBelowTheFormatCount) {
+    Camera camera;  // three formats
     EXPECT_EQ(Read(camera, reg::kFormatCount), 3u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kMaxSize), 1024u << 16 | 1280);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kUnitSize), 2u << 16 | 8);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kSize), 1024u << 16 | 1280);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorId), 8u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorInquiry), 0x0308u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kBinning), 0x00010001u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyParameters), 48000u << 16 | 12000);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kCurrentFrequency), 24000u);
-    EXPECT_EQ(Capture(camera, 1, reg::fmt::kColorInquiry), 12u);
     EXPECT_EQ(Capture(camera, 2, reg::fmt::kMaxSize), 512u << 16 | 640);
-    EXPECT_EQ(Capture(camera, 2, reg::fmt::kColorInquiry), 5u);
+    EXPECT_EQ(Probe(camera, reg::CaptureBank(3, reg::fmt::kMaxSize)), kStall);
+    EXPECT_EQ(WriteRegister(camera, reg::StillBank(2, reg::still::kSize), 1), kAck);
+    EXPECT_EQ(WriteRegister(camera, reg::StillBank(3, reg::still::kSize), 1), kStall);
+    EXPECT_EQ(Probe(camera, reg::StillBank(0, reg::still::kSize)), kStall);  // write-only
+    EXPECT_EQ(Probe(camera, reg::kBinningStatus), kAck);
+    EXPECT_EQ(WriteRegister(camera, reg::CaptureBank(0, reg::fmt::kValidate), 1), kAck);
+
+    Camera none(ParseProfile(R"({"formatBanks": []})"));
+    EXPECT_EQ(Read(none, reg::kFormatCount), 0u);
+    EXPECT_EQ(Probe(none, reg::kCaptureBankBase), kStall);
+    // A count above the list adds banks that read as zeros; one below hides banks.
+    Camera more(ParseProfile(R"({"registers": {"0x019C": 5}})"));
+    EXPECT_EQ(Capture(more, 4, reg::fmt::kMaxSize), 0u);
+    EXPECT_EQ(Capture(more, 4, reg::fmt::kFrequencyArray), 0u);
+    Camera fewer(ParseProfile(R"({"registers": {"0x019C": 1}})"));
+    EXPECT_EQ(Probe(fewer, reg::CaptureBank(1, 0)), kStall);
+    // A camera claiming absurdly many formats still has only the banks that fit.
+    Camera greedy(ParseProfile(R"({"registers": {"0x019C": 1000}})"));
+    EXPECT_EQ(Probe(greedy, reg::CaptureBank(31, reg::fmt::kSize)), kAck);
+    EXPECT_EQ(Probe(greedy, reg::CaptureBank(32, reg::fmt::kSize)), kStall);
+    EXPECT_EQ(Read(greedy, reg::kSupport0), 1u);
 }
 
 TEST(FormatBanks, TheFrequencyArrayServesTheChartTwoEntriesPerRead) {
@@ -63,10 +57,9 @@ TEST(FormatBanks, ColourIdsReadBackWithTheBankFlags) {
          "colorInquiry": {"base": 8, "extra": "0xFFFF", "interlaced": true}}]})"));
     EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorInquiry), 0x01FFFF08u);
     EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorId), 0x03000008u);
-    ASSERT_EQ(WriteRegister(camera, reg::CaptureBank(0, reg::fmt::kColorId), 0x12345609),
-              Handshake::Ack);
+    ASSERT_EQ(WriteRegister(camera, reg::CaptureBank(0, reg::fmt::kColorId), 0x12345609), kAck);
     EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorId), 0x03000009u);
-    ASSERT_EQ(WriteRegister(camera, reg::StillBank(0, reg::still::kColorId), 11), Handshake::Ack);
+    ASSERT_EQ(WriteRegister(camera, reg::StillBank(0, reg::still::kColorId), 11), kAck);
     EXPECT_EQ(Read(camera, reg::StillBank(0, reg::still::kColorId)), 0x0300000Bu);
 }
 
@@ -89,27 +82,27 @@ TEST(FormatBanks, HostileValuesAreExpressible) {
     EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), 0x00000001u);
 }
 
-TEST(FormatBanks, TheCountFollowsTheListUnlessSetExplicitly) {
-    Camera none(ParseProfile(R"({"formatBanks": []})"));
-    EXPECT_EQ(Read(none, reg::kFormatCount), 0u);
-    EXPECT_EQ(ReadRegisters(none, reg::kCaptureBankBase, 4).handshake(), Handshake::Stall);
+constexpr uint32_t kPresent = 1u << 31, kAutoAvailable = 1u << 30, kAutoOn = 1u << 14;
 
-    // A count above the list adds banks that read as zeros; one below hides banks.
-    Camera more(ParseProfile(R"({"registers": {"0x019C": 5}})"));
-    EXPECT_EQ(Capture(more, 4, reg::fmt::kMaxSize), 0u);
-    EXPECT_EQ(Capture(more, 4, reg::fmt::kFrequencyArray), 0u);
-    Camera fewer(ParseProfile(R"({"registers": {"0x019C": 1}})"));
-    EXPECT_EQ(ReadRegisters(fewer, reg::CaptureBank(1, 0), 4).handshake(), Handshake::Stall);
+std::array<uint32_t, 4> Record(Camera& camera, unsigned record) {
+    const auto first = static_cast<uint16_t>(reg::kPropertyBlockFirst + 16 * record);
+    return {Read(camera, first), Read(camera, first + 4), Read(camera, first + 8),
+            Read(camera, first + 12)};
 }
+using Words = std::array<uint32_t, 4>;  // control, value, minimum, maximum
 
-TEST(FormatBanks, SettingsReturnToTheProfileValuesOnReset) {
-    Camera camera;
-    const uint16_t size = reg::CaptureBank(0, reg::fmt::kSize);
-    ASSERT_EQ(WriteRegister(camera, size, 0x00100010), Handshake::Ack);
-    ASSERT_EQ(WriteRegister(camera, reg::CaptureBank(0, reg::fmt::kValidate), 0), Handshake::Ack);
-    EXPECT_EQ(Read(camera, size), 0x00100010u);
-    WriteRegister(camera, reg::kReset, reg::kResetMagic);
-    EXPECT_EQ(Read(camera, size), 1024u << 16 | 1280);
+TEST(PropertyRecords, AreSetByNameOrNumberAndMergeWithTheDefault) {
+    Camera camera(ParseProfile(R"({"properties": {
+        "brightness": {"value": -10, "min": -255, "max": 255, "auto": true},
+        "record56": {"value": 7, "max": "0xFFFFFFFF"}, "hue": {"present": false, "value": 3},
+        "record13": {"control": "0x12345678"}, "contrast": null}})"));
+    EXPECT_EQ(Record(camera, 0),
+              (Words{kPresent | kAutoAvailable | kAutoOn, 0xFFFFFFF6, 0xFFFFFF01, 255}));
+    EXPECT_EQ(Record(camera, 56), (Words{kPresent, 7, 0, 0xFFFFFFFF}));
+    EXPECT_EQ(Record(camera, 2), (Words{0, 3, 0, 0}));
+    EXPECT_EQ(Record(camera, 13), (Words{0x12345678, 0, 0, 0}));
+    EXPECT_EQ(Record(camera, 1), (Words{0, 0, 0, 0}));
+    EXPECT_EQ(Record(camera, 10), (Words{kPresent | kAutoAvailable, 10000, 100, 2000000}));
 }
 
 }  // namespace

@@ -1,164 +1,138 @@
 // The FPGA download as the driver performs it: program mode, one bulk-out
 // transfer of the image, busy polls, leaving program mode.
-#include <gtest/gtest.h>
-
-#include "camera/camera.h"
 #include "camera/fpga.h"
-#include "camera/register_map.h"
 #include "camera_test_support.h"
 
 namespace ornixcam {
 namespace {
 
-using test::Le32;
-using test::ReadRegisters;
-using test::WriteRegister;
-using usbsim::Handshake;
-
 constexpr uint8_t kFpgaEndpoint = 0x02;
 
-std::vector<uint8_t> Image() {
+Bytes Image() {
     const auto image = ExpectedFpgaImage();
     return {image.begin(), image.end()};
 }
 
-class FpgaDownload : public ::testing::Test {
-  protected:
-    void Open(Camera& camera) {
-        ASSERT_EQ(test::SetConfiguration(camera), Handshake::Ack);
-        ASSERT_EQ(test::SetInterface(camera, 1), Handshake::Ack);
-    }
-    void EnterProgramMode(Camera& camera) {
-        ASSERT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaEnterProgramMode),
-                  Handshake::Ack);
-    }
-    void LeaveProgramMode(Camera& camera) {
-        ASSERT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaLeaveProgramMode),
-                  Handshake::Ack);
-    }
-    void Send(Camera& camera, std::vector<uint8_t> bytes) {
-        ASSERT_EQ(test::TransferOut(camera, kFpgaEndpoint, std::move(bytes)).handshake,
-                  Handshake::Ack);
-    }
-};
-
-TEST_F(FpgaDownload, TheExpectedImageIsTheCommittedReleaseZeroFile) {
-    EXPECT_EQ(ExpectedFpgaImage().size(), 97991u);
-    EXPECT_EQ(Camera().FpgaEndpoint(), (std::pair<uint8_t, uint8_t>{1, kFpgaEndpoint}));
+void SelectDownloadSetting(Camera& camera) {
+    ASSERT_EQ(SetConfiguration(camera), kAck);
+    ASSERT_EQ(SetInterface(camera, 1), kAck);
 }
 
-TEST_F(FpgaDownload, TheRightImageConfiguresAfterTheBusyPolls) {
-    Camera camera(ParseProfile(R"({"fpga": {"busyPolls": 2, "version": "0x00020001"}})"));
-    Open(camera);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
-    EnterProgramMode(camera);
+// Enters program mode and sends the transfers.
+void Program(Camera& camera, const std::vector<Bytes>& transfers, uint8_t to = kFpgaEndpoint) {
+    ASSERT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaEnterProgramMode), kAck);
     EXPECT_TRUE(camera.FpgaProgramMode());
-    Send(camera, Image());
-    // The driver's order: busy polls while still in program mode, then leave it.
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaBusy));
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaBusy));
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
-    LeaveProgramMode(camera);
-    EXPECT_FALSE(camera.FpgaProgramMode());
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaVersion, 4).data, Le32(0x00020001));
+    for (const Bytes& transfer : transfers) {
+        ASSERT_EQ(TransferOut(camera, to, transfer).handshake, kAck);
+    }
+}
 
+void Leave(Camera& camera) {
+    ASSERT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaLeaveProgramMode), kAck);
+    EXPECT_FALSE(camera.FpgaProgramMode());
+}
+
+uint32_t Mode(Camera& camera) {
+    return Read(camera, reg::kFpgaMode);
+}
+
+TEST(Fpga, TheRightImageConfiguresAfterTheBusyPolls) {
+    EXPECT_EQ(ExpectedFpgaImage().size(), 97991u);
+    Camera camera(ParseProfile(R"({"fpga": {"busyPolls": 2, "version": "0x00020001"}})"));
+    EXPECT_EQ(camera.FpgaEndpoint(), (std::pair<uint8_t, uint8_t>{1, kFpgaEndpoint}));
+    SelectDownloadSetting(camera);
+    EXPECT_EQ(Mode(camera), 0u);
+    Program(camera, {Image()});
+    // The driver's order: busy polls while still in program mode, then leave it.
+    EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
+    EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
+    EXPECT_EQ(Mode(camera), 0u);
+    Leave(camera);
+    EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
+    EXPECT_EQ(Read(camera, reg::kFpgaVersion), 0x00020001u);
     // The configuration survives a settings reset.
     WriteRegister(camera, reg::kReset, reg::kResetMagic);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
+    EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
 }
 
-TEST_F(FpgaDownload, BusyPollsNotUsedInProgramModeShowAfterLeavingIt) {
+TEST(Fpga, BusyPollsNotUsedInProgramModeShowAfterLeavingIt) {
     Camera camera(ParseProfile(R"({"fpga": {"busyPolls": 3}})"));
-    Open(camera);
-    EnterProgramMode(camera);
-    Send(camera, Image());
-    LeaveProgramMode(camera);
+    SelectDownloadSetting(camera);
+    Program(camera, {Image()});
+    Leave(camera);
     EXPECT_FALSE(camera.FpgaConfigured());
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaBusy));
+        EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
     }
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
+    EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
     EXPECT_TRUE(camera.FpgaConfigured());
 }
 
-TEST_F(FpgaDownload, AWrongShortSplitOrMisplacedImageLeavesItUnconfigured) {
-    std::vector<uint8_t> corrupt = Image();
+TEST(Fpga, AWrongShortSplitOrRepeatedImageLeavesItUnconfigured) {
+    Bytes corrupt = Image(), longer = Image();
     corrupt[50000] ^= 1;
-    std::vector<uint8_t> longer = Image();
     longer.push_back(0);
-    const std::vector<uint8_t> image = Image();
-    const std::vector<uint8_t> firstHalf(image.begin(), image.begin() + 50000);
-    const std::vector<uint8_t> secondHalf(image.begin() + 50000, image.end());
-
-    const std::vector<std::vector<std::vector<uint8_t>>> downloads = {
-        {corrupt}, {longer}, {firstHalf}, {firstHalf, secondHalf}, {image, image}, {}};
-    for (const auto& transfers : downloads) {
+    const Bytes image = Image(), first(image.begin(), image.begin() + 50000),
+                second(image.begin() + 50000, image.end());
+    const std::pair<const char*, std::vector<Bytes>> downloads[] = {
+        {"one bit flipped", {corrupt}},    {"one byte more", {longer}},    {"first part", {first}},
+        {"split in two", {first, second}}, {"sent twice", {image, image}}, {"nothing", {}}};
+    for (const auto& [what, transfers] : downloads) {
+        SCOPED_TRACE(what);
         Camera camera;
-        Open(camera);
-        EnterProgramMode(camera);
-        for (const auto& transfer : transfers) {
-            Send(camera, transfer);
-        }
-        LeaveProgramMode(camera);
-        EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0))
-            << transfers.size() << " transfers";
+        SelectDownloadSetting(camera);
+        Program(camera, transfers);
+        Leave(camera);
+        EXPECT_EQ(Mode(camera), 0u);
     }
 }
 
-TEST_F(FpgaDownload, AnImageOutsideProgramModeIsIgnored) {
+TEST(Fpga, OnlyImagesSentInProgramModeCountAndEnteringItStartsOver) {
     Camera camera;
-    Open(camera);
-    Send(camera, Image());
+    SelectDownloadSetting(camera);
+    ASSERT_EQ(TransferOut(camera, kFpgaEndpoint, Image()).handshake, kAck);
     EXPECT_EQ(camera.FpgaImageTransfers(), 0u);
-    EnterProgramMode(camera);
-    LeaveProgramMode(camera);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
+    Program(camera, {});
+    Leave(camera);
+    EXPECT_EQ(Mode(camera), 0u);
     // Other values written to the mode register are not commands.
-    EnterProgramMode(camera);
-    Send(camera, Image());
+    Program(camera, {Image()});
     WriteRegister(camera, reg::kFpgaMode, 0x1234);
     EXPECT_TRUE(camera.FpgaProgramMode());
+
+    // Entering program mode drops a configuration.
+    Camera configured(ParseProfile(R"({"fpga": {"startsConfigured": true}})"));
+    EXPECT_EQ(Mode(configured), reg::kFpgaConfigured);
+    Program(configured, {});
+    EXPECT_EQ(Mode(configured), 0u);
+    Leave(configured);
+    EXPECT_EQ(Mode(configured), 0u);
 }
 
-TEST_F(FpgaDownload, EnteringProgramModeDropsAConfiguration) {
-    Camera camera(ParseProfile(R"({"fpga": {"startsConfigured": true}})"));
-    Open(camera);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
-    EnterProgramMode(camera);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
-    LeaveProgramMode(camera);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(0));
+TEST(Fpga, ProfileChoosesALenientFpgaOrNone) {
+    Camera lenient(ParseProfile(R"({"fpga": {"image": "any"}})"));
+    SelectDownloadSetting(lenient);
+    Program(lenient, {Bytes(512, 0xAB)});
+    Leave(lenient);
+    EXPECT_EQ(Mode(lenient), reg::kFpgaConfigured);
+
+    Camera none(ParseProfile(R"({"fpga": {"present": false}})"));
+    EXPECT_EQ(Probe(none, reg::kFpgaMode), kStall);
+    EXPECT_EQ(WriteRegister(none, reg::kFpgaMode, reg::kFpgaEnterProgramMode), kStall);
+    EXPECT_EQ(Probe(none, reg::kFpgaVersion), kStall);
 }
 
-TEST_F(FpgaDownload, ALenientFpgaTakesAnyImage) {
-    Camera camera(ParseProfile(R"({"fpga": {"image": "any"}})"));
-    Open(camera);
-    EnterProgramMode(camera);
-    Send(camera, std::vector<uint8_t>(512, 0xAB));
-    LeaveProgramMode(camera);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).data, Le32(reg::kFpgaConfigured));
-}
-
-TEST_F(FpgaDownload, ACameraWithoutFpgaHasNoFpgaRegisters) {
-    Camera camera(ParseProfile(R"({"fpga": {"present": false}})"));
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaMode, 4).handshake(), Handshake::Stall);
-    EXPECT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaEnterProgramMode), Handshake::Stall);
-    EXPECT_EQ(ReadRegisters(camera, reg::kFpgaVersion, 4).handshake(), Handshake::Stall);
-}
-
-TEST_F(FpgaDownload, TheFirstBulkOutEndpointInAnySettingCarriesTheImage) {
+TEST(Fpga, TheFirstBulkOutEndpointInAnySettingCarriesTheImage) {
     Camera camera(ParseProfile(R"({"configuration": {"alternateSettings": [
         {"endpoints": [{"address": "0x81", "type": "bulk", "maxPacketSize": 64},
                        {"address": "0x05", "type": "bulk", "maxPacketSize": 64},
                        {"address": "0x06", "type": "bulk", "maxPacketSize": 64}]}]}})"));
     EXPECT_EQ(camera.FpgaEndpoint(), (std::pair<uint8_t, uint8_t>{0, 0x05}));
-    ASSERT_EQ(test::SetConfiguration(camera), Handshake::Ack);
-    EnterProgramMode(camera);
-    ASSERT_EQ(test::TransferOut(camera, 0x06, Image()).handshake, Handshake::Ack);
+    ASSERT_EQ(SetConfiguration(camera), kAck);
+    Program(camera, {Image()}, 0x06);
     EXPECT_EQ(camera.FpgaImageTransfers(), 0u);
-    ASSERT_EQ(test::TransferOut(camera, 0x05, Image()).handshake, Handshake::Ack);
-    LeaveProgramMode(camera);
+    ASSERT_EQ(TransferOut(camera, 0x05, Image()).handshake, kAck);
+    Leave(camera);
     EXPECT_TRUE(camera.FpgaConfigured());
 }
 

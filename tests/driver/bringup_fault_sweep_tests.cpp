@@ -85,6 +85,9 @@ const RequestKind kSweptKinds[] = {
     RequestKind::AbortPipe,           RequestKind::BulkOrInterrupt,      RequestKind::Other,
 };
 
+// The default camera's banks offer 8, 128 and 129; 8 and 12; 0 and 5.
+constexpr ULONG kFormats = 7;
+
 class BringUpFaultSweepTest : public DriverTest {
   protected:
     bool StartsAdapterInSetUp() const override { return false; }
@@ -93,6 +96,15 @@ class BringUpFaultSweepTest : public DriverTest {
 TEST_F(BringUpFaultSweepTest, TableCoversEveryRequestOfASuccessfulBringUp) {
     AddAdapter();
     ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
+    EXPECT_EQ(Ext()->CaptureFormatCount, kFormats);
+    // The stream class learns the descriptor size and then reads the descriptor.
+    EXPECT_EQ(Ext()->StreamCount, 2u);
+    EXPECT_EQ(Class().StreamDescriptorSize(),
+              sizeof(HW_STREAM_HEADER) + 2 * sizeof(HW_STREAM_INFORMATION));
+    EXPECT_EQ(Class().StreamInfoStatus(), STATUS_SUCCESS);
+    ASSERT_NE(Class().StreamHeader(), nullptr);
+    EXPECT_EQ(Class().StreamHeader()->NumberOfStreams, 2u);
+    EXPECT_EQ(Ext()->SpecVersion, 1u);
 
     std::map<RequestKind, uint64_t> expected;
     for (const SweepCase& c : ExpectedOutcomes()) {
@@ -144,6 +156,7 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
     EXPECT_EQ(ext->VpdImage != nullptr, c.outcome != Outcome::NoVpd);
     EXPECT_EQ(ext->EventSets != nullptr, c.outcome != Outcome::NoEvents);
     EXPECT_EQ(ext->FpgaVersion != 0, c.outcome != Outcome::NoFpga);
+    EXPECT_EQ(ext->CaptureFormatCount < kFormats, c.outcome == Outcome::BankSkipped);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryRequest, BringUpFaultTest, ::testing::ValuesIn(ExpectedOutcomes()));

@@ -4,10 +4,30 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
 
 #include "driver_harness.h"
 
 namespace ornixtest {
+
+inline bool SameGuid(const GUID* a, const GUID& b) {
+    return a != nullptr && std::memcmp(a, &b, sizeof(GUID)) == 0;
+}
+
+// The registry form of a GUID, to compare with the published value.
+inline std::string GuidText(const GUID* guid) {
+    if (guid == nullptr) {
+        return "none";
+    }
+    char text[40];
+    std::snprintf(text, sizeof(text), "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+                  guid->Data1, guid->Data2, guid->Data3, guid->Data4[0], guid->Data4[1],
+                  guid->Data4[2], guid->Data4[3], guid->Data4[4], guid->Data4[5], guid->Data4[6],
+                  guid->Data4[7]);
+    return text;
+}
 
 // One property record as the camera holds it.
 struct PropertyRecord {

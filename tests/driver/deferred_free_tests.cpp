@@ -16,27 +16,19 @@ class DeferredFreeTest : public DriverTest {
         DriverTest::SetUp();
         OrnixUninitializeDevice(Ext());
     }
+    static PVOID Block() { return ExAllocatePoolWithTag(NonPagedPool, 24, kDriverTag); }
+    static uint64_t DriverBlocks() { return winsim::OutstandingPool()[kDriverTag].blocks; }
+    std::multiset<PVOID> Listed() const {
+        std::multiset<PVOID> blocks;
+        for (PORNIX_DEFERRED_BLOCK node = Ext()->DeferredFreeList; node; node = node->Next) {
+            blocks.insert(node->Block);
+        }
+        return blocks;
+    }
 };
 
-PVOID DriverBlock() {
-    return ExAllocatePoolWithTag(NonPagedPool, 24, kDriverTag);
-}
-
-uint64_t DriverBlocks() {
-    return winsim::OutstandingPool()[kDriverTag].blocks;
-}
-
-std::multiset<PVOID> ListedBlocks(PORNIX_DEVICE_CONTEXT ext) {
-    std::multiset<PVOID> blocks;
-    for (PORNIX_DEFERRED_BLOCK node = ext->DeferredFreeList; node != nullptr; node = node->Next) {
-        blocks.insert(node->Block);
-    }
-    return blocks;
-}
-
-TEST_F(DeferredFreeTest, ConcurrentPushesAreAllKeptAndOneFlushFreesThem) {
+TEST_F(DeferredFreeTest, ConcurrentPushesAreAllKeptAndEachFlushFreesWhatIsListed) {
     constexpr int kThreads = 4;
-    constexpr int kBlocksPerThread = 200;
     PORNIX_DEVICE_CONTEXT ext = Ext();
     std::vector<std::vector<PVOID>> pushed(kThreads);
     std::latch start(kThreads);
@@ -44,45 +36,36 @@ TEST_F(DeferredFreeTest, ConcurrentPushesAreAllKeptAndOneFlushFreesThem) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             start.arrive_and_wait();
-            for (int i = 0; i < kBlocksPerThread; ++i) {
-                PVOID block = DriverBlock();
+            for (int i = 0; i < 200; ++i) {
+                PVOID block = Block();
                 ASSERT_EQ(OrnixDeferFree(ext, block), STATUS_SUCCESS);
                 pushed[t].push_back(block);
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-
     std::multiset<PVOID> expected;
-    for (const std::vector<PVOID>& blocks : pushed) {
-        expected.insert(blocks.begin(), blocks.end());
+    for (int t = 0; t < kThreads; ++t) {
+        threads[t].join();
+        expected.insert(pushed[t].begin(), pushed[t].end());
     }
-    EXPECT_EQ(ListedBlocks(ext), expected);
+    EXPECT_EQ(Listed(), expected);
 
     OrnixFreeDeferred(ext);
-
     EXPECT_EQ(ext->DeferredFreeList, nullptr);
     EXPECT_EQ(DriverBlocks(), 0u);
-}
 
-TEST_F(DeferredFreeTest, BlocksAddedAfterAFlushWaitForTheNext) {
-    OrnixFreeDeferred(Ext());  // an empty list: nothing to do
-    ASSERT_EQ(OrnixDeferFree(Ext(), DriverBlock()), STATUS_SUCCESS);
-    OrnixFreeDeferred(Ext());
-    PVOID later = DriverBlock();
-    ASSERT_EQ(OrnixDeferFree(Ext(), later), STATUS_SUCCESS);
-
-    EXPECT_EQ(ListedBlocks(Ext()), std::multiset<PVOID>{later});
+    // A block added after a flush waits for the next one.
+    PVOID later = Block();
+    ASSERT_EQ(OrnixDeferFree(ext, later), STATUS_SUCCESS);
+    EXPECT_EQ(Listed(), std::multiset<PVOID>{later});
     EXPECT_EQ(DriverBlocks(), 2u);  // the block and its node
-
-    OrnixFreeDeferred(Ext());
+    OrnixFreeDeferred(ext);
     EXPECT_EQ(DriverBlocks(), 0u);
+    OrnixFreeDeferred(ext);  // an empty list: nothing to do
 }
 
 TEST_F(DeferredFreeTest, WithoutMemoryForANodeTheCallerKeepsTheBlock) {
-    PVOID block = DriverBlock();
+    PVOID block = Block();
     winsim::FailNthAllocation(1);
 
     EXPECT_EQ(OrnixDeferFree(Ext(), block), STATUS_INSUFFICIENT_RESOURCES);

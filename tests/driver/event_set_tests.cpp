@@ -15,10 +15,6 @@ namespace {
 using usbsim::FaultRule;
 using usbsim::RequestKind;
 
-bool SameGuid(const GUID* a, const GUID& b) {
-    return a != nullptr && std::memcmp(a, &b, sizeof(GUID)) == 0;
-}
-
 std::vector<ULONG> EventIds(const KSEVENT_SET& set) {
     std::vector<ULONG> ids;
     for (ULONG i = 0; i < set.EventsCount; ++i) {
@@ -57,17 +53,18 @@ class EventSetTest : public CapabilityTest {
         CapabilityTest::TearDown();
     }
 
-    NTSTATUS Build() {
+    NTSTATUS Build(ULONG streams, bool interruptPipe, uint32_t supportMask = 0) {
+        SetStreams(streams);
+        SetInterruptPipe(interruptPipe);
+        Camera().PokeRegister(ORNIX_INTERRUPT_EVENT_SUPPORT, supportMask);
         winsim::ClearDebugLog();
+        Camera().ClearRequests();
         return OrnixBuildEventSet(Ext());
     }
 
     // A camera with both sets: still pipe, interrupt pipe, events 0 to 2.
     void BuildBothSets() {
-        SetStreams(2);
-        SetInterruptPipe(true);
-        Camera().PokeRegister(ORNIX_INTERRUPT_EVENT_SUPPORT, 7);
-        ASSERT_EQ(Build(), STATUS_SUCCESS);
+        ASSERT_EQ(Build(2, true, 7), STATUS_SUCCESS);
         ASSERT_EQ(Ext()->EventSetCount, 2u);
     }
 
@@ -82,6 +79,11 @@ class EventSetTest : public CapabilityTest {
     void SetCounters(LONG sti, LONG device) {
         Ext()->StiEventCount = sti;
         Ext()->DeviceEventCount = device;
+        winsim::ClearDebugLog();
+    }
+    void ExpectCounters(LONG sti, LONG device) {
+        EXPECT_EQ(Ext()->StiEventCount, sti);
+        EXPECT_EQ(Ext()->DeviceEventCount, device);
     }
 
     std::vector<Signalled> Signals() {
@@ -94,178 +96,128 @@ class EventSetTest : public CapabilityTest {
     std::vector<Signalled> signalled_;
 };
 
-TEST_F(EventSetTest, OneStreamCameraWithoutInterruptPipeHasNoEvents) {
-    SetStreams(1);
-    SetInterruptPipe(false);
-    EXPECT_EQ(Build(), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->EventSets, nullptr);
-    EXPECT_EQ(Ext()->EventSetCount, 0u);
-    EXPECT_TRUE(VendorRequests().empty());  // no support mask to read
-}
-
-TEST_F(EventSetTest, StillPipeAloneOffersTheTriggerSet) {
-    SetStreams(2);
-    SetInterruptPipe(false);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    ASSERT_EQ(Ext()->EventSetCount, 1u);
-    const KSEVENT_SET& set = Ext()->EventSets[0];
-    EXPECT_TRUE(SameGuid(set.Set, OrnixEventSetVidCapToSti));
-    ASSERT_EQ(EventIds(set), (std::vector<ULONG>{KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}));
-    const KSEVENT_ITEM& item = set.EventItem[0];
-    EXPECT_EQ(item.DataInput, 0u);
-    EXPECT_EQ(item.ExtraEntryData, 0u);
-    EXPECT_EQ(item.AddHandler, nullptr);
-    EXPECT_EQ(item.RemoveHandler, nullptr);
-    EXPECT_EQ(item.SupportHandler, nullptr);
-}
-
-TEST_F(EventSetTest, DeviceEventsAreTheSupportedBitsInAscendingOrder) {
-    SetStreams(1);
-    SetInterruptPipe(true);
-    Camera().PokeRegister(ORNIX_INTERRUPT_EVENT_SUPPORT, 5);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    ASSERT_EQ(Ext()->EventSetCount, 1u);
-    const KSEVENT_SET& set = Ext()->EventSets[0];
-    EXPECT_TRUE(SameGuid(set.Set, OrnixEventSetOxEvents));
-    EXPECT_EQ(EventIds(set), (std::vector<ULONG>{0, 2}));
-    for (ULONG i = 0; i < set.EventsCount; ++i) {
-        EXPECT_EQ(set.EventItem[i].DataInput, 0u);
-        EXPECT_EQ(set.EventItem[i].ExtraEntryData, 0u);
-        EXPECT_EQ(set.EventItem[i].AddHandler, nullptr);
+TEST_F(EventSetTest, SetsFollowTheStillAndInterruptPipesWithTheSupportedEventsAscending) {
+    const struct {
+        ULONG streams;
+        bool interruptPipe;
+        uint32_t supportMask;
+        bool trigger;                  // the still-image trigger set, always first
+        std::vector<ULONG> deviceIds;  // empty: no device-event set
+        bool noEventRegisters;
+    } cases[] = {
+        {1, false, 7, false, {}, false},  // no support mask to read either
+        {2, false, 7, true, {}, false},
+        {1, true, 5, false, {0, 2}, false},
+        {1, true, 0x80000001, false, {0, 31}, false},
+        {1, true, 0, false, {0}, true},  // without event registers event 0 remains
+        {2, true, 7, true, {0, 1, 2}, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.streams << " streams, interrupt pipe "
+                                        << c.interruptPipe << ", mask " << c.supportMask);
+        Ext()->NoEventRegisters = FALSE;
+        ASSERT_EQ(Build(c.streams, c.interruptPipe, c.supportMask), STATUS_SUCCESS);
+        const ULONG sets = (c.trigger ? 1 : 0) + (c.deviceIds.empty() ? 0 : 1);
+        ASSERT_EQ(Ext()->EventSetCount, sets);
+        EXPECT_EQ(Ext()->EventSets == nullptr, sets == 0);
+        EXPECT_EQ(VendorRequests().size(), c.interruptPipe ? 1u : 0u);
+        EXPECT_EQ(bool(Ext()->NoEventRegisters), c.noEventRegisters);
+        std::vector<const KSEVENT_ITEM*> items;
+        if (c.trigger) {
+            const KSEVENT_SET& set = Ext()->EventSets[0];
+            EXPECT_TRUE(SameGuid(set.Set, OrnixEventSetVidCapToSti));
+            EXPECT_EQ(EventIds(set), (std::vector<ULONG>{KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}));
+            items.push_back(&set.EventItem[0]);
+        }
+        if (!c.deviceIds.empty()) {
+            const KSEVENT_SET& set = Ext()->EventSets[sets - 1];
+            EXPECT_TRUE(SameGuid(set.Set, OrnixEventSetOxEvents));
+            EXPECT_EQ(EventIds(set), c.deviceIds);
+            for (ULONG i = 0; i < set.EventsCount; ++i) {
+                items.push_back(&set.EventItem[i]);
+            }
+        }
+        for (const KSEVENT_ITEM* item : items) {  // no data and no handlers of our own
+            EXPECT_EQ(item->DataInput | item->ExtraEntryData, 0u);
+            EXPECT_TRUE(item->AddHandler == nullptr && item->RemoveHandler == nullptr &&
+                        item->SupportHandler == nullptr);
+        }
     }
-    EXPECT_FALSE(Ext()->NoEventRegisters);
-
-    Camera().PokeRegister(ORNIX_INTERRUPT_EVENT_SUPPORT, 0x80000001);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    EXPECT_EQ(EventIds(Ext()->EventSets[0]), (std::vector<ULONG>{0, 31}));
 }
 
-TEST_F(EventSetTest, EmptySupportMaskOffersEventZeroWithoutEventRegisters) {
-    SetStreams(1);
-    SetInterruptPipe(true);
-    Camera().PokeRegister(ORNIX_INTERRUPT_EVENT_SUPPORT, 0);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    ASSERT_EQ(Ext()->EventSetCount, 1u);
-    EXPECT_EQ(EventIds(Ext()->EventSets[0]), (std::vector<ULONG>{0}));
-    EXPECT_TRUE(Ext()->NoEventRegisters);
-}
-
-TEST_F(EventSetTest, TriggerSetComesBeforeDeviceEvents) {
-    BuildBothSets();
-    EXPECT_TRUE(SameGuid(Ext()->EventSets[0].Set, OrnixEventSetVidCapToSti));
-    EXPECT_TRUE(SameGuid(Ext()->EventSets[1].Set, OrnixEventSetOxEvents));
-    EXPECT_EQ(EventIds(Ext()->EventSets[1]), (std::vector<ULONG>{0, 1, 2}));
-}
-
-TEST_F(EventSetTest, UnreadableSupportMaskLeavesNoTableAtAll) {
-    SetStreams(2);
-    SetInterruptPipe(true);
+TEST_F(EventSetTest, UnreadableSupportMaskOrNoMemoryLeavesNoTableAtAll) {
     Stack().AddFault(FaultRule{.kind = RequestKind::VendorDevice, .occurrence = 1});
-    EXPECT_FALSE(NT_SUCCESS(Build()));
+    EXPECT_FALSE(NT_SUCCESS(Build(2, true, 1)));
     EXPECT_TRUE(Logged("ORNIX: OrnixBuildEventSet: Failed to read ORNIX_INTERRUPT_EVENT_SUPPORT"));
     EXPECT_EQ(Ext()->EventSets, nullptr);
     EXPECT_EQ(Ext()->EventSetCount, 0u);
-}
 
-TEST_F(EventSetTest, WithoutMemoryThereIsNoTable) {
-    SetStreams(2);
-    SetInterruptPipe(true);
-    Camera().PokeRegister(ORNIX_INTERRUPT_EVENT_SUPPORT, 1);
     winsim::FailAllocationsOfSize(2 * sizeof(KSEVENT_SET) + sizeof(KSEVENT_ITEM));
-    EXPECT_EQ(Build(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Build(2, true, 1), STATUS_INSUFFICIENT_RESOURCES);
     winsim::ClearAllocationFailures();
     EXPECT_TRUE(Logged("ORNIX: OrnixBuildEventSet: No memory"));
     EXPECT_EQ(Ext()->EventSets, nullptr);
     EXPECT_EQ(Ext()->EventSetCount, 0u);
 }
 
-TEST_F(EventSetTest, EveryEnableAndDisableMovesBothCounters) {
+TEST_F(EventSetTest, EveryEnableAndDisableMovesTheCountersOfTheSetsThatExist) {
     BuildBothSets();
     SetCounters(0, 0);
     EXPECT_EQ(EventProc(true, 0), STATUS_SUCCESS);  // the still-image trigger
-    EXPECT_EQ(Ext()->StiEventCount, 1);
-    EXPECT_EQ(Ext()->DeviceEventCount, 1);
+    ExpectCounters(1, 1);
     EXPECT_EQ(EventProc(true, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->StiEventCount, 2);
-    EXPECT_EQ(Ext()->DeviceEventCount, 2);
+    ExpectCounters(2, 2);
     EXPECT_EQ(EventProc(false, 0), STATUS_SUCCESS);
     EXPECT_EQ(EventProc(false, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->StiEventCount, 0);
-    EXPECT_EQ(Ext()->DeviceEventCount, 0);
-}
+    ExpectCounters(0, 0);
 
-TEST_F(EventSetTest, CountersFollowOnlyTheSetsThatExist) {
-    SetStreams(2);
-    SetInterruptPipe(false);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    SetCounters(0, 0);
+    ASSERT_EQ(Build(2, false), STATUS_SUCCESS);  // no interrupt pipe
     EXPECT_EQ(EventProc(true, 0), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->StiEventCount, 1);
-    EXPECT_EQ(Ext()->DeviceEventCount, 0);
+    ExpectCounters(1, 0);
 }
 
-TEST_F(EventSetTest, EnableOutsideTheTableFailsButDisableIsAccepted) {
+TEST_F(EventSetTest, EnableOutsideTheTableOrAfterRemovalFailsButDisableIsAccepted) {
     BuildBothSets();
     SetCounters(1, 1);
-    winsim::ClearDebugLog();
     EXPECT_EQ(EventProc(true, 2), STATUS_INVALID_PARAMETER);
     EXPECT_TRUE(Logged("ORNIX: OrnixDeviceEventProc: Failing because index out of range"));
-    EXPECT_EQ(Ext()->StiEventCount, 1);
-    EXPECT_EQ(Ext()->DeviceEventCount, 1);
-
+    ExpectCounters(1, 1);
     EXPECT_EQ(EventProc(false, 2), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->StiEventCount, 0);
-    EXPECT_EQ(Ext()->DeviceEventCount, 0);
-}
+    ExpectCounters(0, 0);
 
-TEST_F(EventSetTest, AfterRemovalOnlyDisablesAreAccepted) {
-    BuildBothSets();
     SetCounters(1, 1);
     Ext()->Removed = TRUE;
-    winsim::ClearDebugLog();
     EXPECT_EQ(EventProc(true, 0), STATUS_DEVICE_REMOVED);
     EXPECT_TRUE(Logged("ORNIX: OrnixDeviceEventProc: Failing because removed"));
-    EXPECT_EQ(Ext()->StiEventCount, 1);
+    ExpectCounters(1, 1);
     EXPECT_EQ(EventProc(false, 0), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->StiEventCount, 0);
-    EXPECT_EQ(Ext()->DeviceEventCount, 0);
+    ExpectCounters(0, 0);
 }
 
 TEST_F(EventSetTest, AdapterWithoutEventSetsAnswersNotImplemented) {
-    SetStreams(1);
-    SetInterruptPipe(false);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
+    ASSERT_EQ(Build(1, false), STATUS_SUCCESS);
     EXPECT_EQ(EventProc(false, 0), STATUS_NOT_IMPLEMENTED);
     EXPECT_EQ(EventProc(true, 0), STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(EventSetTest, InterruptPacketSignalsOneEventPerBitInAscendingOrder) {
+// Each counter gates its own set: device events one per bit, ascending; a
+// delivered still the trigger.
+TEST_F(EventSetTest, SignalsGoOutOnlyWhileSomebodyListens) {
     BuildBothSets();
     SetCounters(0, 1);
-    winsim::ClearDebugLog();
     OrnixNotifyForOrnixEvents(Ext(), 0x80000001);
-
+    OrnixNotifyStiMonitor(Ext());
     EXPECT_TRUE(Logged("ORNIX: OrnixNotifyForOrnixEvents, eventCount = 1, events: 0x80000001"));
     EXPECT_EQ(Signals(), (std::vector<Signalled>{{Ext(), OrnixEventSetOxEvents, 0},
                                                  {Ext(), OrnixEventSetOxEvents, 31}}));
-}
 
-TEST_F(EventSetTest, NobodyListeningMeansNothingSignalled) {
-    BuildBothSets();
-    SetCounters(0, 0);
-    winsim::ClearDebugLog();
+    SetCounters(1, 0);
     OrnixNotifyForOrnixEvents(Ext(), 0x5);
     OrnixNotifyStiMonitor(Ext());
     EXPECT_TRUE(Logged("ORNIX: OrnixNotifyForOrnixEvents, eventCount = 0, events: 0x00000005"));
-    EXPECT_TRUE(Signals().empty());
-}
-
-TEST_F(EventSetTest, DeliveredStillSignalsTheTrigger) {
-    BuildBothSets();
-    SetCounters(1, 0);
-    OrnixNotifyStiMonitor(Ext());
-    EXPECT_EQ(Signals(), (std::vector<Signalled>{
-                             {Ext(), OrnixEventSetVidCapToSti, KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}}));
+    EXPECT_EQ(Signals().size(), 3u);
+    EXPECT_EQ(Signals().back(),
+              (Signalled{Ext(), OrnixEventSetVidCapToSti, KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}));
 }
 
 }  // namespace

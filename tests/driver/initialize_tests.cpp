@@ -1,8 +1,6 @@
 // Driver entry and SRB_INITIALIZE_DEVICE: registration, the state a fresh
-// adapter starts in, device objects and the camera id.
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
+// adapter starts in, device objects, and the camera id from the TevrinKey
+// registry value.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,6 +9,10 @@
 
 namespace ornixtest {
 namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr std::u16string_view kValueName = u"TevrinKey";
 
 class InitializeTest : public DriverTest {
   protected:
@@ -34,13 +36,6 @@ class InitializeTest : public DriverTest {
     PDRIVER_OBJECT busDriver_ = nullptr;
     PDEVICE_OBJECT realPdo_ = nullptr;
 };
-
-std::string Hex32(const char* label, const void* address) {
-    char line[64];
-    std::snprintf(line, sizeof line, "ORNIX:   %s0x%08x", label,
-                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(address)));
-    return line;
-}
 
 TEST_F(InitializeTest, DriverEntryAnnouncesItselfAndRegistersTheAdapter) {
     EXPECT_EQ(Log().front(), "ORNIX: DriverEntry91");
@@ -68,7 +63,7 @@ TEST_F(InitializeTest, InitializeDeviceRunsWithoutTheMutexItCreates) {
     EXPECT_EQ(KeReadStateMutex(&Ext()->RequestMutex), 1);
 }
 
-TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContext) {
+TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContextAndAReadyDeviceObject) {
     AddAdapter();
     std::memset(Ext(), 0xFF, sizeof(ORNIX_DEVICE_CONTEXT));  // leftovers must not survive
 
@@ -89,20 +84,13 @@ TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContext) {
     EXPECT_EQ(KeReadStateSemaphore(&ext->UsbRequestSemaphore), 1);
     EXPECT_EQ(KeReadStateMutex(&ext->InterruptMutex), 1);
     EXPECT_EQ(KeReadStateMutex(&ext->RequestMutex), 1);
-}
-
-TEST_F(InitializeTest, ClassDeviceObjectBecomesDirectIoAndReady) {
-    AddAdapter();
-
-    ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
-
     const ULONG flags = Class().ClassDeviceObject()->Flags;
     EXPECT_EQ(flags & DO_DIRECT_IO, static_cast<ULONG>(DO_DIRECT_IO));
     EXPECT_EQ(flags & DO_DEVICE_INITIALIZING, 0u);
 }
 
 TEST_F(InitializeTest, WithoutRealPdoTheRegistryOfThePdoIsRead) {
-    winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, u"TevrinKey", u"Ornix0A2F");
+    winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, u"Ornix0A2F");
     AddAdapter();
 
     ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
@@ -112,17 +100,12 @@ TEST_F(InitializeTest, WithoutRealPdoTheRegistryOfThePdoIsRead) {
     EXPECT_EQ(ext->ClassDeviceObject, Class().ClassDeviceObject());
     EXPECT_EQ(ext->RealPhysicalDeviceObject, Pdo());
     EXPECT_EQ(ext->CameraId, 0xA2Fu);
-    std::vector<std::string> log = Log();
-    const std::vector<std::string> announced{
-        "ORNIX: OrnixInitialize:", Hex32("pExt:", ext), Hex32("PDO :", Pdo()),
-        Hex32("CDO :", Class().ClassDeviceObject()), Hex32("RPDO:", nullptr)};
-    EXPECT_NE(std::search(log.begin(), log.end(), announced.begin(), announced.end()), log.end());
 }
 
 TEST_F(InitializeTest, RealPdoIsKeptAndItsRegistryRead) {
     PDEVICE_OBJECT real = RealPdo();
-    winsim::SetRegistryString(real, PLUGPLAY_REGKEY_DRIVER, u"TevrinKey", u"ornix1234");
-    winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, u"TevrinKey", u"ornix5678");
+    winsim::SetRegistryString(real, PLUGPLAY_REGKEY_DRIVER, kValueName, u"ornix1234");
+    winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, u"ornix5678");
     AddAdapter(real);
 
     ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
@@ -130,6 +113,66 @@ TEST_F(InitializeTest, RealPdoIsKeptAndItsRegistryRead) {
     EXPECT_EQ(Ext()->RealPhysicalDeviceObject, real);
     EXPECT_EQ(Ext()->PhysicalDeviceObject, Pdo());
     EXPECT_EQ(Ext()->CameraId, 0x1234u);
+}
+
+// ---------------------------------------------------------------- camera id
+
+class CameraIdTest : public DriverTest {
+  protected:
+    ULONG FindCameraId() {
+        Ext()->CameraId = 0;
+        winsim::ClearDebugLog();
+        OrnixFindCameraId(Ext());
+        return Ext()->CameraId;
+    }
+    void SetValue(std::u16string_view text) {
+        winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, text);
+    }
+};
+
+TEST_F(CameraIdTest, ParsesTheHexDigitsAfterThePrefix) {
+    const std::pair<std::u16string, ULONG> cases[] = {
+        {u"ORNIX0a2f", 0xA2F},
+        {u"ornix0A2F", 0xA2F},
+        {u"Ornix0a2f", 0xA2F},
+        {u"ornix12g4", 0x12},
+        {u"ornix0123456789", 0x23456789},
+        {u"ornixABCDEF012345", 0xEF012345},  // 17 characters: the most
+        {u"camera0a2f", 0},
+        {u"ornix", 0},
+        {u"orni", 0},
+    };
+    for (const auto& [text, id] : cases) {
+        SCOPED_TRACE(std::string(text.begin(), text.end()));
+        SetValue(text);
+        EXPECT_EQ(FindCameraId(), id);
+        EXPECT_TRUE(Log().empty());
+    }
+}
+
+TEST_F(CameraIdTest, UnusableValuesAreReportedAndIgnored) {
+    EXPECT_EQ(FindCameraId(), 0u);  // no value at all
+    EXPECT_EQ(Log(), Lines{"ORNIX: Failed to query partial info of TevrinKey with 0xc0000034"});
+
+    // Another type, or too short: the query worked but the value is refused.
+    const std::string refused = "ORNIX: Failed to query partial info of TevrinKey with 0x0";
+    winsim::SetRegistryValue(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, REG_DWORD,
+                             {0x2F, 0x0A, 0, 0});
+    EXPECT_EQ(FindCameraId(), 0u);
+    EXPECT_EQ(Log(), Lines{refused});
+    winsim::SetRegistryValue(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, REG_SZ, {'o', 0});
+    EXPECT_EQ(FindCameraId(), 0u);
+    EXPECT_EQ(Log(), Lines{refused});
+
+    SetValue(u"ornixABCDEF0123456");  // 18 characters and the terminator: 38 bytes
+    EXPECT_EQ(FindCameraId(), 0u);
+    EXPECT_EQ(Log(), Lines{"ORNIX: Failed to query partial info of TevrinKey with 0x80000005"});
+
+    SetValue(u"ornix0a2f");
+    winsim::FailRegistryOpen(Pdo(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(FindCameraId(), 0u);
+    EXPECT_EQ(Log(), Lines{"ORNIX: Failed to open PDO key with 0xc000009a"});
+    winsim::FailRegistryOpen(Pdo(), STATUS_SUCCESS);
 }
 
 }  // namespace

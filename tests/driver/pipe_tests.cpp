@@ -42,11 +42,19 @@ TEST_F(PipeTest, ResetSendsResetPipeThenClearsTheEndpointHalt) {
     EXPECT_EQ(Log(), std::vector<std::string>{"ORNIX: OrnixResetPipe: 0"});
 }
 
-TEST_F(PipeTest, FailedResetClearsNothing) {
-    Stack().AddFault({.kind = RequestKind::ResetPipe, .action = FaultAction::FailWithStatus});
+TEST_F(PipeTest, FailedResetClearsNothingAndTheDeferredOneReportsIt) {
+    Stack().AddFault({.kind = RequestKind::ResetPipe, .occurrence = 0});
+    ResetRecord record;
 
     EXPECT_FALSE(NT_SUCCESS(OrnixResetPipe(Ext(), Ext()->StillPipe)));
+    OrnixResetPipeNoWait(Ext(), Ext()->StillPipe, RecordReset, &record);
+    winsim::DrainWorkQueue();
+    Stack().ClearFaults();
 
+    EXPECT_EQ(record.calls, 1);
+    EXPECT_FALSE(NT_SUCCESS(record.status));
+    EXPECT_TRUE(Logged("ORNIX: OrnixResetPipe failed"));
+    EXPECT_EQ(SubmittedSinceStart(RequestKind::ResetPipe), 2u);
     EXPECT_EQ(SubmittedSinceStart(RequestKind::ClearEndpointFeature), 0u);
 }
 
@@ -72,18 +80,6 @@ TEST_F(PipeTest, DeferredResetStopsTheCameraFirstOnlyForTheCapturePipe) {
     EXPECT_EQ(still.status, STATUS_SUCCESS);
 }
 
-TEST_F(PipeTest, DeferredResetOfARemovedCameraReportsRemovalWithoutTraffic) {
-    Ext()->Removed = TRUE;
-    ResetRecord record;
-
-    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, RecordReset, &record);
-    winsim::DrainWorkQueue();
-
-    EXPECT_EQ(record.calls, 1);
-    EXPECT_EQ(record.status, STATUS_DEVICE_REMOVED);
-    EXPECT_TRUE(ControlRequests().empty());
-}
-
 TEST_F(PipeTest, DeferredResetWithoutMemoryCallsBackAtOnce) {
     winsim::FailNthAllocation(1);
     ResetRecord record;
@@ -98,27 +94,26 @@ TEST_F(PipeTest, DeferredResetWithoutMemoryCallsBackAtOnce) {
     EXPECT_TRUE(ControlRequests().empty());
 }
 
-TEST_F(PipeTest, FailedDeferredResetReportsItsStatus) {
-    Stack().AddFault({.kind = RequestKind::ResetPipe, .action = FaultAction::FailWithStatus});
+TEST_F(PipeTest, ResetsOfARemovedCameraFailWithoutTraffic) {
+    Ext()->Removed = TRUE;
     ResetRecord record;
 
-    OrnixResetPipeNoWait(Ext(), Ext()->StillPipe, RecordReset, &record);
+    EXPECT_EQ(OrnixResetPipe(Ext(), Ext()->CapturePipe), STATUS_DEVICE_REMOVED);
+    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, RecordReset, &record);
     winsim::DrainWorkQueue();
 
-    EXPECT_FALSE(NT_SUCCESS(record.status));
-    EXPECT_TRUE(Logged("ORNIX: OrnixResetPipe failed"));
-}
-
-TEST_F(PipeTest, SelectingTheCurrentSettingSendsNothingEvenAfterRemoval) {
-    Ext()->Removed = TRUE;
-
-    EXPECT_EQ(OrnixSelectAltSetting(Ext(), 0), STATUS_SUCCESS);
-
+    EXPECT_EQ(record.calls, 1);
+    EXPECT_EQ(record.status, STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(Log(), (std::vector<std::string>{"ORNIX: OrnixResetPipe: 0",
+                                               "ORNIX: OrnixResetPipe: Removed"}));
     EXPECT_TRUE(ControlRequests().empty());
 }
 
+// Bring-up kept the records of both settings; only the selected one has handles.
 TEST_F(PipeTest, SelectedSettingGetsNewPipeHandlesOnly) {
     PUSBD_INTERFACE_INFORMATION fpga = Ext()->InterfaceInfoTable[1];
+    EXPECT_NE(Ext()->InterfaceInfoTable[0]->InterfaceHandle, nullptr);
+    EXPECT_EQ(fpga->Pipes[0].PipeHandle, nullptr);
     fpga->Pipes[0].MaximumPacketSize = 64;  // differs from what the stack reports
 
     EXPECT_EQ(OrnixSelectAltSetting(Ext(), 1), STATUS_SUCCESS);
@@ -133,25 +128,28 @@ TEST_F(PipeTest, SelectedSettingGetsNewPipeHandlesOnly) {
               std::vector<WireRequest>{(WireRequest{0x01, kSetInterface, 1, 0, 0, {}})});
 }
 
-TEST_F(PipeTest, FailedSelectionKeepsTheCurrentSetting) {
-    Stack().AddFault({.kind = RequestKind::SelectInterface,
-                      .action = FaultAction::FailWithStatus,
-                      .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
-
-    EXPECT_EQ(OrnixSelectAltSetting(Ext(), 1), STATUS_UNSUCCESSFUL);
-
-    EXPECT_EQ(Ext()->CurrentAltSetting, 0u);
-    EXPECT_EQ(Ext()->InterfaceInfoTable[1]->Pipes[0].PipeHandle, nullptr);
-    EXPECT_TRUE(Logged("ORNIX:  OrnixSelectAltSetting, USBD failed with 0xc0000001"));
-}
-
-TEST_F(PipeTest, SelectionRefusedAfterRemovalOrWithoutMemory) {
+// A failed, refused or needless selection keeps the current setting; the
+// current one needs nothing on the bus, even of a removed camera.
+TEST_F(PipeTest, FailedOrRefusedSelectionKeepsTheCurrentSetting) {
     winsim::FailNthAllocation(1);
     EXPECT_EQ(OrnixSelectAltSetting(Ext(), 1), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Log(), std::vector<std::string>{"ORNIX:  OrnixSelectAltSetting: no mem"});
 
+    Stack().AddFault({.kind = RequestKind::SelectInterface,
+                      .action = FaultAction::FailWithStatus,
+                      .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
+    EXPECT_EQ(OrnixSelectAltSetting(Ext(), 1), STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(Logged("ORNIX:  OrnixSelectAltSetting, USBD failed with 0xc0000001"));
+    EXPECT_EQ(Ext()->InterfaceInfoTable[1]->Pipes[0].PipeHandle, nullptr);
+    Camera().ClearRequests();
+
+    // A setting the camera does not have.
+    EXPECT_EQ(OrnixSelectAltSetting(Ext(), 2), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(OrnixGetPipe(Ext(), 2, 0), nullptr);
+
     Ext()->Removed = TRUE;
     EXPECT_EQ(OrnixSelectAltSetting(Ext(), 1), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(OrnixSelectAltSetting(Ext(), 0), STATUS_SUCCESS);
 
     EXPECT_EQ(Ext()->CurrentAltSetting, 0u);
     EXPECT_TRUE(ControlRequests().empty());

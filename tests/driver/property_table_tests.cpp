@@ -1,8 +1,10 @@
 // The property table built from the camera's property block: which sets and
-// items it offers under which camera facts, the published ranges, and what
-// happens when reads or allocations fail.
+// items it offers under which camera facts, in which order, the published
+// ranges and the unit conversions behind them, and what happens when reads
+// or allocations fail.
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include <ksmedia.h>
@@ -21,10 +23,6 @@ constexpr ULONG kExposureRecord = 10;
 constexpr ULONG kFocusRecord = 12;
 constexpr ULONG kGainRecord = 15;
 
-bool SameGuid(const GUID* a, const GUID& b) {
-    return a != nullptr && std::memcmp(a, &b, sizeof(GUID)) == 0;
-}
-
 std::vector<ULONG> Ids(const KSPROPERTY_SET& set) {
     std::vector<ULONG> ids;
     for (ULONG i = 0; i < set.PropertiesCount; ++i) {
@@ -39,6 +37,8 @@ struct PublishedRange {
     LONG minimum;
     LONG maximum;
     ULONG step;
+
+    bool operator==(const PublishedRange&) const = default;
 };
 
 PublishedRange RangeOf(const KSPROPERTY_ITEM& item) {
@@ -47,11 +47,6 @@ PublishedRange RangeOf(const KSPROPERTY_ITEM& item) {
     const auto* defaultValue = static_cast<const LONG*>(lists[1].Members);
     return {*defaultValue, stepping->Bounds.SignedMinimum, stepping->Bounds.SignedMaximum,
             stepping->SteppingDelta};
-}
-
-bool operator==(const PublishedRange& a, const PublishedRange& b) {
-    return a.defaultValue == b.defaultValue && a.minimum == b.minimum && a.maximum == b.maximum &&
-           a.step == b.step;
 }
 
 std::ostream& operator<<(std::ostream& out, const PublishedRange& r) {
@@ -91,19 +86,6 @@ class PropertyTableTest : public CapabilityTest {
         return nullptr;
     }
 
-    const KSPROPERTY_ITEM* FindItem(const GUID& guid, ULONG id) const {
-        const KSPROPERTY_SET* set = FindSet(guid);
-        if (set == nullptr) {
-            return nullptr;
-        }
-        for (ULONG i = 0; i < set->PropertiesCount; ++i) {
-            if (set->PropertyItem[i].PropertyId == id) {
-                return &set->PropertyItem[i];
-            }
-        }
-        return nullptr;
-    }
-
     std::vector<ULONG> CustomIds() const {
         const KSPROPERTY_SET* custom = FindSet(OrnixPropSetOxCustom);
         return custom == nullptr ? std::vector<ULONG>{} : Ids(*custom);
@@ -112,6 +94,7 @@ class PropertyTableTest : public CapabilityTest {
 
 TEST_F(PropertyTableTest, BareCameraOffersSixCustomItemsAndTheStaticSets) {
     MakeBareCamera();
+    Camera().PokeRegister(ORNIX_SUPPORT0, 0xFFFFFFFE);  // only bit 0 offers the look-up table
     ASSERT_EQ(Build(), STATUS_SUCCESS);
 
     ASSERT_EQ(Ext()->PropertySetCount, 3u);
@@ -136,96 +119,61 @@ TEST_F(PropertyTableTest, BareCameraOffersSixCustomItemsAndTheStaticSets) {
     EXPECT_EQ(items[0].Values, nullptr);
 }
 
-TEST_F(PropertyTableTest, VideoProcessingControlsPublishConvertedRanges) {
-    MakeBareCamera();
-    PokeRecord(kBrightnessRecord, {kPresent, 32750, 0, 65500});
-    PokeRecord(kGainRecord, {kPresent, 0x1000, 0x1000, 0x10000});
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-
-    ASSERT_EQ(Ext()->PropertySetCount, 4u);
-    const KSPROPERTY_SET* set = Sets()[0];
-    ASSERT_TRUE(SameGuid(set->Set, OrnixPropSetVideoProcAmp));
-    EXPECT_EQ(Ids(*set), (std::vector<ULONG>{0, 9}));
-    EXPECT_EQ(RangeOf(set->PropertyItem[0]), (PublishedRange{5000, 0, 10000, 1}));
-    EXPECT_EQ(RangeOf(set->PropertyItem[1]), (PublishedRange{0, 0, 3840, 1}));
-    EXPECT_EQ(FindSet(OrnixPropSetCameraControl), nullptr);
-}
-
-TEST_F(PropertyTableTest, StandardItemDescribesItsValuesForClients) {
-    MakeBareCamera();
-    PokeRecord(kContrastRecord, {kPresent, 4096, 0, 8192});
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-
-    const KSPROPERTY_ITEM* item = FindItem(OrnixPropSetVideoProcAmp, 1);
-    ASSERT_NE(item, nullptr);
-    EXPECT_NE(item->GetSupported, FALSE);
-    EXPECT_NE(item->SetSupported, FALSE);
-    EXPECT_EQ(item->MinProperty, sizeof(KSPROPERTY_VIDEOPROCAMP_S));
-    EXPECT_EQ(item->MinData, sizeof(KSPROPERTY_VIDEOPROCAMP_S));
-    EXPECT_EQ(item->SerializedSize, 4u);
-    EXPECT_EQ(item->RelationsCount, 0u);
-    ASSERT_NE(item->Values, nullptr);
-
-    const KSPROPERTY_VALUES& values = *item->Values;
-    EXPECT_TRUE(SameGuid(&values.PropTypeSet.Set, OrnixPropTypeSetGeneral));
-    EXPECT_EQ(values.PropTypeSet.Id, static_cast<ULONG>(VT_I4));
-    EXPECT_EQ(values.PropTypeSet.Flags, 0u);
-    ASSERT_EQ(values.MembersListCount, 2u);
-    const KSPROPERTY_MEMBERSHEADER& range = values.MembersList[0].MembersHeader;
-    EXPECT_EQ(range.MembersFlags, static_cast<ULONG>(KSPROPERTY_MEMBER_RANGES));
-    EXPECT_EQ(range.MembersSize, sizeof(KSPROPERTY_STEPPING_LONG));
-    EXPECT_EQ(range.MembersCount, 1u);
-    EXPECT_EQ(range.Flags, 0u);
-    const KSPROPERTY_MEMBERSHEADER& byDefault = values.MembersList[1].MembersHeader;
-    EXPECT_EQ(byDefault.MembersFlags, static_cast<ULONG>(KSPROPERTY_MEMBER_VALUES));
-    EXPECT_EQ(byDefault.MembersSize, sizeof(LONG));
-    EXPECT_EQ(byDefault.Flags, static_cast<ULONG>(KSPROPERTY_MEMBER_FLAG_DEFAULT));
-    EXPECT_EQ(RangeOf(*item), (PublishedRange{100, 0, 200, 1}));
-}
-
-TEST_F(PropertyTableTest, ExposurePublishesLogSecondsAndLeadsTheCustomSetOnTwoStreams) {
+// The standard controls lead, each item describing its converted range and
+// default for clients; exposure is published in log seconds.
+TEST_F(PropertyTableTest, StandardControlsPublishConvertedRangesAheadOfTheCustomSet) {
     MakeBareCamera();
     SetStreams(2);
+    PokeRecord(kBrightnessRecord, {kPresent, 32750, 0, 65500});
+    PokeRecord(kContrastRecord, {kPresent, 4096, 0, 8192});
+    PokeRecord(kGainRecord, {kPresent, 0x1000, 0x1000, 0x10000});
     PokeRecord(kExposureRecord, {kPresent, 10000, 100, 2000000});
     ASSERT_EQ(Build(), STATUS_SUCCESS);
 
-    ASSERT_EQ(Ext()->PropertySetCount, 4u);
-    const KSPROPERTY_SET* set = Sets()[0];
-    ASSERT_TRUE(SameGuid(set->Set, OrnixPropSetCameraControl));
-    ASSERT_EQ(Ids(*set), (std::vector<ULONG>{4}));
-    EXPECT_EQ(RangeOf(set->PropertyItem[0]), (PublishedRange{-7, -13, 1, 1}));
-    EXPECT_EQ(Ext()->ExposureRange, set->PropertyItem[0].Values->MembersList[0].Members);
+    ASSERT_EQ(Ext()->PropertySetCount, 5u);
+    const KSPROPERTY_SET* amp = Sets()[0];
+    ASSERT_TRUE(SameGuid(amp->Set, OrnixPropSetVideoProcAmp));
+    ASSERT_EQ(Ids(*amp), (std::vector<ULONG>{0, 1, 9}));
+    EXPECT_EQ(RangeOf(amp->PropertyItem[0]), (PublishedRange{5000, 0, 10000, 1}));
+    EXPECT_EQ(RangeOf(amp->PropertyItem[1]), (PublishedRange{100, 0, 200, 1}));
+    EXPECT_EQ(RangeOf(amp->PropertyItem[2]), (PublishedRange{0, 0, 3840, 1}));
+    const KSPROPERTY_SET* camera = Sets()[1];
+    ASSERT_TRUE(SameGuid(camera->Set, OrnixPropSetCameraControl));
+    ASSERT_EQ(Ids(*camera), (std::vector<ULONG>{4}));
+    EXPECT_EQ(RangeOf(camera->PropertyItem[0]), (PublishedRange{-7, -13, 1, 1}));
+    EXPECT_EQ(Ext()->ExposureRange, camera->PropertyItem[0].Values->MembersList[0].Members);
 
-    EXPECT_EQ(CustomIds(), (std::vector<ULONG>{31, 7, 8, 16, 17, 20, 18, 19, 40, 37}));
-    const KSPROPERTY_ITEM* setOnly = FindItem(OrnixPropSetOxCustom, 37);
-    ASSERT_NE(setOnly, nullptr);
-    EXPECT_EQ(setOnly->GetSupported, FALSE);
-    EXPECT_NE(setOnly->SetSupported, FALSE);
-}
+    for (const KSPROPERTY_ITEM* item : {&amp->PropertyItem[0], &amp->PropertyItem[1],
+                                        &amp->PropertyItem[2], camera->PropertyItem}) {
+        SCOPED_TRACE(item->PropertyId);
+        EXPECT_NE(item->GetSupported, FALSE);
+        EXPECT_NE(item->SetSupported, FALSE);
+        EXPECT_EQ(item->MinProperty, sizeof(KSPROPERTY_VIDEOPROCAMP_S));
+        EXPECT_EQ(item->MinData, sizeof(KSPROPERTY_VIDEOPROCAMP_S));
+        EXPECT_EQ(item->SerializedSize, 4u);
+        EXPECT_EQ(item->RelationsCount, 0u);
+        ASSERT_NE(item->Values, nullptr);
+        const KSPROPERTY_VALUES& values = *item->Values;
+        EXPECT_TRUE(SameGuid(&values.PropTypeSet.Set, OrnixPropTypeSetGeneral));
+        EXPECT_EQ(values.PropTypeSet.Id, static_cast<ULONG>(VT_I4));
+        EXPECT_EQ(values.PropTypeSet.Flags, 0u);
+        ASSERT_EQ(values.MembersListCount, 2u);
+        const KSPROPERTY_MEMBERSHEADER& range = values.MembersList[0].MembersHeader;
+        EXPECT_EQ(range.MembersFlags, static_cast<ULONG>(KSPROPERTY_MEMBER_RANGES));
+        EXPECT_EQ(range.MembersSize, sizeof(KSPROPERTY_STEPPING_LONG));
+        EXPECT_EQ(range.MembersCount, 1u);
+        EXPECT_EQ(range.Flags, 0u);
+        const KSPROPERTY_MEMBERSHEADER& byDefault = values.MembersList[1].MembersHeader;
+        EXPECT_EQ(byDefault.MembersFlags, static_cast<ULONG>(KSPROPERTY_MEMBER_VALUES));
+        EXPECT_EQ(byDefault.MembersSize, sizeof(LONG));
+        EXPECT_EQ(byDefault.Flags, static_cast<ULONG>(KSPROPERTY_MEMBER_FLAG_DEFAULT));
+    }
 
-TEST_F(PropertyTableTest, LookUpTableAndEventItemsFollowSupportBitAndInterruptPipe) {
-    MakeBareCamera();
-    Camera().PokeRegister(ORNIX_SUPPORT0, 1);
-    SetInterruptPipe(true);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    EXPECT_EQ(CustomIds(), (std::vector<ULONG>{7, 16, 17, 20, 18, 40, 32, 38}));
-
-    // Only bit 0 of the support register counts.
-    Camera().PokeRegister(ORNIX_SUPPORT0, 0xFFFFFFFE);
-    SetInterruptPipe(false);
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-    EXPECT_EQ(CustomIds(), (std::vector<ULONG>{7, 16, 17, 20, 18, 40}));
-}
-
-TEST_F(PropertyTableTest, FocusIsOfferedOnlyAsCustomProperty) {
-    MakeBareCamera();
-    PokeRecord(kFocusRecord, {kPresent, 5, 0, 10});
-    ASSERT_EQ(Build(), STATUS_SUCCESS);
-
-    EXPECT_EQ(FindSet(OrnixPropSetCameraControl), nullptr);
-    EXPECT_EQ(Ext()->PropertySetCount, 3u);
-    const std::vector<ULONG> ids = CustomIds();
-    EXPECT_NE(std::find(ids.begin(), ids.end(), 53u), ids.end());
+    // Custom 31 and 2 share the exposure and gain records; 8, 19 and 37 need two streams.
+    EXPECT_EQ(CustomIds(), (std::vector<ULONG>{31, 2, 7, 8, 16, 17, 20, 18, 19, 40, 37}));
+    const KSPROPERTY_ITEM& setOnly = FindSet(OrnixPropSetOxCustom)->PropertyItem[10];
+    EXPECT_EQ(setOnly.GetSupported, FALSE);
+    EXPECT_NE(setOnly.SetSupported, FALSE);
 }
 
 // Every record present: the filling pass must land exactly where the
@@ -252,50 +200,107 @@ TEST_F(PropertyTableTest, FullyEquippedCameraFillsExactlyTheCountedTable) {
     EXPECT_TRUE(TakeViolations("ASSERT").empty());
 }
 
-TEST_F(PropertyTableTest, FailedBlockReadBuildsFromAClearedBuffer) {
+TEST_F(PropertyTableTest, FailedReadsBuildFromClearedValues) {
+    // The block read fails: no controls, but the support register still counts.
+    MakeBareCamera();
     PokeRecord(kBrightnessRecord, {kPresent, 32750, 0, 65500});
-    SetStreams(1);
-    SetInterruptPipe(false);
     Camera().PokeRegister(ORNIX_SUPPORT0, 1);
     Stack().AddFault(FaultRule{.kind = RequestKind::VendorDevice, .occurrence = 1});
     ASSERT_EQ(Build(), STATUS_SUCCESS);
-
     EXPECT_TRUE(Logged("ORNIX: Failed to prop reg block"));
     EXPECT_EQ(FindSet(OrnixPropSetVideoProcAmp), nullptr);
-    // The support register was still read.
     EXPECT_EQ(CustomIds(), (std::vector<ULONG>{7, 16, 17, 20, 18, 40, 32}));
-}
 
-TEST_F(PropertyTableTest, FailedSupportReadMeansNoLookUpTable) {
-    MakeBareCamera();
-    Camera().PokeRegister(ORNIX_SUPPORT0, 1);
+    // The support register read fails: no look-up table.
     Stack().AddFault(FaultRule{.kind = RequestKind::VendorDevice, .occurrence = 2});
     ASSERT_EQ(Build(), STATUS_SUCCESS);
-
     EXPECT_TRUE(Logged("ORNIX: Failed to read support0 register"));
     EXPECT_FALSE(Logged("ORNIX: Failed to prop reg block"));
+    EXPECT_NE(FindSet(OrnixPropSetVideoProcAmp), nullptr);
     EXPECT_EQ(CustomIds(), (std::vector<ULONG>{7, 16, 17, 20, 18, 40}));
 }
 
+// The table itself, then the block that would put it on the deferred-free
+// list: either failing leaves no table (TearDown's pool check finds a kept one).
 TEST_F(PropertyTableTest, WithoutMemoryThereIsNoTable) {
     MakeBareCamera();
-    winsim::FailAllocationsOfSize(3 * sizeof(KSPROPERTY_SET) + 6 * sizeof(KSPROPERTY_ITEM));
-    EXPECT_EQ(Build(), STATUS_INSUFFICIENT_RESOURCES);
-    winsim::ClearAllocationFailures();
-
-    EXPECT_EQ(Ext()->PropertySets, nullptr);
-    EXPECT_EQ(Ext()->PropertySetCount, 0u);
+    for (size_t size :
+         {3 * sizeof(KSPROPERTY_SET) + 6 * sizeof(KSPROPERTY_ITEM), sizeof(ORNIX_DEFERRED_BLOCK)}) {
+        SCOPED_TRACE(size);
+        winsim::FailAllocationsOfSize(size);
+        EXPECT_EQ(Build(), STATUS_INSUFFICIENT_RESOURCES);
+        winsim::ClearAllocationFailures();
+        EXPECT_EQ(Ext()->PropertySets, nullptr);
+        EXPECT_EQ(Ext()->PropertySetCount, 0u);
+    }
 }
 
-TEST_F(PropertyTableTest, TableThatCannotBeDeferredIsFreedAtOnce) {
-    MakeBareCamera();
-    winsim::FailAllocationsOfSize(sizeof(ORNIX_DEFERRED_BLOCK));
-    EXPECT_EQ(Build(), STATUS_INSUFFICIENT_RESOURCES);
-    winsim::ClearAllocationFailures();
+// ---------------------------------------------------------------- unit conversions
 
-    EXPECT_EQ(Ext()->PropertySets, nullptr);
-    EXPECT_EQ(Ext()->PropertySetCount, 0u);
-    // TearDown's pool check finds the block if it was kept.
+TEST(UnitConverterTest, LinearControlsScaleAndTruncateTowardZero) {
+    EXPECT_EQ(OrnixBrightnessToProperty(32750), 5000);
+    EXPECT_EQ(OrnixBrightnessToProperty(-1000), -152);  // -152.67
+    EXPECT_EQ(OrnixBrightnessToRegister(5000), 32750);
+    EXPECT_EQ(OrnixBrightnessToRegister(-1), -6);  // -6.55
+    EXPECT_EQ(OrnixContrastToProperty(4095), 99);
+    EXPECT_EQ(OrnixContrastToRegister(100), 4096);
+    EXPECT_EQ(OrnixContrastToRegister(-3), -122);  // -122.88
+    // Gain counts sixteenths above unity.
+    EXPECT_EQ(OrnixGainToProperty(0x100F), 0u);
+    EXPECT_EQ(OrnixGainToProperty(0x10000), 3840u);
+    EXPECT_EQ(OrnixGainToRegister(0), 0x1000u);
+    EXPECT_EQ(OrnixGainToRegister(3840), 0x10000u);
+}
+
+TEST(UnitConverterTest, ExposureIsLogSecondsRoundedToTheNearestPowerAndClamped) {
+    // The step from n to n + 1 lies near 1,333,333 x 2^n us.
+    const std::pair<ULONG, LONG> toProperty[] = {{0, -21},     {1, -20},     {100, -13},
+                                                 {10000, -7},  {2000000, 1}, {1333333, 0},
+                                                 {1333334, 1}, {666666, -1}, {666667, 0}};
+    for (auto [microseconds, property] : toProperty) {
+        EXPECT_EQ(OrnixExposureToProperty(microseconds), property) << microseconds << " us";
+    }
+    const std::pair<LONG, ULONG> toRegister[] = {{0, 1000000u},     {1, 2000000u},
+                                                 {-1, 500000u},     {12, 4096000000u},
+                                                 {13, 4096000000u}, {0x7FFFFFFF, 4096000000u},
+                                                 {-19, 1u},         {-20, 0u},
+                                                 {-22, 0u},         {LONG(0x80000000), 0u}};
+    for (auto [property, microseconds] : toRegister) {
+        EXPECT_EQ(OrnixExposureToRegister(property), microseconds) << "property " << property;
+    }
+}
+
+std::optional<ULONG> RecordOf(ULONG group, ULONG id) {
+    ULONG record = 0xDEADBEEF;
+    if (!OrnixPropertyRecordIndex(group, id, &record)) {
+        EXPECT_EQ(record, 0xDEADBEEFu) << "written without a record";
+        return std::nullopt;
+    }
+    return record;
+}
+
+TEST(PropertyRecordMapTest, StandardAndCustomIdsMapAtTheEdgesOfEachRun) {
+    struct Row {
+        ULONG group;
+        ULONG id;
+        std::optional<ULONG> record;
+    };
+    constexpr ULONG kAmp = ORNIX_GROUP_VIDEOPROCAMP;
+    constexpr ULONG kCam = ORNIX_GROUP_CAMERACONTROL;
+    constexpr ULONG kOx = ORNIX_GROUP_OXCUSTOM;
+    const Row rows[] = {
+        {kAmp, 0, 0},  {kAmp, 5, 5},  {kAmp, 6, {}}, {kAmp, 8, {}}, {kAmp, 9, 15}, {kAmp, 10, {}},
+        {kCam, 0, 6},  {kCam, 4, 10}, {kCam, 6, 12}, {kCam, 7, {}}, {0, 0, {}},    {4, 0, {}},
+        {kOx, 0, 13},  {kOx, 2, 15},  {kOx, 6, 19},  {kOx, 7, {}},  {kOx, 8, {}},  {kOx, 9, 20},
+        {kOx, 15, 26}, {kOx, 16, {}}, {kOx, 20, {}}, {kOx, 21, 27}, {kOx, 30, 36}, {kOx, 31, 10},
+        {kOx, 32, {}}, {kOx, 33, 37}, {kOx, 36, 40}, {kOx, 37, {}}, {kOx, 38, {}}, {kOx, 39, 41},
+        {kOx, 40, 42}, {kOx, 41, 43}, {kOx, 50, 52}, {kOx, 51, {}}, {kOx, 52, 53}, {kOx, 53, 12},
+        {kOx, 54, 54}, {kOx, 56, 56}, {kOx, 57, {}},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(RecordOf(row.group, row.id), row.record)
+            << "group " << row.group << " id " << row.id;
+    }
 }
 
 }  // namespace

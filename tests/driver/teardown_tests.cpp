@@ -1,5 +1,5 @@
-// Adapter teardown: what it releases, what it tells the camera, and that
-// running it again finds nothing left to do.
+// Adapter teardown: what it releases, what it tells the camera, that running
+// it again finds nothing left to do, and what a failed bring-up leaves.
 #include <string>
 #include <vector>
 
@@ -7,6 +7,8 @@
 
 namespace ornixtest {
 namespace {
+
+using usbsim::RequestKind;
 
 using TeardownTest = DriverTest;
 
@@ -25,11 +27,27 @@ TEST_F(TeardownTest, UnconfiguresAConfiguredCamera) {
                          "ORNIX: Unconfiguring device", "ORNIX: Done unconfiguring device"}));
 }
 
-TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnce) {
+// Every table bring-up built, and every reference into them, goes with the
+// first run; the second finds nothing (the verifier catches double frees).
+TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
     ASSERT_NE(ext->DeviceDescriptor, nullptr);
     ASSERT_NE(ext->ConfigurationDescriptor, nullptr);
     ASSERT_NE(ext->InterfaceInfoTable, nullptr);
+    ASSERT_NE(ext->VpdImage, nullptr);
+    ASSERT_NE(ext->DefectSection, nullptr);
+    ASSERT_NE(ext->Section4, nullptr);
+    ASSERT_NE(ext->PropertySets, nullptr);
+    ASSERT_NE(ext->EventSets, nullptr);
+    ASSERT_GE(ext->CaptureFormatCount, 2u);
+    ext->CaptureFormat = ext->NextCaptureFormat =
+        CONTAINING_RECORD(ext->CaptureFormats[0], ORNIX_FORMAT_RECORD, DataRange);
+    ext->StillFormat = CONTAINING_RECORD(ext->CaptureFormats[1], ORNIX_FORMAT_RECORD, DataRange);
+    ext->KFreqChart = static_cast<PUSHORT>(DriverBlock(3 * sizeof(USHORT)));
+    ext->KFreqChartCount = 3;
+    ext->KFreqChartMin = 10;
+    ext->KFreqChartMax = 30;
+    ext->KFreqChartCur = 20;
     ext->Lut8Buffer = static_cast<PUCHAR>(DriverBlock(256));
     ext->Lut8Length = 256;
     ASSERT_EQ(OrnixDeferFree(ext, DriverBlock(32)), STATUS_SUCCESS);
@@ -44,13 +62,22 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnce) {
     EXPECT_EQ(Log(), std::vector<std::string>{"ORNIX: OrnixUninitializeDevice"});
     EXPECT_TRUE(ControlRequests().empty());
     EXPECT_EQ(ext->Uninitializing, 1);
-    EXPECT_EQ(ext->InterfaceInfoTable, nullptr);
-    EXPECT_EQ(ext->ConfigurationHandle, nullptr);
-    EXPECT_EQ(ext->DeviceDescriptor, nullptr);
-    EXPECT_EQ(ext->ConfigurationDescriptor, nullptr);
-    EXPECT_EQ(ext->DeferredFreeList, nullptr);
-    EXPECT_EQ(ext->Lut8Buffer, nullptr);
-    EXPECT_EQ(ext->Lut8Length, 0u);
+    const std::vector<const void*> pointers = {
+        ext->InterfaceInfoTable, ext->ConfigurationHandle,
+        ext->DeviceDescriptor,   ext->ConfigurationDescriptor,
+        ext->DeferredFreeList,   ext->Lut8Buffer,
+        ext->KFreqChart,         ext->CaptureStreamInfo,
+        ext->CaptureFormats,     ext->CaptureFormat,
+        ext->StillFormat,        ext->NextCaptureFormat,
+        ext->ExposureRange,      ext->PropertySets,
+        ext->EventSets,          ext->VpdImage,
+        ext->DefectSection,      ext->Section4};
+    EXPECT_EQ(pointers, std::vector<const void*>(pointers.size(), nullptr));
+    const std::vector<ULONG> counts = {
+        ext->Lut8Length,    ULONG(ext->KFreqChartCount), ext->KFreqChartMin,    ext->KFreqChartMax,
+        ext->KFreqChartCur, ext->CaptureFormatCount,     ext->PropertySetCount, ext->EventSetCount,
+        ext->VpdLength,     ext->DefectSectionLength,    ext->Section4Length};
+    EXPECT_EQ(counts, std::vector<ULONG>(counts.size(), 0));
 }
 
 TEST_F(TeardownTest, StopsAndReleasesOpenStreams) {
@@ -77,6 +104,30 @@ TEST_F(TeardownTest, AfterFailedBringUpLeavesStreamsAndInterruptPipeAlone) {
 
     EXPECT_EQ(capture->State, KSSTATE_RUN);
     EXPECT_FALSE(InterruptMutexTakenUnderRequestMutex());
+}
+
+class FailedBringUpTest : public DriverTest {
+  protected:
+    bool StartsAdapterInSetUp() const override { return false; }
+};
+
+TEST_F(FailedBringUpTest, IsTornDownOnceAndLeavesTheCameraUnconfigured) {
+    // The second selection, after the formats are known.
+    Stack().AddFault({.kind = RequestKind::SelectConfiguration, .occurrence = 2});
+    AddAdapter();
+
+    EXPECT_EQ(StartAdapter(), STATUS_UNSUCCESSFUL);
+
+    EXPECT_EQ(Ext()->Initialized, 0);
+    EXPECT_EQ(Ext()->Uninitializing, 1);
+    EXPECT_EQ(Stack().Counts(RequestKind::AbortPipe).submitted, 0u);
+    EXPECT_FALSE(InterruptMutexTakenUnderRequestMutex());
+    // Unconfigured once more, and only once per teardown that found a handle.
+    EXPECT_EQ(CountLogged("ORNIX: Unconfiguring device"), 1u);
+    EXPECT_EQ(Camera().Configuration(), 0);
+    EXPECT_TRUE(
+        Logged("ORNIX: Selecting the Configuration fialed with 0xc0000001, USBD 0xc0000005"));
+    EXPECT_EQ(winsim::OutstandingPool()[kDriverTag].blocks, 0u);
 }
 
 }  // namespace

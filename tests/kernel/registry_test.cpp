@@ -1,4 +1,5 @@
-// Registry values of a device read with ZwQueryValueKey's partial information.
+// Registry values of a device read with ZwQueryValueKey's partial
+// information, and the handles that open the keys.
 #include "kernel_test.h"
 
 #include <cstring>
@@ -22,15 +23,13 @@ class Registry : public KernelTest {
         KernelTest::TearDown();
     }
 
-    HANDLE OpenDriverKey() {
-        HANDLE key = nullptr;
-        EXPECT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DRIVER, KEY_READ, &key),
-                  STATUS_SUCCESS);
-        return key;
+    NTSTATUS Open(HANDLE* key) {
+        return IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DRIVER, KEY_READ, key);
     }
 
     NTSTATUS Query(const char16_t* name, ULONG length) {
-        HANDLE key = OpenDriverKey();
+        HANDLE key = nullptr;
+        EXPECT_EQ(Open(&key), STATUS_SUCCESS);
         UNICODE_STRING valueName;
         RtlInitUnicodeString(&valueName, reinterpret_cast<PCWSTR>(name));
         std::memset(buffer, 0xEE, sizeof buffer);
@@ -51,53 +50,50 @@ class Registry : public KernelTest {
     ULONG resultLength;
 };
 
-TEST_F(Registry, StringValueComesWithItsTerminator) {
+// "OX-2" with its terminator is 10 bytes of data behind the header.
+TEST_F(Registry, StringValueComesWithItsTerminatorIntoABufferJustLargeEnough) {
     winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, u"CameraModel", u"OX-2");
-    ASSERT_EQ(Query(u"cameramodel", 48), STATUS_SUCCESS) << "names ignore case";
+    ASSERT_EQ(Query(u"cameramodel", kHeader + 10), STATUS_SUCCESS) << "names ignore case";
     EXPECT_EQ(resultLength, kHeader + 10);
     EXPECT_EQ(Info().TitleIndex, 0u);
     EXPECT_EQ(Info().Type, ULONG(REG_SZ));
     EXPECT_EQ(Info().DataLength, 10u);
     EXPECT_EQ(std::memcmp(Info().Data, u"OX-2", 10), 0);
+
+    ASSERT_EQ(Query(u"CameraModel", kHeader + 9), STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(resultLength, kHeader + 10);
+    EXPECT_EQ(Info().Type, ULONG(REG_SZ));
+    EXPECT_EQ(Info().DataLength, 10u);
+    EXPECT_EQ(buffer[kHeader], 0xEE) << "no data copied";
+
+    EXPECT_EQ(Query(u"CameraModel", kHeader - 1), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(resultLength, kHeader + 10);
+    EXPECT_EQ(buffer[0], 0xEE);
 }
 
-TEST_F(Registry, MissingValueAndEmptyKeyAreNotFound) {
+TEST_F(Registry, MissingValueOtherKeyAndClearedDeviceAreNotFound) {
     EXPECT_EQ(Query(u"Anything", 48), STATUS_OBJECT_NAME_NOT_FOUND);
     winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DEVICE, u"Anything", u"elsewhere");
     EXPECT_EQ(Query(u"Anything", 48), STATUS_OBJECT_NAME_NOT_FOUND) << "another key";
-}
 
-TEST_F(Registry, BufferBelowTheHeaderIsTooSmall) {
-    winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, u"Name", u"x");
-    EXPECT_EQ(Query(u"Name", kHeader - 1), STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(resultLength, kHeader + 4);
-}
-
-TEST_F(Registry, DataThatDoesNotFitOverflowsWithTheHeaderFilled) {
-    winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, u"Name", u"a rather long camera name");
-    ULONG needed = kHeader + 26 * 2;
-    ASSERT_EQ(Query(u"Name", 48), STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(resultLength, needed);
-    EXPECT_EQ(Info().Type, ULONG(REG_SZ));
-    EXPECT_EQ(Info().DataLength, 52u);
-    EXPECT_EQ(buffer[kHeader], 0xEE) << "no data copied";
-}
-
-TEST_F(Registry, OpenCanBeMadeToFail) {
-    winsim::FailRegistryOpen(pdo, STATUS_OBJECT_NAME_NOT_FOUND);
-    HANDLE key = nullptr;
-    EXPECT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DRIVER, KEY_READ, &key),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    winsim::FailRegistryOpen(pdo, STATUS_SUCCESS);
-    ZwClose(OpenDriverKey());
-}
-
-TEST_F(Registry, ClearedDeviceHasNoValues) {
     winsim::SetRegistryValue(pdo, PLUGPLAY_REGKEY_DRIVER, u"Binary", REG_BINARY, {1, 2, 3});
     ASSERT_EQ(Query(u"Binary", 48), STATUS_SUCCESS);
     EXPECT_EQ(Info().Type, ULONG(REG_BINARY));
     winsim::ClearRegistry(pdo);
     EXPECT_EQ(Query(u"Binary", 48), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST_F(Registry, OpenCanFailAndHandlesAreChecked) {
+    HANDLE key = nullptr;
+    winsim::FailRegistryOpen(pdo, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(Open(&key), STATUS_OBJECT_NAME_NOT_FOUND);
+    winsim::FailRegistryOpen(pdo, STATUS_SUCCESS);
+    ASSERT_EQ(Open(&key), STATUS_SUCCESS);
+    EXPECT_FALSE(winsim::CheckPoolEmpty("driver unload"));
+    ExpectViolation("HANDLE_LEAK", {"1 registry key handle never closed"});
+    EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
+    EXPECT_EQ(ZwClose(key), STATUS_INVALID_HANDLE);
+    ExpectViolation("BAD_HANDLE", {"ZwClose", "no open registry key"});
 }
 
 }  // namespace

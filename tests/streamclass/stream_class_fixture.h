@@ -1,12 +1,55 @@
-// A kernel with the verifier recording, the fake minidriver reset and a bus
+// A minimal stream-class minidriver whose behaviour each test scripts, and
+// the fixture: a kernel with the verifier recording, the fake reset and a bus
 // physical device object for the adapter to sit on.
 #pragma once
 
-#include "fake_minidriver.h"
+#include <strmini.h>
+
+#include <functional>
+
 #include "kernel/kernel.h"
 #include "kernel/kernel_test.h"
 
 namespace sctest {
+
+struct FakeMinidriver {
+    // What the minidriver does with each adapter SRB; by default it completes
+    // it with STATUS_SUCCESS.
+    std::function<void(PHW_STREAM_REQUEST_BLOCK)> onSrb;
+    // Edits the registration before it is handed to the stream class.
+    std::function<void(HW_INITIALIZATION_DATA&)> editRegistration;
+};
+
+inline FakeMinidriver& Fake() {
+    static FakeMinidriver fake;
+    return fake;
+}
+
+// Completes an adapter SRB the way a minidriver does.
+inline void CompleteAdapterSrb(PHW_STREAM_REQUEST_BLOCK srb, NTSTATUS status) {
+    srb->Status = status;
+    StreamClassDeviceNotification(DeviceRequestComplete, srb->HwDeviceExtension, srb, nullptr,
+                                  nullptr, 0);
+}
+
+inline NTSTATUS NTAPI FakeDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
+    HW_INITIALIZATION_DATA data{};
+    data.HwInitializationDataSize = sizeof(data);
+    data.HwReceivePacket = [](PHW_STREAM_REQUEST_BLOCK srb) {
+        if (Fake().onSrb) {
+            Fake().onSrb(srb);
+        } else {
+            CompleteAdapterSrb(srb, STATUS_SUCCESS);
+        }
+    };
+    data.HwCancelPacket = data.HwRequestTimeoutHandler = [](PHW_STREAM_REQUEST_BLOCK) {};
+    data.DeviceExtensionSize = 64;
+    data.TurnOffSynchronization = TRUE;
+    if (Fake().editRegistration) {
+        Fake().editRegistration(data);
+    }
+    return StreamClassRegisterAdapter(driver, registryPath, &data);
+}
 
 class StreamClassTest : public kerneltest::KernelTest {
   protected:

@@ -1,14 +1,12 @@
-// Selecting configurations and interface settings: what goes on the wire,
-// what the stack fills into the URB, and which pipe handles work afterwards.
-#include <mutex>
-#include <set>
-
+// Selecting configurations and interface settings (what goes on the wire, what
+// the stack fills into the URB, which pipe handles work afterwards), and pipe
+// behaviour: a stall halts the endpoint until the pipe is reset, a NAKed
+// transfer waits for the device's ready callback, and an abort cancels the
+// pipe's transfers before it completes itself.
 #include "usb_stack_fixture.h"
 
 namespace usbtest {
 namespace {
-
-using usbsim::SetupPacket;
 
 class ConfigurationTest : public UsbStackTest {
   protected:
@@ -17,20 +15,13 @@ class ConfigurationTest : public UsbStackTest {
         URB urb = TransferUrb(pipe, in, buffer.data(), length);
         return SubmitUrb(Pdo(), &urb);
     }
-
-    static void ExpectSetup(const SetupPacket& setup, uint8_t type, uint8_t request, uint16_t value,
-                            uint16_t index) {
-        EXPECT_EQ(setup.bmRequestType, type);
-        EXPECT_EQ(setup.bRequest, request);
-        EXPECT_EQ(setup.wValue, value);
-        EXPECT_EQ(setup.wIndex, index);
-        EXPECT_EQ(setup.wLength, 0);
-    }
 };
+
+constexpr SetupFields kSetConfiguration1{0x00, 9, 1, 0, 0}, kSetInterface1{0x01, 11, 1, 0, 0};
 
 TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTransferSizes) {
     std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
-    UrbBuffer urb = SelectConfigurationUrb(descriptor, 0, 3, 0x200000);
+    UrbBuffer urb = SelectUrb(&descriptor, nullptr, 0, 3, 0x200000);
     PUSBD_PIPE_INFORMATION pipes = InterfaceOf(urb)->Pipes;
     pipes[1].MaximumTransferSize = 97991;  // the bulk-out pipe takes one FPGA image
     pipes[1].PipeFlags = USBD_PF_CHANGE_MAX_PACKET;
@@ -38,25 +29,25 @@ TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTrans
     pipes[2].MaximumTransferSize = USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE;
 
     ASSERT_EQ(SubmitUrb(Pdo(), urb.get()), STATUS_SUCCESS);
-    ExpectSetup(device.ControlLog().back(), 0x00, 9, FakeUsbDevice::kConfigurationValue, 0);
-    EXPECT_EQ(stack->ConfigurationValue(), FakeUsbDevice::kConfigurationValue);
+    EXPECT_EQ(Fields(device.ControlLog().back()), kSetConfiguration1);
+    EXPECT_EQ(stack->ConfigurationValue(), 1);
 
     const USBD_INTERFACE_INFORMATION& info = *InterfaceOf(urb);
     EXPECT_NE(urb->UrbSelectConfiguration.ConfigurationHandle, nullptr);
     EXPECT_NE(info.InterfaceHandle, nullptr);
     EXPECT_EQ(info.NumberOfPipes, 3u);
     EXPECT_EQ(info.Class, 0xFF);
-
-    EXPECT_EQ(pipes[0].EndpointAddress, FakeUsbDevice::kBulkIn);
-    EXPECT_EQ(pipes[0].PipeType, UsbdPipeTypeBulk);
-    EXPECT_EQ(pipes[0].MaximumPacketSize, 512);
-    EXPECT_EQ(pipes[0].MaximumTransferSize, 0x200000u);
-    EXPECT_EQ(pipes[1].EndpointAddress, FakeUsbDevice::kBulkOut);
-    EXPECT_EQ(pipes[1].MaximumPacketSize, 64);  // the client asked to keep its own
-    EXPECT_EQ(pipes[2].EndpointAddress, FakeUsbDevice::kInterruptIn);
-    EXPECT_EQ(pipes[2].PipeType, UsbdPipeTypeInterrupt);
-    EXPECT_EQ(pipes[2].Interval, 8);
-    EXPECT_EQ(pipes[2].MaximumPacketSize, 4);
+    // Address, type, packet size, interval, transfer size: the client may
+    // keep its own packet size.
+    auto pipe = [&](int i) {
+        const USBD_PIPE_INFORMATION& p = pipes[i];
+        return std::tuple<int, int, int, int, ULONG>(
+            p.EndpointAddress, p.PipeType, p.MaximumPacketSize, p.Interval, p.MaximumTransferSize);
+    };
+    EXPECT_EQ(pipe(0), std::tuple(0x81, UsbdPipeTypeBulk, 512, 0, 0x200000u));
+    EXPECT_EQ(pipe(1), std::tuple(0x02, UsbdPipeTypeBulk, 64, 0, 97991u));
+    EXPECT_EQ(pipe(2), std::tuple(0x83, UsbdPipeTypeInterrupt, 4, 8,
+                                  ULONG{USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE}));
     const std::set<USBD_PIPE_HANDLE> handles{pipes[0].PipeHandle, pipes[1].PipeHandle,
                                              pipes[2].PipeHandle};
     EXPECT_EQ(handles.size(), 3u);
@@ -66,15 +57,15 @@ TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTrans
     EXPECT_EQ(Transfer(pipes[1].PipeHandle, false, 97991), STATUS_SUCCESS);
     EXPECT_EQ(Transfer(pipes[1].PipeHandle, false, 97992), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Transfer(pipes[0].PipeHandle, true, 0x200000), STATUS_SUCCESS);
-    EXPECT_EQ(device.TransferLog().front().length, 97991u);  // in one transfer
+    EXPECT_EQ(device.TransferLog().front().second, 97991u);  // in one transfer
 }
 
 TEST_F(ConfigurationTest, NonZeroAlternateSettingIsSelectedAfterTheConfiguration) {
     Configure(1);
     const std::vector<SetupPacket> log = device.ControlLog();
     ASSERT_EQ(log.size(), 2u);
-    ExpectSetup(log[0], 0x00, 9, FakeUsbDevice::kConfigurationValue, 0);
-    ExpectSetup(log[1], 0x01, 11, 1, 0);
+    EXPECT_EQ(Fields(log[0]), kSetConfiguration1);
+    EXPECT_EQ(Fields(log[1]), kSetInterface1);
     EXPECT_EQ(stack->AlternateSetting(0), 1);
     EXPECT_EQ(Transfer(PipeFor(FakeUsbDevice::kSecondBulkIn), true, 512), STATUS_SUCCESS);
 }
@@ -89,15 +80,13 @@ TEST_F(ConfigurationTest, SelectInterfaceReplacesThePipesAndCancelsTransfersOnTh
         std::lock_guard lock(mutex);
         completionOrder.push_back(who);
     };
-
-    uint8_t event[4];
-    URB pending = TransferUrb(oldInterrupt, true, event, sizeof event);
+    URB pending = TransferOn(FakeUsbDevice::kInterruptIn, 4);
     UrbCall transfer(Pdo(), &pending);
     transfer.onCompletion = [&] { record("transfer"); };
     ASSERT_EQ(transfer.Send(), STATUS_PENDING);
     stack->WaitIdle();
 
-    UrbBuffer select = SelectInterfaceUrb(configurationHandle, 1, 2, 4096);
+    UrbBuffer select = SelectUrb(nullptr, configurationHandle, 1, 2, 4096);
     UrbCall call(Pdo(), select.get());
     call.onCompletion = [&] { record("select"); };
     ASSERT_EQ(call.Send(), STATUS_PENDING);
@@ -105,13 +94,13 @@ TEST_F(ConfigurationTest, SelectInterfaceReplacesThePipesAndCancelsTransfersOnTh
 
     EXPECT_EQ(completionOrder, (std::vector<std::string>{"transfer", "select"}));
     EXPECT_EQ(pending.UrbHeader.Status, USBD_STATUS_CANCELED);
-    ExpectSetup(device.ControlLog().back(), 0x01, 11, 1, 0);
+    EXPECT_EQ(Fields(device.ControlLog().back()), kSetInterface1);
     EXPECT_EQ(stack->AlternateSetting(0), 1);
     const USBD_INTERFACE_INFORMATION& info = *InterfaceOf(select);
     EXPECT_EQ(info.Pipes[0].EndpointAddress, FakeUsbDevice::kBulkIn);
     EXPECT_EQ(PipeFor(FakeUsbDevice::kSecondBulkIn), (info.Pipes + 1)->PipeHandle);
 
-    URB stale = TransferUrb(oldInterrupt, true, event, sizeof event);
+    URB stale = TransferUrb(oldInterrupt, true, data, sizeof data);
     EXPECT_EQ(SubmitUrb(Pdo(), &stale), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(stale.UrbHeader.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
     EXPECT_EQ(Transfer((info.Pipes + 1)->PipeHandle, true, 512), STATUS_SUCCESS);
@@ -120,17 +109,124 @@ TEST_F(ConfigurationTest, SelectInterfaceReplacesThePipesAndCancelsTransfersOnTh
 TEST_F(ConfigurationTest, UnconfiguringInvalidatesEveryHandle) {
     Configure();
     const USBD_PIPE_HANDLE old = PipeFor(FakeUsbDevice::kBulkIn);
-
     // Only the header, descriptor and handle matter when the descriptor is null.
-    UrbBuffer urb(sizeof(_URB_SELECT_CONFIGURATION));
-    urb->UrbHeader.Length = 60;
+    UrbBuffer urb(60);
     urb->UrbHeader.Function = URB_FUNCTION_SELECT_CONFIGURATION;
     ASSERT_EQ(SubmitUrb(Pdo(), urb.get()), STATUS_SUCCESS);
 
-    ExpectSetup(device.ControlLog().back(), 0x00, 9, 0, 0);
+    EXPECT_EQ(Fields(device.ControlLog().back()), (SetupFields{0x00, 9, 0, 0, 0}));
     EXPECT_EQ(stack->ConfigurationValue(), 0);
     EXPECT_TRUE(stack->OpenPipes().empty());
     EXPECT_EQ(Transfer(old, true, 512), STATUS_INVALID_PARAMETER);
+}
+
+class PipeTest : public UsbStackTest {
+  protected:
+    void SetUp() override {
+        UsbStackTest::SetUp();
+        Configure();
+    }
+};
+
+TEST_F(PipeTest, StallHaltsTheEndpointUntilThePipeIsReset) {
+    URB ok = BulkIn();
+    ASSERT_EQ(SubmitUrb(Pdo(), &ok), STATUS_SUCCESS);
+    EXPECT_EQ(StatusOf(FakeUsbDevice::kBulkIn).dataToggle, 1);  // one packet went by
+
+    device.QueueAnswer(FakeUsbDevice::kBulkIn, TransferResult::Stall());
+    URB stalled = BulkIn();
+    EXPECT_EQ(SubmitUrb(Pdo(), &stalled), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(stalled.UrbHeader.Status, USBD_STATUS_STALL_PID);
+    EXPECT_TRUE(StatusOf(FakeUsbDevice::kBulkIn).halted);
+
+    URB refused = BulkIn();
+    EXPECT_EQ(SubmitUrb(Pdo(), &refused), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(refused.UrbHeader.Status, USBD_STATUS_ENDPOINT_HALTED);
+    EXPECT_EQ(device.TransferLog().size(), 2u);  // the halted pipe sent nothing
+
+    URB reset =
+        PipeUrb(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, PipeFor(FakeUsbDevice::kBulkIn));
+    {
+        UrbCall call(Pdo(), &reset, true);
+        ASSERT_EQ(call.Send(), STATUS_PENDING);
+        EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
+    }
+    // CLEAR_FEATURE(ENDPOINT_HALT) to the endpoint.
+    EXPECT_EQ(Fields(device.ControlLog().back()),
+              (SetupFields{0x02, 1, 0, FakeUsbDevice::kBulkIn, 0}));
+    EXPECT_FALSE(StatusOf(FakeUsbDevice::kBulkIn).halted);
+    EXPECT_EQ(StatusOf(FakeUsbDevice::kBulkIn).dataToggle, 0);
+    URB again = BulkIn();
+    EXPECT_EQ(SubmitUrb(Pdo(), &again), STATUS_SUCCESS);
+}
+
+TEST_F(PipeTest, NakedTransferWaitsForTheReadyCallbackOfItsEndpoint) {
+    device.SetNak(FakeUsbDevice::kInterruptIn, true);
+    URB urb = TransferOn(FakeUsbDevice::kInterruptIn, 4);
+    UrbCall call(Pdo(), &urb);
+    ASSERT_EQ(call.Send(), STATUS_PENDING);
+
+    stack->WaitIdle();  // a NAKed transfer does not keep the stack busy
+    device.SignalReady(FakeUsbDevice::kBulkIn);
+    stack->WaitIdle();
+    EXPECT_FALSE(call.Completed());
+    EXPECT_EQ(stack->PendingRequests(), 1u);
+    EXPECT_EQ(device.TransferLog().size(), 1u);  // not retried for another endpoint
+
+    device.SetNak(FakeUsbDevice::kInterruptIn, false);
+    device.QueueAnswer(FakeUsbDevice::kInterruptIn, TransferResult::Ack(4), {0x08, 0, 0, 0});
+    device.SignalReady(0);  // every endpoint
+    EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
+    EXPECT_EQ(buffers.back()[0], 0x08);
+}
+
+TEST_F(PipeTest, ReadinessSignalledDuringTheNakedTransactionIsNotLost) {
+    device.QueueAnswer(FakeUsbDevice::kInterruptIn, TransferResult::Nak());
+    device.QueueAnswer(FakeUsbDevice::kInterruptIn, TransferResult::Ack(4), {0x01, 0, 0, 0});
+    bool signalled = false;
+    device.onTransfer = [&](uint8_t endpoint) {
+        if (!signalled) {  // the device has data just as it answers Nak
+            signalled = true;
+            device.SignalReady(endpoint);
+        }
+    };
+    URB urb = TransferOn(FakeUsbDevice::kInterruptIn, 4);
+    EXPECT_EQ(SubmitUrb(Pdo(), &urb), STATUS_SUCCESS);
+    EXPECT_EQ(buffers.back()[0], 0x01);
+}
+
+TEST_F(PipeTest, AbortCancelsEveryPendingTransferBeforeCompletingItself) {
+    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    std::mutex mutex;
+    std::vector<int> completionOrder;
+    auto record = [&](int who) {
+        std::lock_guard lock(mutex);
+        completionOrder.push_back(who);
+    };
+    URB urbs[3] = {BulkIn(), BulkIn(), BulkIn()};
+    std::vector<std::unique_ptr<UrbCall>> transfers;
+    for (int i = 0; i < 3; ++i) {
+        transfers.push_back(std::make_unique<UrbCall>(Pdo(), &urbs[i]));
+        transfers.back()->onCompletion = [&record, i] { record(i); };
+        ASSERT_EQ(transfers.back()->Send(), STATUS_PENDING);
+    }
+    stack->WaitIdle();
+
+    // Aborts may come at DISPATCH_LEVEL; TearDown fails on any verifier finding.
+    URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(FakeUsbDevice::kBulkIn));
+    UrbCall call(Pdo(), &abort, true);
+    call.onCompletion = [&] { record(99); };
+    winsim::RunAtIrql(DISPATCH_LEVEL, [&] { EXPECT_EQ(call.Send(), STATUS_PENDING); });
+    EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
+
+    EXPECT_EQ(completionOrder, (std::vector<int>{0, 1, 2, 99}));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(transfers[i]->Wait(), STATUS_CANCELLED);
+        EXPECT_EQ(urbs[i].UrbHeader.Status, USBD_STATUS_CANCELED);
+    }
+    device.SetNak(FakeUsbDevice::kBulkIn, false);
+    URB after = BulkIn();
+    EXPECT_EQ(SubmitUrb(Pdo(), &after), STATUS_SUCCESS);
 }
 
 }  // namespace

@@ -1,70 +1,352 @@
-// The common set-up of the stack's tests: a fresh simulated machine, the fake
-// device behind a UsbStack, URB builders, and a verifier check at the end.
+// The common set-up of the stack's tests: a scriptable fake device behind a
+// fresh UsbStack, URBs sent in IRPs of their own the way a client driver sends
+// them, URB builders, and a verifier check at the end of every test.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <usbdi.h>
 #include <usbioctl.h>
 
-#include <algorithm>
-#include <memory>
+#include <array>
+#include <atomic>
+#include <deque>
+#include <list>
+#include <map>
+#include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "fake_usb_device.h"
 #include "kernel/kernel.h"
-#include "urb_call.h"
 #include "usb/usb_stack.h"
 
 namespace usbtest {
+
+using usbsim::FaultAction;
+using usbsim::RequestKind;
+using usbsim::SetupPacket;
+using usbsim::TransferResult;
+
+// Configuration 1 has interface 0 with two alternate settings:
+//   0: bulk IN 0x81, bulk OUT 0x02 (512-byte packets), interrupt IN 0x83 (4 bytes, interval 8)
+//   1: bulk IN 0x81, bulk IN 0x84 (512-byte packets)
+// Without a scripted answer, IN requests fill the buffer with bytes counting
+// up from 0 and OUT requests take everything.
+class FakeUsbDevice final : public usbsim::UsbDevice {
+  public:
+    static constexpr uint8_t kBulkIn = 0x81, kBulkOut = 0x02, kInterruptIn = 0x83,
+                             kSecondBulkIn = 0x84;
+
+    static std::vector<uint8_t> ConfigurationDescriptor() {
+        // clang-format off
+        return {9, 2, 62, 0, 1, 1, 0, 0x80, 50,  // configuration 1, one interface
+                9, 4, 0, 0, 3, 0xFF, 0, 0, 0,    // alternate setting 0
+                7, 5, kBulkIn, 2, 0, 2, 0,
+                7, 5, kBulkOut, 2, 0, 2, 0,
+                7, 5, kInterruptIn, 3, 4, 0, 8,
+                9, 4, 0, 1, 2, 0xFF, 0, 0, 0,    // alternate setting 1
+                7, 5, kBulkIn, 2, 0, 2, 0,
+                7, 5, kSecondBulkIn, 2, 0, 2, 0};
+        // clang-format on
+    }
+
+    // Scripted answers for an endpoint (0 for control requests), used in order.
+    void QueueAnswer(uint8_t endpoint, TransferResult answer, std::vector<uint8_t> data = {}) {
+        std::lock_guard lock(mutex_);
+        answers_[endpoint].push_back({answer, std::move(data)});
+    }
+    void SetNak(uint8_t endpoint, bool nak) {  // answers Nak until switched off
+        std::lock_guard lock(mutex_);
+        naking_[endpoint] = nak;
+    }
+    void SignalReady(uint8_t endpoint) {  // calls the stack's ready callback
+        std::unique_lock lock(mutex_);
+        const std::function<void(uint8_t)> ready = ready_;
+        lock.unlock();
+        ready(endpoint);
+    }
+    std::vector<SetupPacket> ControlLog() const {
+        std::lock_guard lock(mutex_);
+        return controlLog_;
+    }
+    // Endpoint and length of every transfer that reached the device.
+    std::vector<std::pair<uint8_t, size_t>> TransferLog() const {
+        std::lock_guard lock(mutex_);
+        return transferLog_;
+    }
+    // Runs inside Transfer before it answers, e.g. to hold the bus; set it
+    // before sending the transfers it is for.
+    std::function<void(uint8_t endpoint)> onTransfer;
+
+    TransferResult Control(const SetupPacket& setup, std::span<uint8_t> data) override {
+        std::lock_guard lock(mutex_);
+        controlLog_.push_back(setup);
+        return AnswerLocked(0, setup.DeviceToHost(), data);
+    }
+    TransferResult Transfer(uint8_t endpoint, std::span<uint8_t> data) override {
+        if (onTransfer) {
+            onTransfer(endpoint);
+        }
+        std::lock_guard lock(mutex_);
+        transferLog_.emplace_back(endpoint, data.size());
+        return AnswerLocked(endpoint, (endpoint & 0x80) != 0, data);
+    }
+    void SetReadyCallback(std::function<void(uint8_t)> ready) override {
+        std::lock_guard lock(mutex_);
+        ready_ = std::move(ready);
+    }
+    usbsim::BusSpeed Speed() const override { return usbsim::BusSpeed::High; }
+
+  private:
+    TransferResult AnswerLocked(uint8_t endpoint, bool in, std::span<uint8_t> data) {
+        if (naking_[endpoint]) {
+            return TransferResult::Nak();
+        }
+        if (auto& queue = answers_[endpoint]; !queue.empty()) {
+            const auto [result, bytes] = std::move(queue.front());
+            queue.pop_front();
+            std::copy_n(bytes.begin(), std::min(bytes.size(), data.size()), data.begin());
+            return result;
+        }
+        for (size_t i = 0; in && i < data.size(); ++i) {
+            data[i] = static_cast<uint8_t>(i);
+        }
+        return TransferResult::Ack(static_cast<uint32_t>(data.size()));
+    }
+
+    mutable std::mutex mutex_;
+    std::map<uint8_t, std::deque<std::pair<TransferResult, std::vector<uint8_t>>>> answers_;
+    std::map<uint8_t, bool> naking_;
+    std::vector<SetupPacket> controlLog_;
+    std::vector<std::pair<uint8_t, size_t>> transferLog_;
+    std::function<void(uint8_t)> ready_;
+};
+
+// One URB in an IRP of its own, whose completion routine signals an event
+// and keeps the IRP.
+class UrbCall {
+  public:
+    // `ownLocation`: allocate one location more and step into it, as clients
+    // do for pipe resets and aborts.
+    UrbCall(PDEVICE_OBJECT pdo, PURB urb, bool ownLocation = false) : pdo_(pdo), urb_(urb) {
+        irp = IoAllocateIrp(static_cast<CCHAR>(pdo->StackSize + (ownLocation ? 1 : 0)), FALSE);
+        if (ownLocation) {
+            IoSetNextIrpStackLocation(irp);
+        }
+        KeInitializeEvent(&done_, NotificationEvent, FALSE);
+        PrepareNextLocation();
+    }
+    ~UrbCall() {  // waits for a pending IRP, then frees it
+        if (sent_ && !completed_) {
+            Wait();
+        }
+        IoFreeIrp(irp);
+    }
+
+    NTSTATUS Send() {  // IoCallDriver's result
+        sent_ = true;
+        return IoCallDriver(pdo_, irp);
+    }
+    // The IRP's final status, or STATUS_TIMEOUT (and a failure) if it never
+    // completes; the timeout only turns a hang into a failure.
+    NTSTATUS Wait() {
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = -static_cast<LONGLONG>(60 * winsim::TimeScale() * 10'000'000);
+        if (KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, &timeout) ==
+            STATUS_TIMEOUT) {
+            ADD_FAILURE() << "the USB stack never completed the request";
+            return STATUS_TIMEOUT;
+        }
+        return irp->IoStatus.Status;
+    }
+    bool Completed() const { return completed_; }
+    // Fills the next stack location with the request (again, for resending).
+    void PrepareNextLocation() {
+        PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        next->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_URB;
+        next->Parameters.Others.Argument1 = urb_;
+        IoSetCompletionRoutine(irp, &UrbCall::Completion, this, TRUE, TRUE, TRUE);
+    }
+
+    PIRP irp;
+    // Where the completion routine ran, and what it runs before signalling.
+    KIRQL completionIrql = 0xFF;
+    std::thread::id completionThread;
+    std::function<void()> onCompletion;
+
+  private:
+    static NTSTATUS NTAPI Completion(PDEVICE_OBJECT, PIRP, PVOID context) {
+        auto* self = static_cast<UrbCall*>(context);
+        self->completionIrql = KeGetCurrentIrql();
+        self->completionThread = std::this_thread::get_id();
+        if (self->onCompletion) {
+            self->onCompletion();
+        }
+        self->completed_ = true;
+        KeSetEvent(&self->done_, IO_NO_INCREMENT, FALSE);
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+
+    PDEVICE_OBJECT pdo_;
+    PURB urb_;
+    KEVENT done_;
+    bool sent_ = false;
+    std::atomic<bool> completed_{false};
+};
+
+// Send and wait: the final NT status.
+inline NTSTATUS SubmitUrb(PDEVICE_OBJECT pdo, PURB urb) {
+    UrbCall call(pdo, urb);
+    const NTSTATUS status = call.Send();
+    return status == STATUS_PENDING ? call.Wait() : status;
+}
 
 // A URB of any length, suitably aligned; never smaller than the URB union,
 // so that its header can be reached through a PURB.
 class UrbBuffer {
   public:
-    explicit UrbBuffer(size_t bytes)
-        : storage_((std::max(bytes, sizeof(URB)) + 7) / 8), size_(bytes) {}
+    explicit UrbBuffer(size_t bytes) : storage_((std::max(bytes, sizeof(URB)) + 7) / 8) {
+        get()->UrbHeader.Length = static_cast<USHORT>(bytes);
+    }
     PURB get() { return reinterpret_cast<PURB>(storage_.data()); }
     PURB operator->() { return get(); }
-    size_t size() const { return size_; }
 
   private:
     std::vector<uint64_t> storage_;
-    size_t size_;
 };
 
-URB VendorUrb(bool in, uint8_t request, uint16_t value, uint16_t index, void* buffer, ULONG length);
-URB DescriptorUrb(uint8_t type, uint8_t index, uint16_t language, void* buffer, ULONG length);
-URB TransferUrb(USBD_PIPE_HANDLE pipe, bool in, void* buffer, ULONG length);
-URB PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe);
+inline PUSBD_INTERFACE_INFORMATION InterfaceOf(UrbBuffer& urb) {  // of either select URB
+    return urb->UrbHeader.Function == URB_FUNCTION_SELECT_CONFIGURATION
+               ? &urb->UrbSelectConfiguration.Interface
+               : &urb->UrbSelectInterface.Interface;
+}
 
-// Select configuration for interface 0 of `descriptor`, alternate setting
-// `alternate` with `pipes` pipes, each with the given MaximumTransferSize.
-UrbBuffer SelectConfigurationUrb(std::vector<uint8_t>& descriptor, uint8_t alternate, ULONG pipes,
-                                 ULONG maximumTransferSize);
-UrbBuffer SelectInterfaceUrb(USBD_CONFIGURATION_HANDLE configuration, uint8_t alternate,
-                             ULONG pipes, ULONG maximumTransferSize);
+// Fills the header and the data stage of a vendor or transfer URB.
+template <class Part>
+void FillUrb(Part& u, USHORT function, bool in, void* buffer, ULONG length) {
+    u.Hdr.Length = sizeof u;
+    u.Hdr.Function = function;
+    u.TransferFlags = in ? USBD_TRANSFER_DIRECTION_IN : 0;
+    u.TransferBufferLength = length;
+    u.TransferBuffer = buffer;
+}
 
-PUSBD_INTERFACE_INFORMATION InterfaceOf(UrbBuffer& urb);  // of either select URB
+inline URB VendorUrb(bool in, uint8_t request, uint16_t index, void* buffer, ULONG length) {
+    URB urb{};
+    FillUrb(urb.UrbControlVendorClassRequest, URB_FUNCTION_VENDOR_DEVICE, in, buffer, length);
+    urb.UrbControlVendorClassRequest.Request = request;
+    urb.UrbControlVendorClassRequest.Index = index;
+    return urb;
+}
+
+inline URB TransferUrb(USBD_PIPE_HANDLE pipe, bool in, void* buffer, ULONG length) {
+    URB urb{};
+    FillUrb(urb.UrbBulkOrInterruptTransfer, URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER, in, buffer,
+            length);
+    urb.UrbBulkOrInterruptTransfer.PipeHandle = pipe;
+    return urb;
+}
+
+inline URB PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe) {
+    URB urb{};
+    urb.UrbPipeRequest.Hdr.Length = sizeof urb.UrbPipeRequest;
+    urb.UrbPipeRequest.Hdr.Function = function;
+    urb.UrbPipeRequest.PipeHandle = pipe;
+    return urb;
+}
+
+// Selects interface 0 of `descriptor`, alternate setting `alternate` with
+// `pipes` pipes, each with the given MaximumTransferSize; with a configuration
+// handle instead of a descriptor, as a select-interface URB.
+inline UrbBuffer SelectUrb(std::vector<uint8_t>* descriptor, USBD_CONFIGURATION_HANDLE handle,
+                           uint8_t alternate, ULONG pipes, ULONG maximumTransferSize) {
+    UrbBuffer urb(descriptor ? GET_SELECT_CONFIGURATION_REQUEST_SIZE(1, pipes)
+                             : GET_SELECT_INTERFACE_REQUEST_SIZE(pipes));
+    if (descriptor) {
+        urb->UrbHeader.Function = URB_FUNCTION_SELECT_CONFIGURATION;
+        urb->UrbSelectConfiguration.ConfigurationDescriptor =
+            reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(descriptor->data());
+    } else {
+        urb->UrbHeader.Function = URB_FUNCTION_SELECT_INTERFACE;
+        urb->UrbSelectInterface.ConfigurationHandle = handle;
+    }
+    USBD_INTERFACE_INFORMATION* info = InterfaceOf(urb);
+    info->Length = static_cast<USHORT>(GET_USBD_INTERFACE_SIZE(pipes));
+    info->AlternateSetting = alternate;
+    info->NumberOfPipes = pipes;
+    for (ULONG i = 0; i < pipes; ++i) {
+        (info->Pipes + i)->MaximumTransferSize = maximumTransferSize;
+    }
+    return urb;
+}
+
+// The fields of a setup packet, for comparing them in one go.
+inline std::array<unsigned, 5> Fields(const SetupPacket& s) {
+    return {s.bmRequestType, s.bRequest, s.wValue, s.wIndex, s.wLength};
+}
+using SetupFields = std::array<unsigned, 5>;
 
 class UsbStackTest : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    static constexpr uint16_t kRegister = 0x0010;
+
+    void SetUp() override {
+        winsim::ResetKernel();
+        winsim::SetVerifierMode(winsim::VerifierMode::Record);
+        winsim::SetTimeScale(1000);
+        stack = std::make_unique<usbsim::UsbStack>(device);
+    }
+    // Fails on every verifier finding that ExpectViolation did not announce,
+    // and on every announced one that did not come.
+    void TearDown() override {
+        stack.reset();
+        std::set<std::string> seen;
+        for (const winsim::Violation& v : winsim::TakeViolations()) {
+            seen.insert(v.check);
+            EXPECT_TRUE(expectedViolations.contains(v.check))
+                << "unexpected verifier finding " << v.check << ": " << v.message;
+        }
+        EXPECT_EQ(seen, expectedViolations) << "the verifier missed an expected finding";
+    }
+    void ExpectViolation(const std::string& check) { expectedViolations.insert(check); }
 
     PDEVICE_OBJECT Pdo() const { return stack->PhysicalDeviceObject(); }
 
-    // Selects configuration 1 with the given alternate setting and keeps its handle.
-    void Configure(uint8_t alternate = 0, ULONG maximumTransferSize = 0x200000);
-    USBD_CONFIGURATION_HANDLE configurationHandle = nullptr;
-    USBD_PIPE_HANDLE PipeFor(uint8_t endpoint) const;  // of the selected settings
+    // Selects configuration 1 with the given alternate setting.
+    void Configure(uint8_t alternate = 0, ULONG maximumTransferSize = 0x200000) {
+        std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
+        UrbBuffer urb =
+            SelectUrb(&descriptor, nullptr, alternate, alternate == 0 ? 3 : 2, maximumTransferSize);
+        ASSERT_EQ(SubmitUrb(Pdo(), urb.get()), STATUS_SUCCESS);
+        configurationHandle = urb->UrbSelectConfiguration.ConfigurationHandle;
+    }
+    USBD_PIPE_HANDLE PipeFor(uint8_t endpoint) const { return StatusOf(endpoint).handle; }
+    usbsim::PipeStatus StatusOf(uint8_t endpoint) const {
+        for (const usbsim::PipeStatus& pipe : stack->OpenPipes()) {
+            if (pipe.endpointAddress == endpoint) {
+                return pipe;
+            }
+        }
+        ADD_FAILURE() << "no open pipe for endpoint " << int{endpoint};
+        return {};
+    }
 
-    // Findings the test provokes on purpose; anything else fails TearDown.
-    void ExpectViolation(const std::string& check) { expectedViolations.push_back(check); }
+    // A 4-byte vendor read of kRegister into `data`.
+    URB RegisterRead() { return VendorUrb(true, 0x12, kRegister, data, sizeof data); }
+    // A transfer on `endpoint`'s pipe into a buffer of its own.
+    URB TransferOn(uint8_t endpoint, ULONG length = 512) {
+        return TransferUrb(PipeFor(endpoint), true, buffers.emplace_back(length).data(), length);
+    }
+    URB BulkIn(ULONG length = 512) { return TransferOn(FakeUsbDevice::kBulkIn, length); }
 
     FakeUsbDevice device;
-    usbsim::UsbStackOptions options;
     std::unique_ptr<usbsim::UsbStack> stack;
-    std::vector<std::string> expectedViolations;
+    USBD_CONFIGURATION_HANDLE configurationHandle = nullptr;
+    std::set<std::string> expectedViolations;
+    uint8_t data[4] = {};
+    std::list<std::vector<uint8_t>> buffers;
 };
 
 }  // namespace usbtest

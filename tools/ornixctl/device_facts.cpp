@@ -101,7 +101,8 @@ nlohmann::ordered_json TopologyJson(Session& session) {
     t["pipes"] = nlohmann::json::array();
     if (ext->InterfaceInfoTable != nullptr) {
         for (ULONG alt : std::set<ULONG>{ext->VideoAltSetting, ext->FpgaAltSetting}) {
-            const PUSBD_INTERFACE_INFORMATION iface = ext->InterfaceInfoTable[alt];
+            const PUSBD_INTERFACE_INFORMATION iface =
+                alt < ext->InterfaceInfoCount ? ext->InterfaceInfoTable[alt] : nullptr;
             for (ULONG i = 0; iface != nullptr && i < iface->NumberOfPipes; ++i) {
                 const USBD_PIPE_INFORMATION& pipe = iface->Pipes[i];
                 nlohmann::ordered_json p;
