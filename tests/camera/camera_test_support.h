@@ -21,7 +21,7 @@ namespace ornixcam {
 
 using Bytes = std::vector<uint8_t>;
 using usbsim::Handshake;
-constexpr Handshake kAck = Handshake::Ack, kStall = Handshake::Stall, kNak = Handshake::Nak;
+constexpr Handshake kAck = Handshake::Ack, kStall = Handshake::Stall;
 
 struct Reply {
     usbsim::TransferResult result;
@@ -41,12 +41,6 @@ inline Handshake Out(Camera& camera, uint8_t bmRequestType, uint8_t bRequest, ui
     const auto length = static_cast<uint16_t>(data.size());
     return camera.Control({bmRequestType, bRequest, wValue, wIndex, length}, data).handshake;
 }
-inline Reply TransferIn(Camera& camera, uint8_t endpoint, size_t length) {
-    Reply reply{{}, Bytes(length)};
-    reply.result = camera.Transfer(endpoint, reply.data);
-    reply.data.resize(reply.handshake() == kAck ? reply.result.actual : 0);
-    return reply;
-}
 inline usbsim::TransferResult TransferOut(Camera& camera, uint8_t endpoint, Bytes bytes) {
     return camera.Transfer(endpoint, bytes);
 }
@@ -54,8 +48,8 @@ inline usbsim::TransferResult TransferOut(Camera& camera, uint8_t endpoint, Byte
 inline Handshake SetConfiguration(Camera& camera, uint16_t value = 1) {
     return Out(camera, 0x00, 9, value, 0);
 }
-inline Handshake SetInterface(Camera& camera, uint16_t alternate, uint16_t interface = 0) {
-    return Out(camera, 0x01, 11, alternate, interface);
+inline Handshake SetInterface(Camera& camera, uint16_t alternate) {
+    return Out(camera, 0x01, 11, alternate, 0);
 }
 
 inline Reply ReadRegisters(Camera& camera, uint16_t index, uint16_t length) {
@@ -81,8 +75,7 @@ inline uint32_t Read(Camera& camera, uint16_t index) {
     return b.size() == 4 ? b[0] | b[1] << 8 | b[2] << 16 | uint32_t{b[3]} << 24 : 0xBAD0BAD0;
 }
 
-// The two-wire bus behind request 0x13, with 8-bit bus addresses: wValue
-// carries the 7-bit address and the byte count.
+// The two-wire bus behind request 0x13: wValue carries the 7-bit address and the byte count.
 inline uint16_t BusValue(uint8_t busAddress, size_t count) {
     return static_cast<uint16_t>(busAddress >> 1 | count << 8);
 }

@@ -1,5 +1,4 @@
-// The FPGA download as the driver performs it: program mode, one bulk-out
-// transfer of the image, busy polls, leaving program mode.
+// The FPGA download as the driver performs it: program mode, the image, busy polls, leaving.
 #include "camera/fpga.h"
 #include "camera_test_support.h"
 
@@ -53,19 +52,18 @@ TEST(Fpga, TheRightImageConfiguresAfterTheBusyPolls) {
     // The configuration survives a settings reset.
     WriteRegister(camera, reg::kReset, reg::kResetMagic);
     EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
-}
 
-TEST(Fpga, BusyPollsNotUsedInProgramModeShowAfterLeavingIt) {
-    Camera camera(ParseProfile(R"({"fpga": {"busyPolls": 3}})"));
-    SelectDownloadSetting(camera);
-    Program(camera, {Image()});
-    Leave(camera);
-    EXPECT_FALSE(camera.FpgaConfigured());
+    // Busy polls not used in program mode show after leaving it.
+    Camera early(ParseProfile(R"({"fpga": {"busyPolls": 3}})"));
+    SelectDownloadSetting(early);
+    Program(early, {Image()});
+    Leave(early);
+    EXPECT_FALSE(early.FpgaConfigured());
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
+        EXPECT_EQ(Mode(early), reg::kFpgaBusy);
     }
-    EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
-    EXPECT_TRUE(camera.FpgaConfigured());
+    EXPECT_EQ(Mode(early), reg::kFpgaConfigured);
+    EXPECT_TRUE(early.FpgaConfigured());
 }
 
 TEST(Fpga, AWrongShortSplitOrRepeatedImageLeavesItUnconfigured) {
@@ -109,7 +107,7 @@ TEST(Fpga, OnlyImagesSentInProgramModeCountAndEnteringItStartsOver) {
     EXPECT_EQ(Mode(configured), 0u);
 }
 
-TEST(Fpga, ProfileChoosesALenientFpgaOrNone) {
+TEST(Fpga, ProfileChoosesALenientFpgaNoneOrTheEndpoint) {
     Camera lenient(ParseProfile(R"({"fpga": {"image": "any"}})"));
     SelectDownloadSetting(lenient);
     Program(lenient, {Bytes(512, 0xAB)});
@@ -120,9 +118,8 @@ TEST(Fpga, ProfileChoosesALenientFpgaOrNone) {
     EXPECT_EQ(Probe(none, reg::kFpgaMode), kStall);
     EXPECT_EQ(WriteRegister(none, reg::kFpgaMode, reg::kFpgaEnterProgramMode), kStall);
     EXPECT_EQ(Probe(none, reg::kFpgaVersion), kStall);
-}
 
-TEST(Fpga, TheFirstBulkOutEndpointInAnySettingCarriesTheImage) {
+    // The first bulk-out endpoint in any setting carries the image.
     Camera camera(ParseProfile(R"({"configuration": {"alternateSettings": [
         {"endpoints": [{"address": "0x81", "type": "bulk", "maxPacketSize": 64},
                        {"address": "0x05", "type": "bulk", "maxPacketSize": 64},

@@ -38,6 +38,9 @@ TEST(ParseProfile, OverridesTheDefaultFieldByField) {
     EXPECT_EQ(ParseProfile(R"({"device": {"speed": "full"}, "registers": {"0x0004": 7}})")
                   .PowerUpValue(reg::kSpeed),
               7u);
+    // Raw descriptors, hostile or not, are kept byte for byte.
+    EXPECT_EQ(ParseProfile(R"({"rawDescriptors": {"device": "00 01 ff"}})").rawDescriptors.device,
+              (std::vector<uint8_t>{0, 1, 0xFF}));
 }
 
 TEST(ParseProfile, ErrorsNameTheOffendingField) {

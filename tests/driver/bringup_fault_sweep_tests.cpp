@@ -1,7 +1,6 @@
-// Every USB request of the default camera's bring-up, failed in turn: each
-// either fails SRB_INITIALIZE_DEVICE with everything released, or leaves an
-// adapter that works without the part that request served. TearDown checks
-// that nothing leaks either way.
+// Every USB request of the default camera's bring-up, failed in turn: each either
+// fails SRB_INITIALIZE_DEVICE with everything released, or leaves an adapter that
+// works without the part that request served. TearDown checks nothing leaks.
 #include <map>
 #include <ostream>
 #include <vector>
@@ -47,35 +46,29 @@ std::vector<SweepCase> ExpectedOutcomes() {
             cases.push_back({kind, n, outcome});
         }
     };
-    // Descriptors: device, then configuration (one 64-byte request).
-    add(RequestKind::GetDescriptor, 1, 2, Outcome::Fails);
-    // First selection, with small video transfers.
-    add(RequestKind::SelectConfiguration, 1, 1, Outcome::Fails);
-    // ORNIX_SPEC_VERSION.
-    add(RequestKind::VendorDevice, 1, 1, Outcome::Fails);
+    using enum RequestKind;
+    using enum Outcome;
+    add(GetDescriptor, 1, 2, Fails);        // device, then configuration (one 64-byte request)
+    add(SelectConfiguration, 1, 1, Fails);  // first selection, with small video transfers
+    add(VendorDevice, 1, 1, Fails);         // ORNIX_SPEC_VERSION
     // FPGA download: mode read, FPGA setting, mode write, pipe reset (with
     // its halt clear), the image, mode read/write/read, setting 0, version.
-    add(RequestKind::VendorDevice, 2, 7, Outcome::NoFpga);
-    add(RequestKind::SelectInterface, 1, 2, Outcome::NoFpga);
-    add(RequestKind::ResetPipe, 1, 1, Outcome::NoFpga);
-    add(RequestKind::ClearEndpointFeature, 1, 1, Outcome::NoFpga);
-    add(RequestKind::BulkOrInterrupt, 1, 1, Outcome::NoFpga);
-    // Format discovery: speed, sensor layout and origin, format count, then
-    // seven registers for each of three banks.
-    add(RequestKind::VendorDevice, 8, 8, Outcome::Fails);
-    add(RequestKind::VendorDevice, 9, 10, Outcome::Succeeds);
-    add(RequestKind::VendorDevice, 11, 11, Outcome::Fails);
-    add(RequestKind::VendorDevice, 12, 32, Outcome::BankSkipped);
-    // Second selection, with frame-sized transfers.
-    add(RequestKind::SelectConfiguration, 2, 2, Outcome::Fails);
-    // Property block and ORNIX_SUPPORT0.
-    add(RequestKind::VendorDevice, 33, 34, Outcome::Succeeds);
-    // Event support mask.
-    add(RequestKind::VendorDevice, 35, 35, Outcome::NoEvents);
-    // Product data: the mapping-type query (without it, the EEPROM probe
-    // picks map 0, this camera's), then the EEPROM reads.
-    add(RequestKind::VendorDevice, 36, 36, Outcome::Succeeds);
-    add(RequestKind::VendorDevice, 37, 46, Outcome::NoVpd);
+    add(VendorDevice, 2, 7, NoFpga);
+    add(SelectInterface, 1, 2, NoFpga);
+    add(ResetPipe, 1, 1, NoFpga);
+    add(ClearEndpointFeature, 1, 1, NoFpga);
+    add(BulkOrInterrupt, 1, 1, NoFpga);
+    // Format discovery: speed, sensor layout, origin, count, 7 registers per bank (3).
+    add(VendorDevice, 8, 8, Fails);
+    add(VendorDevice, 9, 10, Succeeds);
+    add(VendorDevice, 11, 11, Fails);
+    add(VendorDevice, 12, 32, BankSkipped);
+    add(SelectConfiguration, 2, 2, Fails);  // second selection, with frame-sized transfers
+    add(VendorDevice, 33, 34, Succeeds);    // property block and ORNIX_SUPPORT0
+    add(VendorDevice, 35, 35, NoEvents);    // event support mask
+    // Product data: the map query (without it the probe picks map 0, this camera's), EEPROM.
+    add(VendorDevice, 36, 36, Succeeds);
+    add(VendorDevice, 37, 46, NoVpd);
     return cases;
 }
 
@@ -105,7 +98,6 @@ TEST_F(BringUpFaultSweepTest, TableCoversEveryRequestOfASuccessfulBringUp) {
     ASSERT_NE(Class().StreamHeader(), nullptr);
     EXPECT_EQ(Class().StreamHeader()->NumberOfStreams, 2u);
     EXPECT_EQ(Ext()->SpecVersion, 1u);
-
     std::map<RequestKind, uint64_t> expected;
     for (const SweepCase& c : ExpectedOutcomes()) {
         ++expected[c.kind];
@@ -128,9 +120,7 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
                       .action = FaultAction::FailWithStatus,
                       .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
     AddAdapter();
-
     const NTSTATUS status = StartAdapter();
-
     PORNIX_DEVICE_CONTEXT ext = Ext();
     if (c.outcome == Outcome::Fails) {
         EXPECT_FALSE(NT_SUCCESS(status));
@@ -141,13 +131,21 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
         EXPECT_EQ(ext->DeferredFreeList, nullptr);
         EXPECT_EQ(ext->VpdImage, nullptr);
         EXPECT_EQ(winsim::OutstandingPool()[kDriverTag].blocks, 0u);
-        // A camera that is still there is left unconfigured.
+        // Torn down once, without the interrupt pipe or streams it never ran; a
+        // camera that is still there is left unconfigured, and told so once.
+        EXPECT_EQ(ext->Uninitializing, 1);
+        EXPECT_EQ(Stack().Counts(RequestKind::AbortPipe).submitted, 0u);
+        EXPECT_FALSE(InterruptMutexTakenUnderRequestMutex());
+        EXPECT_LE(CountLogged("ORNIX: Unconfiguring device"), 1u);
         if (c.kind != RequestKind::SelectConfiguration || c.occurrence != 1) {
             EXPECT_EQ(Camera().Configuration(), 0);
         }
+        if (c.kind == RequestKind::SelectConfiguration) {
+            EXPECT_TRUE(Logged(
+                "ORNIX: Selecting the Configuration fialed with 0xc0000001, USBD 0xc0000005"));
+        }
         return;
     }
-
     ASSERT_EQ(status, STATUS_SUCCESS);
     EXPECT_EQ(ext->Initialized, 1);
     EXPECT_EQ(ext->StreamCount, 2u);

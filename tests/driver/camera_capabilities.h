@@ -1,20 +1,15 @@
-// Tests of the tables built from the camera's capabilities: the adapter is
-// running, and each test decides the facts bring-up would have found (stream
-// count, interrupt pipe, property records, event support) before building.
+// Tables built from the camera's capabilities: on a running adapter, each test sets
+// the facts bring-up found (streams, interrupt pipe, records, events) and rebuilds.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "driver_harness.h"
 
 namespace ornixtest {
-
-inline bool SameGuid(const GUID* a, const GUID& b) {
-    return a != nullptr && std::memcmp(a, &b, sizeof(GUID)) == 0;
-}
 
 // The registry form of a GUID, to compare with the published value.
 inline std::string GuidText(const GUID* guid) {
@@ -29,13 +24,8 @@ inline std::string GuidText(const GUID* guid) {
     return text;
 }
 
-// One property record as the camera holds it.
-struct PropertyRecord {
-    uint32_t control = 0;
-    uint32_t value = 0;
-    uint32_t minimum = 0;
-    uint32_t maximum = 0;
-};
+// One property record as the camera holds it: control, value, minimum, maximum.
+using PropertyRecord = std::array<uint32_t, 4>;
 
 inline constexpr uint32_t kPresent = ORNIX_PROPERTY_PRESENT;
 
@@ -57,12 +47,10 @@ class CapabilityTest : public DriverTest {
     void SetStreams(ULONG count) { Ext()->StreamCount = count; }
     void SetInterruptPipe(bool present) { Ext()->InterruptPipe = present ? 2 : ORNIX_NO_PIPE; }
 
-    void PokeRecord(ULONG record, const PropertyRecord& r) {
-        const auto base = static_cast<uint16_t>(ORNIX_PROPERTY_RECORD(record));
-        Camera().PokeRegister(base, r.control);
-        Camera().PokeRegister(base + 4, r.value);
-        Camera().PokeRegister(base + 8, r.minimum);
-        Camera().PokeRegister(base + 12, r.maximum);
+    void PokeRecord(ULONG record, const PropertyRecord& words) {
+        for (int i = 0; i < 4; ++i) {
+            Camera().PokeRegister(USHORT(ORNIX_PROPERTY_RECORD(record) + 4 * i), words[i]);
+        }
     }
     void ClearAllRecords() {
         for (ULONG record = 0; record < ORNIX_PROPERTY_RECORD_COUNT; ++record) {

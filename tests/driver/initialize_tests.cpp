@@ -1,6 +1,5 @@
-// Driver entry and SRB_INITIALIZE_DEVICE: registration, the state a fresh
-// adapter starts in, device objects, and the camera id from the TevrinKey
-// registry value.
+// Driver entry and SRB_INITIALIZE_DEVICE: registration, a fresh adapter's state,
+// device objects, and the camera id from the TevrinKey registry value.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -45,17 +44,13 @@ TEST_F(InitializeTest, DriverEntryAnnouncesItselfAndRegistersTheAdapter) {
 
 TEST_F(InitializeTest, InitializeDeviceRunsWithoutTheMutexItCreates) {
     AddAdapter();
-    // A usable mutex left in the context: a driver that took it here would
-    // hold it while handling the request and then release a mutex that
-    // initialisation had recreated, which it does not own.
+    // A driver taking this leftover mutex would release one that initialisation recreated.
     KeInitializeMutex(&Ext()->RequestMutex, 0);
     std::vector<LONG> statesWhileHandled;
     winsim::SetDebugSink([&](std::string_view) {
         statesWhileHandled.push_back(KeReadStateMutex(&Ext()->RequestMutex));
     });
-
     EXPECT_EQ(StartAdapter(), STATUS_SUCCESS);
-
     winsim::SetDebugSink(nullptr);
     // The first line is the request's own trace, printed before its handler.
     ASSERT_FALSE(statesWhileHandled.empty());
@@ -63,39 +58,27 @@ TEST_F(InitializeTest, InitializeDeviceRunsWithoutTheMutexItCreates) {
     EXPECT_EQ(KeReadStateMutex(&Ext()->RequestMutex), 1);
 }
 
+// Without a real PDO the camera id comes from the registry of the PDO.
 TEST_F(InitializeTest, FreshAdapterStartsFromAClearedContextAndAReadyDeviceObject) {
+    winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, u"Ornix0A2F");
     AddAdapter();
     std::memset(Ext(), 0xFF, sizeof(ORNIX_DEVICE_CONTEXT));  // leftovers must not survive
-
     ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
-
     PORNIX_DEVICE_CONTEXT ext = Ext();
     EXPECT_EQ(ext->Signature, 0x7374EEF1u);
-    EXPECT_EQ(ext->Initialized, 1);
-    EXPECT_EQ(ext->Removed, 0);
-    EXPECT_EQ(ext->PixelCorrectionEnabled, 1);
-    EXPECT_EQ(ext->DevicePowerState, 1u);
-    EXPECT_EQ(ext->Uninitializing, 0);
-    EXPECT_EQ(ext->StreamContexts[0], nullptr);
-    EXPECT_EQ(ext->StreamContexts[1], nullptr);
-    EXPECT_EQ(ext->InterruptUrb, nullptr);
-    EXPECT_EQ(ext->InterruptPending, 0);
-    EXPECT_EQ(ext->Lut8Buffer, nullptr);
+    EXPECT_EQ(std::vector<LONG>({ext->Initialized, ext->PixelCorrectionEnabled,
+                                 LONG(ext->DevicePowerState), ext->Removed, ext->Uninitializing,
+                                 ext->InterruptPending}),
+              std::vector<LONG>({1, 1, 1, 0, 0, 0}));
+    EXPECT_EQ(std::vector<const void*>({ext->StreamContexts[0], ext->StreamContexts[1],
+                                        ext->InterruptUrb, ext->Lut8Buffer}),
+              std::vector<const void*>(4, nullptr));
     EXPECT_EQ(KeReadStateSemaphore(&ext->UsbRequestSemaphore), 1);
     EXPECT_EQ(KeReadStateMutex(&ext->InterruptMutex), 1);
     EXPECT_EQ(KeReadStateMutex(&ext->RequestMutex), 1);
     const ULONG flags = Class().ClassDeviceObject()->Flags;
     EXPECT_EQ(flags & DO_DIRECT_IO, static_cast<ULONG>(DO_DIRECT_IO));
     EXPECT_EQ(flags & DO_DEVICE_INITIALIZING, 0u);
-}
-
-TEST_F(InitializeTest, WithoutRealPdoTheRegistryOfThePdoIsRead) {
-    winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, u"Ornix0A2F");
-    AddAdapter();
-
-    ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
-
-    PORNIX_DEVICE_CONTEXT ext = Ext();
     EXPECT_EQ(ext->PhysicalDeviceObject, Pdo());
     EXPECT_EQ(ext->ClassDeviceObject, Class().ClassDeviceObject());
     EXPECT_EQ(ext->RealPhysicalDeviceObject, Pdo());
@@ -107,9 +90,7 @@ TEST_F(InitializeTest, RealPdoIsKeptAndItsRegistryRead) {
     winsim::SetRegistryString(real, PLUGPLAY_REGKEY_DRIVER, kValueName, u"ornix1234");
     winsim::SetRegistryString(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, u"ornix5678");
     AddAdapter(real);
-
     ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
-
     EXPECT_EQ(Ext()->RealPhysicalDeviceObject, real);
     EXPECT_EQ(Ext()->PhysicalDeviceObject, Pdo());
     EXPECT_EQ(Ext()->CameraId, 0x1234u);
@@ -131,17 +112,15 @@ class CameraIdTest : public DriverTest {
 };
 
 TEST_F(CameraIdTest, ParsesTheHexDigitsAfterThePrefix) {
-    const std::pair<std::u16string, ULONG> cases[] = {
-        {u"ORNIX0a2f", 0xA2F},
-        {u"ornix0A2F", 0xA2F},
-        {u"Ornix0a2f", 0xA2F},
-        {u"ornix12g4", 0x12},
-        {u"ornix0123456789", 0x23456789},
-        {u"ornixABCDEF012345", 0xEF012345},  // 17 characters: the most
-        {u"camera0a2f", 0},
-        {u"ornix", 0},
-        {u"orni", 0},
-    };
+    // Case-insensitive prefix; digits up to the first other character; 17 characters at most.
+    const std::pair<std::u16string, ULONG> cases[] = {{u"ORNIX0a2f", 0xA2F},
+                                                      {u"Ornix0A2F", 0xA2F},
+                                                      {u"ornix12g4", 0x12},
+                                                      {u"ornix0123456789", 0x23456789},
+                                                      {u"ornixABCDEF012345", 0xEF012345},
+                                                      {u"camera0a2f", 0},
+                                                      {u"ornix", 0},
+                                                      {u"orni", 0}};
     for (const auto& [text, id] : cases) {
         SCOPED_TRACE(std::string(text.begin(), text.end()));
         SetValue(text);
@@ -153,7 +132,6 @@ TEST_F(CameraIdTest, ParsesTheHexDigitsAfterThePrefix) {
 TEST_F(CameraIdTest, UnusableValuesAreReportedAndIgnored) {
     EXPECT_EQ(FindCameraId(), 0u);  // no value at all
     EXPECT_EQ(Log(), Lines{"ORNIX: Failed to query partial info of TevrinKey with 0xc0000034"});
-
     // Another type, or too short: the query worked but the value is refused.
     const std::string refused = "ORNIX: Failed to query partial info of TevrinKey with 0x0";
     winsim::SetRegistryValue(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, REG_DWORD,
@@ -163,11 +141,9 @@ TEST_F(CameraIdTest, UnusableValuesAreReportedAndIgnored) {
     winsim::SetRegistryValue(Pdo(), PLUGPLAY_REGKEY_DRIVER, kValueName, REG_SZ, {'o', 0});
     EXPECT_EQ(FindCameraId(), 0u);
     EXPECT_EQ(Log(), Lines{refused});
-
     SetValue(u"ornixABCDEF0123456");  // 18 characters and the terminator: 38 bytes
     EXPECT_EQ(FindCameraId(), 0u);
     EXPECT_EQ(Log(), Lines{"ORNIX: Failed to query partial info of TevrinKey with 0x80000005"});
-
     SetValue(u"ornix0a2f");
     winsim::FailRegistryOpen(Pdo(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(FindCameraId(), 0u);

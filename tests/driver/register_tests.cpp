@@ -1,11 +1,15 @@
-// Camera register access and vendor requests: what each operation puts on
-// the wire, how short answers are judged, messages split into pieces, the
-// debugger lines, and the vendor transfer moved to a worker thread at
-// DISPATCH_LEVEL.
+// Camera register access, vendor requests and messages on the wire; then the
+// product data: EEPROM reads, the maps joining their regions, the cached image
+// and the sections handed out of it whatever its headers claim.
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "driver_harness.h"
@@ -15,79 +19,100 @@ namespace {
 
 using usbsim::FaultAction;
 using usbsim::RequestKind;
-
+using Bytes = std::vector<uint8_t>;
 using RegisterTest = DriverTest;
 
 constexpr uint8_t kIn = 0xC0;
 constexpr uint8_t kOut = 0x40;
 constexpr USHORT kRecord = ORNIX_PROPERTY_BLOCK;  // a 16-byte read/write record
-constexpr uint8_t kUntouched = 0xAA;
 
-std::vector<uint8_t> Sequence(size_t count, size_t first = 0) {
-    std::vector<uint8_t> bytes(count);
+Bytes Sequence(size_t count, size_t first = 0) {
+    Bytes bytes(count);
     for (size_t i = 0; i < count; ++i) {
         bytes[i] = static_cast<uint8_t>(first + i);
     }
     return bytes;
 }
 
-void AnswerShort(usbsim::UsbStack& stack, uint32_t bytes) {
-    stack.AddFault({.kind = RequestKind::VendorDevice,
-                    .occurrence = 0,
-                    .action = FaultAction::ShortData,
-                    .shortLength = bytes});
+// Fails the n-th vendor request from now (0: every one) before the camera sees it.
+void FailVendorRequests(usbsim::UsbStack& stack, FaultAction action, uint32_t occurrence = 0,
+                        uint32_t shortLength = 0) {
+    stack.AddFault({RequestKind::VendorDevice, occurrence, action, USBD_STATUS_DEV_NOT_RESPONDING,
+                    shortLength});
 }
 
-// Pass-through requests go to the camera's two-wire bus: wIndex 0, the
-// 7-bit address of EEPROM 0xA2 and the byte count in wValue.
-TEST_F(RegisterTest, EachOperationIsOneVendorRequestOfItsShape) {
-    Camera().PokeRegister(kRecord, 0x04030201);
-    Camera().PokeRegister(kRecord + 4, 0);
+// Pass-through: wIndex 0, EEPROM 0xA2's 7-bit address and the count in wValue.
+// Block reads trace the words of a record (16 bytes) or a pair (8 bytes) only.
+TEST_F(RegisterTest, EachOperationIsOneVendorRequestOfItsShapeAndItsTrace) {
+    const std::array<ULONG, 4> record{0x11111111, 0x22222222, 0x33333333, 0x44444444};
+    Bytes recordBytes;
+    for (ULONG i = 0; i < 4; ++i) {
+        Camera().PokeRegister(kRecord + 4 * i, record[i]);
+        recordBytes.insert(recordBytes.end(), 4, static_cast<uint8_t>(record[i]));
+    }
     Camera().PokeEeprom(0xA2, 0x0130, Sequence(8, 0xE0));
     ULONG value = 0;
-    std::array<uint8_t, 8> block{};
-    std::array<uint8_t, 8> newBlock{9, 8, 7, 6, 5, 4, 3, 2};
-    std::array<uint8_t, 8> sgl{};
-    std::array<uint8_t, 2> pointer{0x01, 0x30};
-
+    std::array<ULONG, 4> words{};
+    Bytes pair{9, 8, 7, 6, 5, 4, 3, 2};
+    Bytes pointer{0x01, 0x30};
+    Bytes sgl(8);
     EXPECT_EQ(OrnixRegRead(Ext(), ORNIX_SPEC_VERSION, &value), STATUS_SUCCESS);
-    EXPECT_EQ(OrnixBlockRead(Ext(), kRecord, block.data(), 8), STATUS_SUCCESS);
-    EXPECT_EQ(OrnixBlockWrite(Ext(), kRecord, newBlock.data(), 8), STATUS_SUCCESS);
+    for (ULONG length : {16, 8, 4}) {
+        EXPECT_EQ(OrnixBlockRead(Ext(), kRecord, words.data(), length), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(OrnixBlockWrite(Ext(), kRecord, pair.data(), 8), STATUS_SUCCESS);
+    EXPECT_EQ(OrnixBlockWrite(Ext(), kRecord, words.data(), 12), STATUS_SUCCESS);
     EXPECT_EQ(OrnixSglWrite(Ext(), 0, 0x0251, 2, pointer.data()), STATUS_SUCCESS);
     EXPECT_EQ(OrnixSglRead(Ext(), 0, 0x0851, 8, sgl.data()), STATUS_SUCCESS);
     EXPECT_EQ(OrnixRegWrite(Ext(), ORNIX_FPGA_MODE, 0xFFFFFFFF), STATUS_SUCCESS);
-
+    const auto first = [&](size_t n) {
+        return Bytes(recordBytes.begin(), recordBytes.begin() + n);
+    };
     EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{
                                     {kIn, 0x12, 0, 0x0010, 4, {0x01, 0x00, 0x00, 0x00}},
-                                    {kIn, 0x12, 0, kRecord, 8, {1, 2, 3, 4, 0, 0, 0, 0}},
-                                    {kOut, 0x12, 0, kRecord, 8, {9, 8, 7, 6, 5, 4, 3, 2}},
+                                    {kIn, 0x12, 0, kRecord, 16, recordBytes},
+                                    {kIn, 0x12, 0, kRecord, 8, first(8)},
+                                    {kIn, 0x12, 0, kRecord, 4, first(4)},
+                                    {kOut, 0x12, 0, kRecord, 8, pair},
+                                    {kOut, 0x12, 0, kRecord, 12, first(12)},
                                     {kOut, 0x13, 0x0251, 0, 2, {0x01, 0x30}},
                                     {kIn, 0x13, 0x0851, 0, 8, Sequence(8, 0xE0)},
                                     {kOut, 0x12, 0, 0x0008, 4, {0xFF, 0xFF, 0xFF, 0xFF}},
                                 }));
     EXPECT_EQ(value, 1u);
-    EXPECT_EQ(block, (std::array<uint8_t, 8>{1, 2, 3, 4, 0, 0, 0, 0}));
-    EXPECT_EQ(sgl[7], 0xE7);
+    EXPECT_EQ(words, record);
+    EXPECT_EQ(sgl, Sequence(8, 0xE0));
+    EXPECT_EQ(Log(),
+              (std::vector<std::string>{
+                  "ORNIX: OrnixRegRead: index:0x0010, read:0x00000001",
+                  "ORNIX: OrnixBlockRead: 0x400",
+                  "ORNIX: OrnixBlockRead of 0x400: 0x11111111 0x22222222 0x33333333 0x44444444",
+                  "ORNIX: OrnixBlockRead: 0x400",
+                  "ORNIX: OrnixBlockRead of 0x400: 0x11111111 0x22222222",
+                  "ORNIX: OrnixBlockRead: 0x400",
+                  "ORNIX: OrnixBlockWrite, index:0x0400, values:0x6070809 0x02030405",
+                  "ORNIX: OrnixBlockWrite, index:0x0400, size:0xc",
+                  "ORNIX: OrnixSglWrite, index: 0, value:0x251",
+                  "ORNIX: OrnixSglRead, index:0, value:0x851",
+                  "ORNIX: OrnixRegWrite, index:0x0008, value:0xffffffff",
+                  "ORNIX: OrnixRegWrite, index:0x0008, value:0xffffffff successful",
+              }));
 }
 
-// Only the bytes that arrived are copied. A short register read is trusted
-// and short writes go unchecked; a short block read or pass-through in either
-// direction is an error.
-TEST_F(RegisterTest, ShortAnswersAreErrorsOnlyForBlockReadsAndPassThrough) {
+// Only the bytes that arrived are copied; short register reads and writes pass.
+TEST_F(RegisterTest, ShortAnswersFromBlockReadsAndPassThroughAndFailuresAreErrors) {
     Camera().PokeRegister(ORNIX_SPEC_VERSION, 0x00000201);
     Camera().PokeRegister(kRecord, 0x44332211);
     Camera().SetShortRead(ORNIX_SPEC_VERSION, 2);
     Camera().SetShortRead(kRecord, 2);
     ULONG value = 0xAAAAAAAA;
     std::array<uint8_t, 8> block{0xAA, 0xAA, 0xAA, 0xAA};
-
     EXPECT_EQ(OrnixRegRead(Ext(), ORNIX_SPEC_VERSION, &value), STATUS_SUCCESS);
     EXPECT_EQ(OrnixBlockRead(Ext(), kRecord, block.data(), 4), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(value, 0xAAAA0201u);
     EXPECT_EQ(block, (std::array<uint8_t, 8>{0x11, 0x22, 0xAA, 0xAA}));
     EXPECT_TRUE(Logged("ORNIX: OrnixBlockRead: partial transfer only"));
-
-    AnswerShort(Stack(), 2);
+    FailVendorRequests(Stack(), FaultAction::ShortData, 0, 2);
     EXPECT_EQ(OrnixRegWrite(Ext(), kRecord, 0x12345678), STATUS_SUCCESS);
     EXPECT_EQ(OrnixBlockWrite(Ext(), kRecord, block.data(), 8), STATUS_SUCCESS);
     EXPECT_EQ(OrnixSglRead(Ext(), 0, 0x0851, 8, block.data()), STATUS_INVALID_PARAMETER);
@@ -95,19 +120,14 @@ TEST_F(RegisterTest, ShortAnswersAreErrorsOnlyForBlockReadsAndPassThrough) {
     Stack().ClearFaults();
     EXPECT_TRUE(Logged("ORNIX: OrnixSglRead: partial transfer only (index:0x0000,val:0x0851)"));
     EXPECT_TRUE(Logged("ORNIX: OrnixSglWritew: partial transfer only"));
-}
 
-TEST_F(RegisterTest, FailedOperationsReportAndLeaveTheValueAlone) {
-    Stack().AddFault(
-        {.kind = RequestKind::VendorDevice, .occurrence = 0, .action = FaultAction::Stall});
-    ULONG value = 0x5555AAAA;
-    std::array<uint8_t, 4> block{};
-
+    // Failed operations report and leave the value alone.
+    FailVendorRequests(Stack(), FaultAction::Stall);
+    value = 0x5555AAAA;
     EXPECT_FALSE(NT_SUCCESS(OrnixRegRead(Ext(), ORNIX_SPEC_VERSION, &value)));
     EXPECT_FALSE(NT_SUCCESS(OrnixRegWrite(Ext(), ORNIX_EVENT_ENABLE, 7)));
     EXPECT_FALSE(NT_SUCCESS(OrnixBlockWrite(Ext(), kRecord, block.data(), 4)));
     Stack().ClearFaults();
-
     EXPECT_EQ(value, 0x5555AAAAu);
     EXPECT_TRUE(Logged("ORNIX: OrnixRegRead: index:0x0010 FAIOLED"));
     EXPECT_TRUE(Logged("ORNIX:  OrnixRegWrite fialed"));
@@ -122,15 +142,12 @@ TEST_F(RegisterTest, MessageIsAHeaderThenPiecesOfAtMost64Bytes) {
         std::vector<std::pair<uint16_t, uint16_t>> pieces;  // (index, length)
     } cases[] = {{0, {{0x5000, 0}}},
                  {64, {{0x5000, 64}}},
-                 {65, {{0x5000, 64}, {0x5040, 1}}},
                  {150, {{0x5000, 64}, {0x5040, 64}, {0x5080, 22}}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.length);
         Camera().ClearRequests();
-        std::vector<uint8_t> body = Sequence(c.length);
-
+        Bytes body = Sequence(c.length);
         EXPECT_EQ(OrnixMessageWrite(Ext(), 0xC0DE0001, body.data(), c.length), STATUS_SUCCESS);
-
         std::vector<WireRequest> expected{{kOut, 0x12, 0, 0x4FFC, 4, {0x01, 0x00, 0xDE, 0xC0}}};
         size_t offset = 0;
         for (auto [index, length] : c.pieces) {
@@ -139,64 +156,14 @@ TEST_F(RegisterTest, MessageIsAHeaderThenPiecesOfAtMost64Bytes) {
         }
         EXPECT_EQ(VendorRequests(), expected);
     }
-
     for (uint32_t failing : {1u, 3u}) {  // the header; the second piece
         SCOPED_TRACE(failing);
         Camera().ClearRequests();
-        Stack().AddFault({.kind = RequestKind::VendorDevice,
-                          .occurrence = failing,
-                          .action = FaultAction::Stall});
-        std::vector<uint8_t> body = Sequence(150);
-
+        FailVendorRequests(Stack(), FaultAction::Stall, failing);
+        Bytes body = Sequence(150);
         EXPECT_FALSE(NT_SUCCESS(OrnixMessageWrite(Ext(), 1, body.data(), 150)));
         EXPECT_EQ(VendorRequests().size(), failing - 1);  // nothing after the failure
     }
-}
-
-TEST_F(RegisterTest, TraceLinesOfSuccessfulOperations) {
-    for (ULONG i = 0; i < 4; ++i) {
-        Camera().PokeRegister(kRecord + 4 * i, 0x11111111 * (i + 1));
-    }
-    ULONG value = 0;
-    std::array<ULONG, 4> words{};
-    std::array<ULONG, 2> pair{0xAB, 0xCDEF};
-
-    OrnixRegRead(Ext(), ORNIX_SPEC_VERSION, &value);
-    OrnixRegWrite(Ext(), kRecord, 0x11111111);
-    OrnixBlockRead(Ext(), kRecord, words.data(), 16);
-    OrnixBlockRead(Ext(), kRecord, words.data(), 8);
-    OrnixBlockRead(Ext(), kRecord, words.data(), 4);
-    OrnixBlockWrite(Ext(), kRecord, pair.data(), 8);
-    OrnixBlockWrite(Ext(), kRecord, words.data(), 12);
-
-    EXPECT_EQ(Log(),
-              (std::vector<std::string>{
-                  "ORNIX: OrnixRegRead: index:0x0010, read:0x00000001",
-                  "ORNIX: OrnixRegWrite, index:0x0400, value:0x11111111",
-                  "ORNIX: OrnixRegWrite, index:0x0400, value:0x11111111 successful",
-                  "ORNIX: OrnixBlockRead: 0x400",
-                  "ORNIX: OrnixBlockRead of 0x400: 0x11111111 0x22222222 0x33333333 0x44444444",
-                  "ORNIX: OrnixBlockRead: 0x400",
-                  "ORNIX: OrnixBlockRead of 0x400: 0x11111111 0x22222222",
-                  "ORNIX: OrnixBlockRead: 0x400",
-                  "ORNIX: OrnixBlockWrite, index:0x0400, values:0xab 0x0000cdef",
-                  "ORNIX: OrnixBlockWrite, index:0x0400, size:0xc",
-              }));
-}
-
-TEST_F(RegisterTest, VendorReadWithoutLengthHasNoDataStage) {
-    std::vector<uint8_t> buffer(4, kUntouched);
-    ULONG zero = 0;
-
-    EXPECT_EQ(OrnixControlVendorCommand(Ext(), 0x12, 0, kRecord, buffer.data(), &zero, TRUE),
-              STATUS_SUCCESS);
-    EXPECT_EQ(OrnixControlVendorCommand(Ext(), 0x12, 0, kRecord, buffer.data(), nullptr, TRUE),
-              STATUS_SUCCESS);
-
-    const WireRequest noData{kIn, 0x12, 0, kRecord, 0, {}};
-    EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{noData, noData}));
-    EXPECT_EQ(zero, 0u);
-    EXPECT_EQ(buffer, std::vector<uint8_t>(4, kUntouched));
 }
 
 // What a callback saw when the transfer reported back.
@@ -213,53 +180,336 @@ NTSTATUS RecordCallback(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS ReadVersionAtDispatchLevel(PORNIX_DEVICE_CONTEXT ext, ULONG& value, ULONG& length,
-                                    CallbackRecord& record) {
-    NTSTATUS status = STATUS_SUCCESS;
-    winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
-        status = OrnixControlVendorCommand2(ext, 0x12, 0, ORNIX_SPEC_VERSION, &value, &length, TRUE,
-                                            RecordCallback, &record);
-    });
-    winsim::DrainWorkQueue();
-    return status;
-}
+// Below DISPATCH_LEVEL the callback runs at once, at it on a worker.
+TEST_F(RegisterTest, VendorRequestsInBothFormsCallBackOnceAndSendNothingWithoutMemory) {
+    const auto readVersionAt = [&](KIRQL irql, ULONG& value, ULONG& length,
+                                   CallbackRecord& record) {
+        NTSTATUS status = STATUS_SUCCESS;
+        winsim::RunAtIrql(irql, [&] {
+            status = OrnixControlVendorCommand2(Ext(), 0x12, 0, ORNIX_SPEC_VERSION, &value, &length,
+                                                TRUE, RecordCallback, &record);
+        });
+        winsim::DrainWorkQueue();  // a deferred request is done
+        return status;
+    };
+    for (KIRQL irql : {PASSIVE_LEVEL, DISPATCH_LEVEL}) {
+        SCOPED_TRACE(int(irql));
+        CallbackRecord record;
+        ULONG value = 0;
+        ULONG length = sizeof(value);
+        const bool deferred = irql == DISPATCH_LEVEL;
+        EXPECT_EQ(readVersionAt(irql, value, length, record),
+                  deferred ? STATUS_PENDING : STATUS_SUCCESS);
+        EXPECT_EQ(record.calls, 1);
+        EXPECT_EQ(record.status, STATUS_SUCCESS);
+        EXPECT_EQ(record.irql, PASSIVE_LEVEL);
+        EXPECT_EQ(record.thread == std::this_thread::get_id(), !deferred);
+        EXPECT_EQ(value, 1u);
+        EXPECT_EQ(length, 4u);
+    }
 
-TEST_F(RegisterTest, VendorCallbackRunsAtOnceBelowDispatchLevelAndOnAWorkerAtIt) {
-    CallbackRecord atOnce;
-    ULONG value = 0;
-    ULONG length = sizeof(value);
-    EXPECT_EQ(OrnixControlVendorCommand2(Ext(), 0x12, 0, ORNIX_SPEC_VERSION, &value, &length, TRUE,
-                                         RecordCallback, &atOnce),
-              STATUS_SUCCESS);
-    EXPECT_EQ(atOnce.calls, 1);
-    EXPECT_EQ(atOnce.thread, std::this_thread::get_id());
-
-    CallbackRecord worker;
-    value = 0;
-    EXPECT_EQ(ReadVersionAtDispatchLevel(Ext(), value, length, worker), STATUS_PENDING);
-    EXPECT_EQ(worker.calls, 1);
-    EXPECT_EQ(worker.status, STATUS_SUCCESS);
-    EXPECT_EQ(worker.irql, PASSIVE_LEVEL);
-    EXPECT_NE(worker.thread, std::this_thread::get_id());
-    EXPECT_EQ(value, 1u);
-    EXPECT_EQ(length, 4u);
-}
-
-TEST_F(RegisterTest, VendorRequestWithoutMemorySendsNothing) {
-    ULONG value = 0;
-    ULONG length = sizeof(value);
+    // Without memory nothing is sent, and nothing calls back.
     CallbackRecord record;
-
+    ULONG value = 0;
+    ULONG length = sizeof(value);
+    winsim::ClearDebugLog();
+    Camera().ClearRequests();
     winsim::FailNthAllocation(1);
     EXPECT_EQ(OrnixControlVendorCommand(Ext(), 0x12, 0, kRecord, &value, &length, TRUE),
               STATUS_INSUFFICIENT_RESOURCES);
     winsim::FailNthAllocation(1);
-    EXPECT_EQ(ReadVersionAtDispatchLevel(Ext(), value, length, record),
-              STATUS_INSUFFICIENT_RESOURCES);
-
+    EXPECT_EQ(readVersionAt(DISPATCH_LEVEL, value, length, record), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(record.calls, 0);
     EXPECT_EQ(Log(), std::vector<std::string>{"ORNIX: OrnixControlVendorCommand Error 0xc000009a"});
     EXPECT_TRUE(VendorRequests().empty());
+    // A read without length has no data stage.
+    Bytes buffer(4, 0xAA);
+    ULONG zero = 0;
+    EXPECT_EQ(OrnixControlVendorCommand(Ext(), 0x12, 0, kRecord, buffer.data(), &zero, TRUE),
+              STATUS_SUCCESS);
+    EXPECT_EQ(OrnixControlVendorCommand(Ext(), 0x12, 0, kRecord, buffer.data(), nullptr, TRUE),
+              STATUS_SUCCESS);
+    const WireRequest noData{kIn, 0x12, 0, kRecord, 0, {}};
+    EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{noData, noData}));
+    EXPECT_EQ(zero, 0u);
+    EXPECT_EQ(buffer, Bytes(4, 0xAA));
+}
+
+constexpr uint8_t kMainEeprom = 0xA2;  // every map starts there at 0x3000
+constexpr const char* kReadFailed = "ORNIX:  OrnixReadVpd:Failed to read VPD";
+constexpr const char* kCorrupted = "ORNIX:  OrnixReturnVpdSection: VPD corrupted";
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes bytes;
+    for (const Bytes& part : parts) {
+        bytes.insert(bytes.end(), part.begin(), part.end());
+    }
+    return bytes;
+}
+
+// A section header: payload length bits 0-15, id, byte 3 as given.
+Bytes VpdHeader(uint32_t length, uint8_t id, uint8_t byte3) {
+    return {static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8), id, byte3};
+}
+
+// A section with its header; payloads below 64 KiB only.
+Bytes VpdSection(uint8_t id, const Bytes& payload) {
+    return Concat({VpdHeader(static_cast<uint32_t>(payload.size()), id, 0), payload});
+}
+
+const Bytes kEnd = {0, 0, 0, 0};
+
+// Blank EEPROMs; the mapping-type query answers `kMappingType`.
+template <uint32_t kMappingType>
+class VpdOn : public DriverTest {
+  protected:
+    ornixcam::Profile CameraProfile() const override {
+        ornixcam::Profile profile = ornixcam::DefaultProfile();
+        profile.productData.mappingType = kMappingType;
+        profile.productData.sections.clear();
+        profile.productData.end = false;
+        return profile;
+    }
+    void SetUp() override {
+        DriverTest::SetUp();
+        OrnixInvalidateVpd(Ext());  // whatever start-up read
+    }
+    // Puts `bytes` at the start of the logical space.
+    void StoreVpd(const Bytes& bytes) { Camera().PokeEeprom(kMainEeprom, 0x3000, bytes); }
+    // A cached image as a read would leave it, whatever its content.
+    void InstallImage(const Bytes& bytes) {
+        OrnixInvalidateVpd(Ext());
+        Ext()->VpdImage = static_cast<PUCHAR>(OrnixAllocatePool(bytes.size()));
+        std::copy(bytes.begin(), bytes.end(), Ext()->VpdImage);
+        Ext()->VpdLength = static_cast<ULONG>(bytes.size());
+    }
+    // OrnixFindVpdSection's answer: status, offset into the image (-1: none), length.
+    std::tuple<NTSTATUS, ptrdiff_t, ULONG> Find(UCHAR id) {
+        PUCHAR section = reinterpret_cast<PUCHAR>(1);
+        ULONG length = 7;
+        const NTSTATUS status = OrnixFindVpdSection(Ext(), &section, &length, id);
+        return {status, section ? section - Ext()->VpdImage : -1, length};
+    }
+    // No image, and no section pointing into one.
+    bool NoImage() const {
+        return !Ext()->VpdImage && !Ext()->VpdLength && !Ext()->DefectSection &&
+               !Ext()->DefectSectionLength && !Ext()->Section4 && !Ext()->Section4Length;
+    }
+    Bytes Image() const { return Bytes(Ext()->VpdImage, Ext()->VpdImage + Ext()->VpdLength); }
+};
+
+using VpdTest = VpdOn<0>;
+
+// A failed step ends the read with its status.
+TEST_F(VpdTest, EepromReadSetsThePointerOnceAndNeverCrossesAPage) {
+    const Bytes memory = Sequence(100, 0x31);
+    Camera().PokeEeprom(0xA2, 0x3030, memory);
+    Bytes buffer(100);
+    ASSERT_EQ(OrnixEepromRead(Ext(), 0xA2, buffer.data(), 100, 0x3030), STATUS_SUCCESS);
+    // 7-bit bus address in the low byte of wValue, the count above it.
+    EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{
+                                    {kOut, 0x13, 0x0251, 0, 2, {0x30, 0x30}},
+                                    {kIn, 0x13, 0x1051, 0, 16, Bytes(&memory[0], &memory[16])},
+                                    {kIn, 0x13, 0x4051, 0, 64, Bytes(&memory[16], &memory[80])},
+                                    {kIn, 0x13, 0x1451, 0, 20, Bytes(&memory[80], &memory[100])},
+                                }));
+    EXPECT_EQ(buffer, memory);
+    for (uint32_t failing : {1u, 3u}) {  // the pointer write; the 64-byte piece
+        SCOPED_TRACE(failing);
+        Camera().ClearRequests();
+        FailVendorRequests(Stack(), FaultAction::Stall, failing);
+        EXPECT_FALSE(NT_SUCCESS(OrnixEepromRead(Ext(), 0xA2, buffer.data(), 100, 0x3030)));
+        EXPECT_EQ(VendorRequests().size(), failing - 1);  // nothing after the failed step
+    }
+}
+
+// Its low 16 bits alone would make the first piece 0 bytes or the whole count.
+TEST_F(VpdTest, EepromCountsBeyondSixteenBitsStillGoInPagePieces) {
+    const size_t count = 0x10000 + 0x10;
+    Bytes buffer(count, 0);
+    ASSERT_EQ(OrnixEepromRead(Ext(), 0xA0, buffer.data(), static_cast<ULONG>(count), 0),
+              STATUS_SUCCESS);
+    const std::vector<WireRequest> requests = VendorRequests();
+    ASSERT_EQ(requests.size(), 1 + 0x10000 / 64 + 1);
+    EXPECT_EQ(requests.back(), (WireRequest{kIn, 0x13, 0x1050, 0, 0x10, Bytes(0x10, 0xFF)}));
+    EXPECT_EQ(buffer, Bytes(count, 0xFF));
+}
+
+// A mapping type without a map: the query answer is taken whole, little-endian.
+using VpdUnknownMapTest = VpdOn<0x01020304>;
+
+TEST_F(VpdUnknownMapTest, MappingTypeIsTheQueryAnswerAndItsMapIsUnknown) {
+    EXPECT_EQ(OrnixGetVpdMappingType(Ext()), 0x01020304);
+    EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{{kIn, 0x13, 0, 12, 4, {4, 3, 2, 1}}}));
+    EXPECT_EQ(OrnixReadVpd(Ext()), STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(Logged(kReadFailed));
+    EXPECT_TRUE(NoImage());
+}
+
+// Without the query: 0xC0 at 0xA0 means no product data, anything else map 0.
+TEST_F(VpdTest, WithoutTheQueryTheProbeDecides) {
+    StoreVpd(Concat({VpdSection(1, {9, 9, 9, 9}), kEnd}));
+    Camera().PokeEeprom(0xA0, 0, Bytes{0xC0});
+    FailVendorRequests(Stack(), FaultAction::Stall, 1);
+    EXPECT_EQ(OrnixReadVpd(Ext()), STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(Logged("ORNIX:  OrnixReadVpd: Failed to get mapping type"));
+    EXPECT_TRUE(NoImage());
+    EXPECT_EQ(VendorRequests(), (std::vector<WireRequest>{{kOut, 0x13, 0x0150, 0, 1, {0x00}},
+                                                          {kIn, 0x13, 0x0150, 0, 1, {0xC0}}}));
+    Camera().PokeEeprom(0xA0, 0, Bytes{0x12});
+    FailVendorRequests(Stack(), FaultAction::Stall, 1);
+    EXPECT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);
+    EXPECT_EQ(Ext()->DefectSectionLength, 4u);
+}
+
+TEST_F(VpdTest, ARangeFollowsTheMapAcrossRegionsAndEepromsAndNoFurther) {
+    const Bytes first = Sequence(0x80, 0x11);
+    const Bytes second = Sequence(0x80, 0x77);
+    Camera().PokeEeprom(kMainEeprom, 0x3680, first);
+    Camera().PokeEeprom(kMainEeprom, 0x2400, second);
+    Bytes buffer(0x100);
+    ASSERT_EQ(OrnixReadVpdRange(Ext(), 1, buffer.data(), 0x100, 0x680), STATUS_SUCCESS);
+    EXPECT_EQ(buffer, Concat({first, second}));
+    // Mapping type 2 ends with the whole of 0xA0 and then of 0xA8.
+    Camera().PokeEeprom(0xA0, 0x7FFC, Bytes{1, 2, 3, 4});
+    Camera().PokeEeprom(0xA8, 0, Bytes{9, 10});
+    std::array<uint8_t, 6> tail{};
+    ASSERT_EQ(OrnixReadVpdRange(Ext(), 2, tail.data(), 6, 0xB5FC), STATUS_SUCCESS);
+    EXPECT_EQ(tail, (std::array<uint8_t, 6>{1, 2, 3, 4, 9, 10}));
+    // Beyond the map or with an unknown map nothing is read.
+    EXPECT_EQ(OrnixReadVpdRange(Ext(), 0, buffer.data(), 8, 0x6FC), STATUS_UNSUCCESSFUL);
+    Camera().ClearRequests();
+    EXPECT_EQ(OrnixReadVpdRange(Ext(), 0, buffer.data(), 4, 0x700), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(OrnixReadVpdRange(Ext(), 2, buffer.data(), 4, 0x13600), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(OrnixReadVpdRange(Ext(), 2, buffer.data(), 4, 0xFFFFFFFF), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(OrnixReadVpdRange(Ext(), 3, buffer.data(), 4, 0), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(OrnixReadVpdRange(Ext(), -1, buffer.data(), 4, 0), STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(VendorRequests().empty());
+}
+
+TEST_F(VpdTest, ImageHoldsEverySectionThroughTheEndHeader) {
+    ASSERT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);  // blank: the end header alone
+    EXPECT_EQ(Image(), (Bytes{0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(Ext()->DefectSection, nullptr);
+    EXPECT_EQ(Ext()->Section4, nullptr);
+    // A byte 3 of 0xFF is a blank nibble, not 15 × 64 KiB.
+    const Bytes vpd = Concat({VpdHeader(3, 7, 0xFF),
+                              {0xA1, 0xA2, 0xA3},
+                              VpdSection(1, {1, 0, 2, 0, 3, 0, 4, 0}),
+                              VpdSection(4, {0x44, 0x45}),
+                              VpdHeader(0, 0xFF, 0xFF)});
+    StoreVpd(vpd);
+    ASSERT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);  // replacing the blank image
+    EXPECT_EQ(Image(), vpd);
+    EXPECT_EQ(Ext()->DefectSection, Ext()->VpdImage + 11);
+    EXPECT_EQ(Ext()->DefectSectionLength, 8u);
+    EXPECT_EQ(Ext()->Section4, Ext()->VpdImage + 23);
+    EXPECT_EQ(Ext()->Section4Length, 2u);
+}
+
+using VpdLargestMapTest = VpdOn<2>;
+
+// The headers may claim any length up to 1 MiB; only the map bounds them.
+TEST_F(VpdLargestMapTest, TheImageMayFillTheMapButNotLeaveIt) {
+    constexpr uint32_t kMapped = 0x13600;
+    Camera().PokeEeprom(0xA8, 0x7FFC, kEnd);
+    StoreVpd(VpdHeader(kMapped - 8, 1, 1));
+    ASSERT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);
+    EXPECT_EQ(Ext()->VpdLength, kMapped);
+    EXPECT_EQ(Ext()->DefectSectionLength, kMapped - 8);
+    EXPECT_EQ(Ext()->VpdImage[kMapped - 1], 0);
+    // One byte too long for the map; the largest length.
+    for (auto [payload, byte3] : {std::pair<uint32_t, uint8_t>{kMapped - 7, 1}, {0xFFFF, 0x0F}}) {
+        SCOPED_TRACE(payload);
+        StoreVpd(VpdHeader(payload, 1, byte3));
+        winsim::ClearDebugLog();
+        EXPECT_EQ(OrnixReadVpd(Ext()), STATUS_UNSUCCESSFUL);
+        EXPECT_TRUE(Logged(kReadFailed));
+        EXPECT_TRUE(NoImage());
+    }
+}
+
+// Empty sections up to the end of the map and no end header.
+TEST_F(VpdTest, NoEndHeaderFailsAtTheEndOfTheMap) {
+    Bytes vpd(0x700, 0);
+    for (size_t id = 2; id < vpd.size(); id += 4) {
+        vpd[id] = 9;
+    }
+    StoreVpd(vpd);
+    EXPECT_EQ(OrnixReadVpd(Ext()), STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(Logged(kReadFailed));
+    EXPECT_TRUE(NoImage());
+}
+
+// Not even the previous image. Requests: mapping type, two headers (2 to 5), image.
+TEST_F(VpdTest, AFailedReadKeepsNoImage) {
+    StoreVpd(Concat({VpdSection(1, Bytes(0x1F5, 1)), kEnd}));
+    const auto readFails = [&](NTSTATUS status, const char* message) {
+        EXPECT_EQ(OrnixReadVpd(Ext()), status);
+        winsim::ClearAllocationFailures();
+        Stack().ClearFaults();
+        EXPECT_TRUE(Logged(message));
+        EXPECT_TRUE(NoImage());
+        ASSERT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);  // an image the next failure must drop
+    };
+    ASSERT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);
+    FailVendorRequests(Stack(), FaultAction::ShortData, 5, 2);
+    readFails(STATUS_INVALID_PARAMETER, kReadFailed);
+    FailVendorRequests(Stack(), FaultAction::Stall, 7);
+    readFails(STATUS_UNSUCCESSFUL, "ORNIX:  OrnixReadVpd:Failed to read huge VPD");
+    winsim::FailAllocationsOfSize(0x1F5 + 8);
+    readFails(STATUS_INSUFFICIENT_RESOURCES, "ORNIX:  OrnixReadVpd: No more memory");
+}
+
+TEST_F(VpdTest, SectionsAreFoundWithTheirWholeLengthAndReturnedOnlyWhole) {
+    EXPECT_EQ(Find(1), std::make_tuple(STATUS_NOT_FOUND, -1, 0u));  // no image
+    ULONG length = 5;
+    EXPECT_EQ(OrnixReturnVpdSection(Ext(), nullptr, &length, 1), STATUS_NOT_FOUND);
+    InstallImage(Concat({VpdSection(3, {7}), VpdSection(5, {1, 2, 3, 4, 5, 6}), kEnd}));
+    Bytes buffer(8, 0xEE);
+    const auto returned = [&](ULONG offered, UCHAR id) {
+        length = offered;
+        return std::make_pair(OrnixReturnVpdSection(Ext(), buffer.data(), &length, id), length);
+    };
+    EXPECT_EQ(returned(0, 5), std::make_pair(STATUS_BUFFER_OVERFLOW, 6u));
+    EXPECT_EQ(returned(1, 5), std::make_pair(STATUS_BUFFER_TOO_SMALL, 6u));
+    EXPECT_EQ(buffer[0], 0xEE);
+    EXPECT_EQ(returned(8, 5), std::make_pair(STATUS_SUCCESS, 6u));
+    EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4, 5, 6, 0xEE, 0xEE}));
+    EXPECT_EQ(returned(8, 9).first, STATUS_NOT_FOUND);
+    // Bits 16 to 19 of the length come from the low nibble of byte 3.
+    for (auto [byte3, expected] : {std::pair<uint8_t, ULONG>{0xF1, 0x10010}, {0x0F, 0xF0010}}) {
+        SCOPED_TRACE(byte3);
+        Bytes image = VpdHeader(0x10, 1, byte3);
+        image.resize(4 + expected, 0x11);
+        InstallImage(Concat({image, kEnd}));
+        EXPECT_EQ(Find(1), std::make_tuple(STATUS_SUCCESS, 4, expected));
+    }
+}
+
+// Each image lies about its size: the walk stays inside (sanitizers would tell).
+TEST_F(VpdTest, HeadersThatDoNotFitTheImageAreReportedCorrupt) {
+    const std::pair<const char*, Bytes> cases[] = {
+        {"wanted payload past the end", Concat({VpdHeader(9, 1, 0), {1, 2, 3, 4}})},
+        {"largest payload", Concat({VpdHeader(0xFFFF, 1, 0x0F), {1, 2, 3, 4}})},
+        {"skipped payload past the end", Concat({VpdHeader(0xFFFF, 2, 0x0F), VpdSection(1, {1})})},
+        {"no end header", Concat({VpdSection(2, {1, 2}), VpdSection(3, {3})})},
+        {"a partial header at the end", Concat({VpdSection(2, {1, 2}), {0, 0}})},
+    };
+    for (const auto& [what, image] : cases) {
+        SCOPED_TRACE(what);
+        InstallImage(image);
+        winsim::ClearDebugLog();
+        std::array<uint8_t, 16> buffer{};
+        ULONG bufferLength = static_cast<ULONG>(buffer.size());
+        EXPECT_EQ(Find(1), std::make_tuple(STATUS_UNSUCCESSFUL, -1, 0u));
+        // A claim larger than the buffer is answered with its size first.
+        const NTSTATUS status = OrnixReturnVpdSection(Ext(), buffer.data(), &bufferLength, 1);
+        const bool claimTooBig = bufferLength > buffer.size();
+        EXPECT_EQ(status, claimTooBig ? STATUS_BUFFER_TOO_SMALL : STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(buffer, (std::array<uint8_t, 16>{}));
+        EXPECT_EQ(CountLogged(kCorrupted), claimTooBig ? 1u : 2u);
+    }
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Frame sizes on the bulk pipe: the bytes of one frame and the caps that
-// bound them. Format discovery covers the bits per pixel of every colour id.
+// Frame sizes on the bulk pipe and their caps; format discovery covers every colour id.
 #include <string>
 #include <vector>
 
@@ -21,7 +20,7 @@ class SizingTest : public ::testing::Test {
     ORNIX_DEVICE_CONTEXT ext_{};
 };
 
-TEST_F(SizingTest, SizeIsBitsTimesPixelsOverEightRoundedDownAndNeedsBothSides) {
+TEST_F(SizingTest, SizeIsBitsTimesPixelsOverEightStatusWordIsFourVariableSizeIsCapped) {
     EXPECT_EQ(FrameSize(1, 101, 3), 454u);  // 3636 / 8
     EXPECT_EQ(FrameSize(0, 640, 480), 307200u);
     EXPECT_EQ(FrameSize(3, 640, 480), 921600u);
@@ -33,16 +32,12 @@ TEST_F(SizingTest, SizeIsBitsTimesPixelsOverEightRoundedDownAndNeedsBothSides) {
     // 32-bit arithmetic, as the camera's registers are.
     EXPECT_EQ(FrameSize(3, 0x10000, 0x1000), (24u * 0x10000u * 0x1000u) / 8u);
     EXPECT_TRUE(winsim::DebugLog().empty());
-
     // Zero width or height is refused.
     EXPECT_EQ(FrameSize(0, 0, 480), 0u);
     EXPECT_EQ(FrameSize(128, 640, 0), 0u);
     EXPECT_EQ(winsim::DebugLog(),
               (std::vector<std::string>{"ORNIX: GetUsbFrameSize: BAD parameters, w:0, h:480",
                                         "ORNIX: GetUsbFrameSize: BAD parameters, w:640, h:0"}));
-}
-
-TEST_F(SizingTest, StatusWordFramesAreFourBytesVariableSizeOnesCappedByTheBusSpeed) {
     EXPECT_EQ(FrameSize(128, 4000, 3000), 4u);
     EXPECT_EQ(FrameSize(128, 1, 1), 4u);
     EXPECT_EQ(FrameSize(129, 4000, 3000), 0x200000u);
@@ -69,7 +64,6 @@ TEST_F(SizingTest, EachStreamUsesItsOwnSelectionAndZeroBinningGivesNoSize) {
     ext_.StillWindowWidth = 4000;
     ext_.StillWindowHeight = 3000;
     ext_.StillBinningX = ext_.StillBinningY = 1;
-
     BOOLEAN variable = TRUE;
     EXPECT_EQ(GetStreamUsbFrameSize(&ext_, ORNIX_CAPTURE_STREAM, &variable), 454u);  // 101 x 3
     EXPECT_FALSE(variable);
@@ -79,7 +73,6 @@ TEST_F(SizingTest, EachStreamUsesItsOwnSelectionAndZeroBinningGivesNoSize) {
     ext_.HighSpeed = FALSE;
     EXPECT_EQ(GetStreamUsbFrameSize(&ext_, ORNIX_STILL_STREAM, nullptr), 0x40000u);
     EXPECT_TRUE(winsim::DebugLog().empty());
-
     ext_.BinningX = 0x100;  // low byte 0
     EXPECT_EQ(GetStreamUsbFrameSize(&ext_, ORNIX_CAPTURE_STREAM, nullptr), 0u);
     ext_.StillBinningY = 0;
@@ -89,27 +82,19 @@ TEST_F(SizingTest, EachStreamUsesItsOwnSelectionAndZeroBinningGivesNoSize) {
                                         "ORNIX: GetUsbFrameSize: BAD parameters, w:4000, h:0"}));
 }
 
-KS_DATARANGE_VIDEO RangeOf(LONG width, LONG height, WORD bits) {
-    KS_DATARANGE_VIDEO range{};
-    range.ConfigCaps.MaxOutputSize.cx = width;
-    range.ConfigCaps.MaxOutputSize.cy = height;
-    range.VideoInfoHeader.bmiHeader.biBitCount = bits;
-    return range;
-}
-
 TEST_F(SizingTest, MaximumFrameIsTheLargestOfferedFormat) {
     EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 4096u);  // no formats yet
-
-    KS_DATARANGE_VIDEO ranges[] = {RangeOf(640, 480, 8), RangeOf(1280, 1024, 12),
-                                   RangeOf(320, 240, 24)};
+    const LONG sizes[3][3] = {{640, 480, 8}, {1280, 1024, 12}, {320, 240, 24}};
+    KS_DATARANGE_VIDEO ranges[3] = {};
     PKSDATAFORMAT formats[3];
     for (int i = 0; i < 3; ++i) {
+        ranges[i].ConfigCaps.MaxOutputSize = {sizes[i][0], sizes[i][1]};
+        ranges[i].VideoInfoHeader.bmiHeader.biBitCount = WORD(sizes[i][2]);
         formats[i] = &ranges[i].DataRange;
     }
     ext_.CaptureFormats = formats;
     ext_.CaptureFormatCount = 3;
     EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 1966080u);  // 1280 x 1024 x 12 / 8
-
     ext_.CaptureFormatCount = 0;
     EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 0u);
 }

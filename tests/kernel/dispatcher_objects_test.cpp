@@ -1,7 +1,5 @@
-// Events, mutexes, semaphores and spin locks, on one thread and across host
-// threads (whose IRQL and identity are their own), and time-outs on the
-// scaled simulated clock. A notification event waking every waiter is in
-// the work queue test.
+// Events, mutexes, semaphores and spin locks, across threads with IRQLs of their own,
+// and time-outs on the simulated clock.
 #include "kernel_test.h"
 
 #include <thread>
@@ -33,7 +31,7 @@ TEST_F(DispatcherObjects, NotificationEventStaysSignalledSynchronizationEventDoe
     EXPECT_EQ(Poll(&once), STATUS_TIMEOUT);
 }
 
-TEST_F(DispatcherObjects, MutexIsRecursiveForItsOwner) {
+TEST_F(DispatcherObjects, MutexIsRecursiveForItsOwnerSemaphoreCountsToItsLimit) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
     EXPECT_EQ(KeReadStateMutex(&mutex), 1);
@@ -47,9 +45,7 @@ TEST_F(DispatcherObjects, MutexIsRecursiveForItsOwner) {
     EXPECT_EQ(KeReleaseMutex(&mutex, FALSE), 0);
     EXPECT_EQ(mutex.OwnerThread, nullptr);
     EXPECT_EQ(KeReadStateMutex(&mutex), 1);
-}
 
-TEST_F(DispatcherObjects, SemaphoreCountsDownToZeroAndUpToItsLimit) {
     KSEMAPHORE semaphore;
     KeInitializeSemaphore(&semaphore, 2, 3);
     EXPECT_EQ(Poll(&semaphore), STATUS_SUCCESS);
@@ -65,12 +61,9 @@ TEST_F(DispatcherObjects, SemaphoreCountsDownToZeroAndUpToItsLimit) {
 TEST_F(DispatcherObjects, MutexPassesToAWaiterOnAnotherThreadWhenReleased) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
-    KEVENT aboutToWait;
-    KEVENT acquired;
-    KEVENT mayRelease;
-    KeInitializeEvent(&aboutToWait, NotificationEvent, FALSE);
-    KeInitializeEvent(&acquired, NotificationEvent, FALSE);
-    KeInitializeEvent(&mayRelease, NotificationEvent, FALSE);
+    KEVENT aboutToWait, acquired, mayRelease;
+    for (PKEVENT event : {&aboutToWait, &acquired, &mayRelease})
+        KeInitializeEvent(event, NotificationEvent, FALSE);
     PKTHREAD waiterThread = nullptr;
 
     Wait(&mutex);
@@ -95,8 +88,7 @@ TEST_F(DispatcherObjects, MutexPassesToAWaiterOnAnotherThreadWhenReleased) {
     EXPECT_EQ(KeReadStateMutex(&mutex), 1);
 }
 
-// While this thread runs raised, others start at PASSIVE_LEVEL and each
-// raises and lowers for itself around the spin lock.
+// While this thread runs raised, others start at PASSIVE_LEVEL and raise for themselves.
 TEST_F(DispatcherObjects, SpinLockSerialisesThreadsEachWithItsOwnIrql) {
     KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
@@ -116,8 +108,7 @@ TEST_F(DispatcherObjects, SpinLockSerialisesThreadsEachWithItsOwnIrql) {
         }
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     };
-    std::thread a(work, 0);
-    std::thread b(work, 1);
+    std::thread a(work, 0), b(work, 1);
     a.join();
     b.join();
     EXPECT_EQ(counter, 4000);
@@ -130,8 +121,7 @@ TEST_F(DispatcherObjects, SpinLockSerialisesThreadsEachWithItsOwnIrql) {
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
 }
 
-// Relative time-outs, absolute ones (a system time) and delays all last at
-// least as long as asked, in simulated time.
+// Relative and absolute time-outs and delays last at least as long as asked.
 TEST_F(DispatcherObjects, TimeOutsAndDelaysElapseOnTheSimulatedClock) {
     winsim::SetTimeScale(1000);  // five simulated seconds in five real milliseconds
     KEVENT neverSet;

@@ -1,5 +1,4 @@
-// The fixture of the kernel tests: a fresh machine whose verifier records,
-// and a failure for every finding the test did not take itself.
+// A fresh machine whose verifier records; a finding the test did not take fails it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,8 +27,7 @@ class KernelTest : public ::testing::Test {
         }
     }
 
-    // Takes the findings so far: exactly one, of `check`, whose message
-    // holds every one of `gists`.
+    // Takes the findings so far: exactly one, of `check`, holding every one of `gists`.
     static void ExpectViolation(std::string_view check,
                                 std::initializer_list<std::string_view> gists = {}) {
         std::vector<winsim::Violation> found = winsim::TakeViolations();
@@ -52,13 +50,9 @@ inline LARGE_INTEGER RelativeTimeout(double seconds) {
     return timeout;
 }
 
-inline LARGE_INTEGER NoWait() {
-    return RelativeTimeout(0);
-}
-
 // A wait that does not block, and one that must succeed.
 inline NTSTATUS Poll(PVOID object) {
-    LARGE_INTEGER poll = NoWait();
+    LARGE_INTEGER poll = RelativeTimeout(0);
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &poll);
 }
 

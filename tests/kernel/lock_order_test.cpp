@@ -23,8 +23,8 @@ class LockOrder : public KernelTest {
     KSEMAPHORE usbSemaphore;
 };
 
-// Repeating one order, recursion into an owned mutex and a poll (which
-// cannot deadlock) record no opposite order; a reinitialised lock has none.
+// One order repeated, recursion, a poll (which cannot deadlock) and a reinitialised
+// lock record no opposite order.
 TEST_F(LockOrder, ConsistentOrderRecursionPollsAndReinitialisationAreQuiet) {
     for (int round = 0; round < 2; ++round) {
         Wait(&requestMutex);
@@ -48,9 +48,8 @@ TEST_F(LockOrder, ConsistentOrderRecursionPollsAndReinitialisationAreQuiet) {
     ReleaseSemaphore();
 }
 
-// request -> interrupt and interrupt -> usb make usb -> request an inversion,
-// reported once with the whole chain.
-TEST_F(LockOrder, TransitiveInversionIsReportedOnce) {
+// request -> interrupt -> usb makes usb -> request an inversion, reported once with the chain.
+TEST_F(LockOrder, TransitiveInversionIsReportedOnceSpinLocksIncluded) {
     Wait(&requestMutex);
     Wait(&interruptMutex);
     ReleaseMutex(&interruptMutex);
@@ -71,13 +70,11 @@ TEST_F(LockOrder, TransitiveInversionIsReportedOnce) {
                                    "mutex " + AddressText(&requestMutex) + " -> mutex " +
                                        AddressText(&interruptMutex) + " -> semaphore " +
                                        AddressText(&usbSemaphore)});
-}
 
-TEST_F(LockOrder, SpinLocksTakePartWithTheCancelSpinLockNamed) {
+    // Spin locks take part, the cancel spin lock by name.
     KSPIN_LOCK queueLock;
     KeInitializeSpinLock(&queueLock);
-    KIRQL cancelIrql;
-    KIRQL queueIrql;
+    KIRQL cancelIrql, queueIrql;
     IoAcquireCancelSpinLock(&cancelIrql);
     KeAcquireSpinLock(&queueLock, &queueIrql);
     KeReleaseSpinLock(&queueLock, queueIrql);
@@ -92,16 +89,14 @@ TEST_F(LockOrder, SpinLocksTakePartWithTheCancelSpinLockNamed) {
 }
 
 TEST_F(LockOrder, SemaphoreReleasedByAnotherThreadEndsTheHoldersClaim) {
-    KEVENT taken;
-    KEVENT releasedForIt;
-    KeInitializeEvent(&taken, NotificationEvent, FALSE);
-    KeInitializeEvent(&releasedForIt, NotificationEvent, FALSE);
+    KEVENT taken, releasedForIt;
+    for (PKEVENT event : {&taken, &releasedForIt})
+        KeInitializeEvent(event, NotificationEvent, FALSE);
     std::thread holder([&] {
         Wait(&usbSemaphore);
         KeSetEvent(&taken, IO_NO_INCREMENT, FALSE);
         Wait(&releasedForIt);
-        // The main thread released the semaphore for this thread, which
-        // therefore holds nothing now: no semaphore -> mutex order.
+        // Released for it by the main thread: it holds nothing, no semaphore -> mutex order.
         Wait(&requestMutex);
         ReleaseMutex(&requestMutex);
     });

@@ -1,5 +1,4 @@
-// Registry values of a device read with ZwQueryValueKey's partial
-// information, and the handles that open the keys.
+// Device registry values through ZwQueryValueKey's partial information, and key handles.
 #include "kernel_test.h"
 
 #include <cstring>
@@ -71,7 +70,7 @@ TEST_F(Registry, StringValueComesWithItsTerminatorIntoABufferJustLargeEnough) {
     EXPECT_EQ(buffer[0], 0xEE);
 }
 
-TEST_F(Registry, MissingValueOtherKeyAndClearedDeviceAreNotFound) {
+TEST_F(Registry, MissingValuesAreNotFoundOpensCanFailHandlesAreChecked) {
     EXPECT_EQ(Query(u"Anything", 48), STATUS_OBJECT_NAME_NOT_FOUND);
     winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DEVICE, u"Anything", u"elsewhere");
     EXPECT_EQ(Query(u"Anything", 48), STATUS_OBJECT_NAME_NOT_FOUND) << "another key";
@@ -81,9 +80,8 @@ TEST_F(Registry, MissingValueOtherKeyAndClearedDeviceAreNotFound) {
     EXPECT_EQ(Info().Type, ULONG(REG_BINARY));
     winsim::ClearRegistry(pdo);
     EXPECT_EQ(Query(u"Binary", 48), STATUS_OBJECT_NAME_NOT_FOUND);
-}
 
-TEST_F(Registry, OpenCanFailAndHandlesAreChecked) {
+    // Opening can fail, and handles are checked.
     HANDLE key = nullptr;
     winsim::FailRegistryOpen(pdo, STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(Open(&key), STATUS_OBJECT_NAME_NOT_FOUND);

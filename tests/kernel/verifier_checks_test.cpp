@@ -1,5 +1,4 @@
-// Each verifier check, provoked once and recognised by name and message. The
-// checks about IRPs and registry handles are with their own tests.
+// Each verifier check provoked once, by name and message; IRP and registry ones are elsewhere.
 #include "kernel_test.h"
 
 #include <functional>
@@ -19,7 +18,7 @@ TEST_F(VerifierChecks, IrqlMisusesAreReported) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
     LARGE_INTEGER oneSecond = RelativeTimeout(1);
-    LARGE_INTEGER zero = NoWait();
+    LARGE_INTEGER zero = RelativeTimeout(0);
     PVOID paged = nullptr;
 
     // Misuses at DISPATCH_LEVEL, each with what its finding must say.
@@ -65,7 +64,7 @@ TEST_F(VerifierChecks, IrqlMisusesAreReported) {
     winsim::RunAtIrql(DISPATCH_LEVEL, [&] { EXPECT_EQ(Poll(&unset), STATUS_TIMEOUT); });
 }
 
-TEST_F(VerifierChecks, ObjectMisusesAreReportedAndIgnored) {
+TEST_F(VerifierChecks, ObjectMisusesAndBadFreesAreReportedAndIgnored) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
     KeReleaseMutex(&mutex, FALSE);
@@ -105,9 +104,8 @@ TEST_F(VerifierChecks, ObjectMisusesAreReportedAndIgnored) {
 
     DbgBreakPoint();
     ExpectViolation("BREAKPOINT", {"DbgBreakPoint"});
-}
 
-TEST_F(VerifierChecks, BadFreesAreRefused) {
+    // Bad frees are refused.
     PVOID block = ExAllocatePoolWithTag(NonPagedPool, 16, kDriverTag);
     ExFreePoolWithTag(block, MAKEFOURCC('X', 'y', 'z', 'w'));
     ExpectViolation("BAD_POOL_FREE", {"tag 'Xyzw'", "allocated with tag 'Wdm '"});

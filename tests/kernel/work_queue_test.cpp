@@ -39,8 +39,7 @@ TEST_F(WorkQueue, ItemQueuedAtDispatchLevelRunsAtPassiveLevelElsewhere) {
 }
 
 TEST_F(WorkQueue, ItemQueuedAgainBeforeItRanIsReported) {
-    // Occupy every worker so that the item stays queued; one notification
-    // event lets them all go.
+    // Every worker blocked keeps the item queued; one notification event lets them all go.
     constexpr int kWorkers = 3;
     KSEMAPHORE started;
     KeInitializeSemaphore(&started, 0, kWorkers);

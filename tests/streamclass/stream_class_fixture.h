@@ -1,6 +1,4 @@
-// A minimal stream-class minidriver whose behaviour each test scripts, and
-// the fixture: a kernel with the verifier recording, the fake reset and a bus
-// physical device object for the adapter to sit on.
+// A minimal minidriver each test scripts, and a fixture with a bus PDO for the adapter.
 #pragma once
 
 #include <strmini.h>
@@ -13,8 +11,7 @@
 namespace sctest {
 
 struct FakeMinidriver {
-    // What the minidriver does with each adapter SRB; by default it completes
-    // it with STATUS_SUCCESS.
+    // What the minidriver does with each adapter SRB (by default: complete it successfully).
     std::function<void(PHW_STREAM_REQUEST_BLOCK)> onSrb;
     // Edits the registration before it is handed to the stream class.
     std::function<void(HW_INITIALIZATION_DATA&)> editRegistration;

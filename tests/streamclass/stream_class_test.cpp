@@ -1,5 +1,4 @@
-// Loading a minidriver through its DriverEntry, and the adapter SRBs the
-// class sends it: serialisation and completion tracking.
+// Loading a minidriver through its DriverEntry; adapter SRBs: serialisation, completion tracking.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -44,33 +43,15 @@ TEST_F(StreamClassTest, AFailedInitialisationIsNotFollowedByCompletion) {
     EXPECT_EQ(commands, std::vector<ULONG>{SRB_INITIALIZE_DEVICE});
 }
 
-TEST_F(StreamClassTest, UnknownDeviceCommandCarriesTheIrpFunctions) {
-    UCHAR major = 0, minor = 0;
-    Fake().onSrb = [&](PHW_STREAM_REQUEST_BLOCK srb) {
-        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(srb->Irp);
-        major = stack->MajorFunction;
-        minor = stack->MinorFunction;
-        CompleteAdapterSrb(srb, STATUS_NOT_IMPLEMENTED);
-    };
-    winsim::StreamClass sc(FakeDriverEntry);
-    sc.AddDevice(pdo_);
-    EXPECT_EQ(sc.SendUnknownDeviceCommand(IRP_MJ_PNP, 0x17).status, STATUS_NOT_IMPLEMENTED);
-    EXPECT_EQ(major, IRP_MJ_PNP);
-    EXPECT_EQ(minor, 0x17);
-}
-
-// The first SRB waits inside the minidriver for the second one to arrive:
-// with the class's synchronisation off it must arrive; with it on it never
-// may, so there the wait is bounded.
+// The first SRB waits inside the minidriver for the second: without the class's
+// synchronisation it arrives; with it, it never may (so that wait is bounded).
 TEST_F(StreamClassTest, SendsConcurrentlyOnlyWhenSynchronisationIsOff) {
     for (const bool synchronised : {false, true}) {
         SCOPED_TRACE(synchronised ? "synchronised" : "not synchronised");
-        KEVENT firstInside;
-        KEVENT secondArrived;
-        KeInitializeEvent(&firstInside, NotificationEvent, FALSE);
-        KeInitializeEvent(&secondArrived, NotificationEvent, FALSE);
-        std::atomic<int> inside{0};
-        std::atomic<int> maxInside{0};
+        KEVENT firstInside, secondArrived;
+        for (PKEVENT event : {&firstInside, &secondArrived})
+            KeInitializeEvent(event, NotificationEvent, FALSE);
+        std::atomic<int> inside{0}, maxInside{0};
         Fake().editRegistration = [=](HW_INITIALIZATION_DATA& d) {
             d.TurnOffSynchronization = !synchronised;
         };
@@ -100,34 +81,30 @@ TEST_F(StreamClassTest, SendsConcurrentlyOnlyWhenSynchronisationIsOff) {
     }
 }
 
-TEST_F(StreamClassTest, ReportsSrbsCompletedTwiceNeverOrUnsent) {
-    winsim::StreamClass sc(FakeDriverEntry);
-    sc.AddDevice(pdo_);
-    Fake().onSrb = [](PHW_STREAM_REQUEST_BLOCK srb) {
-        CompleteAdapterSrb(srb, STATUS_SUCCESS);
-        CompleteAdapterSrb(srb, STATUS_SUCCESS);
-    };
-    sc.SendAdapterSrb(SRB_PAGING_OUT_DRIVER);
-    ExpectViolation("SRB_COMPLETED_TWICE", {"SRB_PAGING_OUT_DRIVER"});
-
-    Fake().onSrb = [](PHW_STREAM_REQUEST_BLOCK) {};
-    EXPECT_FALSE(sc.SendAdapterSrb(SRB_GET_STREAM_INFO).completed);
-    ExpectViolation("SRB_NEVER_COMPLETED", {"SRB_GET_STREAM_INFO"});
-
-    HW_STREAM_REQUEST_BLOCK stray{};
-    stray.HwDeviceExtension = sc.DeviceExtension();
-    CompleteAdapterSrb(&stray, STATUS_SUCCESS);
-    ExpectViolation("SRB_UNKNOWN", {"an SRB the stream class never sent"});
-}
-
-TEST_F(StreamClassTest, ReportsPoolTheMinidriverLeavesAtUnload) {
-    Fake().onSrb = [](PHW_STREAM_REQUEST_BLOCK srb) {
-        ExAllocatePoolWithTag(NonPagedPool, 100, 0x206D6457);
-        CompleteAdapterSrb(srb, STATUS_SUCCESS);
-    };
+TEST_F(StreamClassTest, ReportsSrbsCompletedTwiceNeverOrUnsentAndPoolLeftAtUnload) {
     {
         winsim::StreamClass sc(FakeDriverEntry);
         sc.AddDevice(pdo_);
+        Fake().onSrb = [](PHW_STREAM_REQUEST_BLOCK srb) {
+            CompleteAdapterSrb(srb, STATUS_SUCCESS);
+            CompleteAdapterSrb(srb, STATUS_SUCCESS);
+        };
+        sc.SendAdapterSrb(SRB_PAGING_OUT_DRIVER);
+        ExpectViolation("SRB_COMPLETED_TWICE", {"SRB_PAGING_OUT_DRIVER"});
+
+        Fake().onSrb = [](PHW_STREAM_REQUEST_BLOCK) {};
+        EXPECT_FALSE(sc.SendAdapterSrb(SRB_GET_STREAM_INFO).completed);
+        ExpectViolation("SRB_NEVER_COMPLETED", {"SRB_GET_STREAM_INFO"});
+
+        HW_STREAM_REQUEST_BLOCK stray{};
+        stray.HwDeviceExtension = sc.DeviceExtension();
+        CompleteAdapterSrb(&stray, STATUS_SUCCESS);
+        ExpectViolation("SRB_UNKNOWN", {"an SRB the stream class never sent"});
+
+        Fake().onSrb = [](PHW_STREAM_REQUEST_BLOCK srb) {
+            ExAllocatePoolWithTag(NonPagedPool, 100, 0x206D6457);
+            CompleteAdapterSrb(srb, STATUS_SUCCESS);
+        };
         sc.SendAdapterSrb(SRB_PAGING_OUT_DRIVER);
     }
     ExpectViolation("POOL_LEAK", {"Wdm ", "1 block"});

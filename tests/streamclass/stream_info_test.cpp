@@ -1,6 +1,5 @@
-// Starting the adapter: SRB_GET_STREAM_INFO sized by StreamDescriptorSize, the
-// checks the class applies to the descriptor and the application's view
-// decoded from it.
+// Starting the adapter: SRB_GET_STREAM_INFO sized by StreamDescriptorSize, the checks on
+// the descriptor and the application's view decoded from it.
 #include <gtest/gtest.h>
 
 #include <ksmedia.h>
@@ -51,9 +50,8 @@ void FillRange(KS_DATARANGE_VIDEO& r, ULONG formatSize, USHORT bits, ULONG fourC
     r.VideoInfoHeader.bmiHeader.biCompression = fourCC;
 }
 
-// The tables of a descriptor as a video minidriver would answer
-// SRB_GET_STREAM_INFO: pins sharing a grey-palette range and a plain range,
-// a ranged and a plain property item, an event set and a topology.
+// A video minidriver's tables: pins sharing a grey-palette range and a plain one, a ranged
+// and a plain property item, an event set and a topology.
 struct Tables {
     Tables() {
         FillRange(reinterpret_cast<KS_DATARANGE_VIDEO&>(grey), sizeof grey, 8, 0x42474752);
@@ -131,9 +129,7 @@ PHW_STREAM_INFORMATION Stream(PHW_STREAM_REQUEST_BLOCK srb, ULONG n) {
 
 class StreamInfoTest : public StreamClassTest {
   protected:
-    // The minidriver announces `size`, then answers the stream-info request
-    // with the descriptor of `streams` pins, edited by `edit`, and the status
-    // `infoStatus_`.
+    // Announces `size`, then answers with `streams` pins, edited by `edit`, and infoStatus_.
     void Script(ULONG size, ULONG streams, void (*edit)(PHW_STREAM_REQUEST_BLOCK) = nullptr) {
         commands_.clear();
         Fake().onSrb = [=, this](PHW_STREAM_REQUEST_BLOCK srb) {
@@ -240,8 +236,7 @@ TEST_F(StreamInfoTest, AFailedRequestFailsTheStart) {
                                              SRB_UNINITIALIZE_DEVICE}));
 }
 
-// A descriptor the class cannot use fails the start with one finding, and the
-// class tears the adapter down.
+// A descriptor the class cannot use fails the start with one finding and a teardown.
 TEST_F(StreamInfoTest, RefusesAnUnusableDescriptor) {
     struct Refusal {
         const char* gist;

@@ -1,8 +1,5 @@
-// Selecting configurations and interface settings (what goes on the wire, what
-// the stack fills into the URB, which pipe handles work afterwards), and pipe
-// behaviour: a stall halts the endpoint until the pipe is reset, a NAKed
-// transfer waits for the device's ready callback, and an abort cancels the
-// pipe's transfers before it completes itself.
+// Selecting configurations and settings (the wire, the URB, the handles that work
+// afterwards); stalls until a pipe reset, NAKs until ready, and pipe aborts.
 #include "usb_stack_fixture.h"
 
 namespace usbtest {
@@ -21,7 +18,7 @@ constexpr SetupFields kSetConfiguration1{0x00, 9, 1, 0, 0}, kSetInterface1{0x01,
 
 TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTransferSizes) {
     std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
-    UrbBuffer urb = SelectUrb(&descriptor, nullptr, 0, 3, 0x200000);
+    UrbBuffer urb = SelectUrb(&descriptor, nullptr, 0, 3);
     PUSBD_PIPE_INFORMATION pipes = InterfaceOf(urb)->Pipes;
     pipes[1].MaximumTransferSize = 97991;  // the bulk-out pipe takes one FPGA image
     pipes[1].PipeFlags = USBD_PF_CHANGE_MAX_PACKET;
@@ -60,39 +57,23 @@ TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTrans
     EXPECT_EQ(device.TransferLog().front().second, 97991u);  // in one transfer
 }
 
-TEST_F(ConfigurationTest, NonZeroAlternateSettingIsSelectedAfterTheConfiguration) {
-    Configure(1);
-    const std::vector<SetupPacket> log = device.ControlLog();
-    ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(Fields(log[0]), kSetConfiguration1);
-    EXPECT_EQ(Fields(log[1]), kSetInterface1);
-    EXPECT_EQ(stack->AlternateSetting(0), 1);
-    EXPECT_EQ(Transfer(PipeFor(FakeUsbDevice::kSecondBulkIn), true, 512), STATUS_SUCCESS);
-}
-
 TEST_F(ConfigurationTest, SelectInterfaceReplacesThePipesAndCancelsTransfersOnTheOldOnes) {
     Configure(0);
     const USBD_PIPE_HANDLE oldInterrupt = PipeFor(FakeUsbDevice::kInterruptIn);
     device.SetNak(FakeUsbDevice::kInterruptIn, true);
-    std::mutex mutex;
-    std::vector<std::string> completionOrder;
-    auto record = [&](const char* who) {
-        std::lock_guard lock(mutex);
-        completionOrder.push_back(who);
-    };
     URB pending = TransferOn(FakeUsbDevice::kInterruptIn, 4);
     UrbCall transfer(Pdo(), &pending);
-    transfer.onCompletion = [&] { record("transfer"); };
+    RecordCompletion(transfer, 1);
     ASSERT_EQ(transfer.Send(), STATUS_PENDING);
     stack->WaitIdle();
 
-    UrbBuffer select = SelectUrb(nullptr, configurationHandle, 1, 2, 4096);
+    UrbBuffer select = SelectUrb(nullptr, configurationHandle, 1, 2);
     UrbCall call(Pdo(), select.get());
-    call.onCompletion = [&] { record("select"); };
+    RecordCompletion(call, 2);
     ASSERT_EQ(call.Send(), STATUS_PENDING);
     EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
 
-    EXPECT_EQ(completionOrder, (std::vector<std::string>{"transfer", "select"}));
+    EXPECT_EQ(completionOrder, (std::vector<int>{1, 2}));  // the transfer first
     EXPECT_EQ(pending.UrbHeader.Status, USBD_STATUS_CANCELED);
     EXPECT_EQ(Fields(device.ControlLog().back()), kSetInterface1);
     EXPECT_EQ(stack->AlternateSetting(0), 1);
@@ -106,9 +87,16 @@ TEST_F(ConfigurationTest, SelectInterfaceReplacesThePipesAndCancelsTransfersOnTh
     EXPECT_EQ(Transfer((info.Pipes + 1)->PipeHandle, true, 512), STATUS_SUCCESS);
 }
 
-TEST_F(ConfigurationTest, UnconfiguringInvalidatesEveryHandle) {
-    Configure();
-    const USBD_PIPE_HANDLE old = PipeFor(FakeUsbDevice::kBulkIn);
+TEST_F(ConfigurationTest, NonZeroSettingFollowsTheConfigurationAndUnconfiguringDropsIt) {
+    Configure(1);
+    const std::vector<SetupPacket> log = device.ControlLog();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(Fields(log[0]), kSetConfiguration1);
+    EXPECT_EQ(Fields(log[1]), kSetInterface1);
+    EXPECT_EQ(stack->AlternateSetting(0), 1);
+    const USBD_PIPE_HANDLE old = PipeFor(FakeUsbDevice::kSecondBulkIn);
+    EXPECT_EQ(Transfer(old, true, 512), STATUS_SUCCESS);
+
     // Only the header, descriptor and handle matter when the descriptor is null.
     UrbBuffer urb(60);
     urb->UrbHeader.Function = URB_FUNCTION_SELECT_CONFIGURATION;
@@ -146,11 +134,9 @@ TEST_F(PipeTest, StallHaltsTheEndpointUntilThePipeIsReset) {
 
     URB reset =
         PipeUrb(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, PipeFor(FakeUsbDevice::kBulkIn));
-    {
-        UrbCall call(Pdo(), &reset, true);
-        ASSERT_EQ(call.Send(), STATUS_PENDING);
-        EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
-    }
+    UrbCall call(Pdo(), &reset, true);
+    ASSERT_EQ(call.Send(), STATUS_PENDING);
+    EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
     // CLEAR_FEATURE(ENDPOINT_HALT) to the endpoint.
     EXPECT_EQ(Fields(device.ControlLog().back()),
               (SetupFields{0x02, 1, 0, FakeUsbDevice::kBulkIn, 0}));
@@ -197,17 +183,11 @@ TEST_F(PipeTest, ReadinessSignalledDuringTheNakedTransactionIsNotLost) {
 
 TEST_F(PipeTest, AbortCancelsEveryPendingTransferBeforeCompletingItself) {
     device.SetNak(FakeUsbDevice::kBulkIn, true);
-    std::mutex mutex;
-    std::vector<int> completionOrder;
-    auto record = [&](int who) {
-        std::lock_guard lock(mutex);
-        completionOrder.push_back(who);
-    };
     URB urbs[3] = {BulkIn(), BulkIn(), BulkIn()};
     std::vector<std::unique_ptr<UrbCall>> transfers;
     for (int i = 0; i < 3; ++i) {
         transfers.push_back(std::make_unique<UrbCall>(Pdo(), &urbs[i]));
-        transfers.back()->onCompletion = [&record, i] { record(i); };
+        RecordCompletion(*transfers.back(), i);
         ASSERT_EQ(transfers.back()->Send(), STATUS_PENDING);
     }
     stack->WaitIdle();
@@ -215,7 +195,7 @@ TEST_F(PipeTest, AbortCancelsEveryPendingTransferBeforeCompletingItself) {
     // Aborts may come at DISPATCH_LEVEL; TearDown fails on any verifier finding.
     URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(FakeUsbDevice::kBulkIn));
     UrbCall call(Pdo(), &abort, true);
-    call.onCompletion = [&] { record(99); };
+    RecordCompletion(call, 99);
     winsim::RunAtIrql(DISPATCH_LEVEL, [&] { EXPECT_EQ(call.Send(), STATUS_PENDING); });
     EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
 

@@ -1,5 +1,6 @@
-// Requests the stack refuses inside IoCallDriver, fault rules that hit the
-// request they name, and the verifier's findings about clients.
+// Requests refused inside IoCallDriver, fault rules, and findings about clients.
+#include <tuple>
+
 #include "usb_stack_fixture.h"
 
 namespace usbtest {
@@ -27,38 +28,30 @@ TEST_F(RequestTest, MalformedUrbsAreRefusedAtOnceWithTheirOwnStatus) {
     std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
     std::vector<uint8_t> notConfiguration = descriptor;
     notConfiguration[1] = USB_INTERFACE_DESCRIPTOR_TYPE;
-    UrbBuffer tooShortForPipes = SelectUrb(&descriptor, nullptr, 0, 3, 4096);
+    UrbBuffer tooShortForPipes = SelectUrb(&descriptor, nullptr, 0, 3);
     tooShortForPipes->UrbHeader.Length -= sizeof(USBD_PIPE_INFORMATION);
-    const auto unknownPipe = reinterpret_cast<USBD_PIPE_HANDLE>(0x1234);
-    const USBD_PIPE_HANDLE bulkIn = PipeFor(FakeUsbDevice::kBulkIn);
+    const auto stray = reinterpret_cast<USBD_PIPE_HANDLE>(0x1234);
+    const USBD_PIPE_HANDLE in = PipeFor(FakeUsbDevice::kBulkIn);
+    const auto otherConfiguration = reinterpret_cast<USBD_CONFIGURATION_HANDLE>(0x99);
+    constexpr USBD_STATUS kInvalid = USBD_STATUS_INVALID_PARAMETER;
     struct Case {
         const char* what;
         UrbBuffer urb;
         USBD_STATUS status;
     } cases[] = {
-        {"URB shorter than its function's structure", Copy(RegisterRead(), 1),
-         USBD_STATUS_INVALID_PARAMETER},
-        {"function the stack does not know", Copy(RegisterRead(), 0, 0x7F),
-         USBD_STATUS_INVALID_URB_FUNCTION},
-        {"pipe handle the stack never issued", Copy(TransferUrb(unknownPipe, true, data, 4)),
+        {"URB shorter than its structure", Copy(RegisterRead(), 1), kInvalid},
+        {"unknown function", Copy(RegisterRead(), 0, 0x7F), USBD_STATUS_INVALID_URB_FUNCTION},
+        {"pipe never issued", Copy(TransferUrb(stray, true, data, 4)),
          USBD_STATUS_INVALID_PIPE_HANDLE},
-        {"IN transfer on an OUT endpoint", Copy(TransferOn(FakeUsbDevice::kBulkOut)),
-         USBD_STATUS_INVALID_PARAMETER},
-        {"transfer above the pipe's MaximumTransferSize",
-         Copy(TransferUrb(bulkIn, true, data, 0x200001)), USBD_STATUS_INVALID_PARAMETER},
-        {"data length without buffer or MDL", Copy(TransferUrb(bulkIn, true, nullptr, 16)),
-         USBD_STATUS_INVALID_PARAMETER},
-        {"alternate setting the configuration does not have",
-         SelectUrb(nullptr, configurationHandle, 7, 2, 4096), USBD_STATUS_INTERFACE_NOT_FOUND},
-        {"configuration handle that is not the current one",
-         SelectUrb(nullptr, reinterpret_cast<USBD_CONFIGURATION_HANDLE>(0x99), 1, 2, 4096),
-         USBD_STATUS_INVALID_PARAMETER},
-        {"interface information with room for fewer pipes than the setting has",
-         SelectUrb(nullptr, configurationHandle, 1, 1, 4096), USBD_STATUS_INVALID_PARAMETER},
-        {"URB too short for the interface information it announces", std::move(tooShortForPipes),
-         USBD_STATUS_INVALID_PARAMETER},
-        {"descriptor that is not a configuration descriptor",
-         SelectUrb(&notConfiguration, nullptr, 0, 3, 4096),
+        {"IN transfer on an OUT endpoint", Copy(TransferOn(FakeUsbDevice::kBulkOut)), kInvalid},
+        {"above MaximumTransferSize", Copy(TransferUrb(in, true, data, 0x200001)), kInvalid},
+        {"length without buffer or MDL", Copy(TransferUrb(in, true, nullptr, 16)), kInvalid},
+        {"no such setting", SelectUrb(nullptr, configurationHandle, 7, 2),
+         USBD_STATUS_INTERFACE_NOT_FOUND},
+        {"not the current configuration", SelectUrb(nullptr, otherConfiguration, 1, 2), kInvalid},
+        {"fewer pipes than the setting", SelectUrb(nullptr, configurationHandle, 1, 1), kInvalid},
+        {"URB shorter than its interface information", std::move(tooShortForPipes), kInvalid},
+        {"not a configuration descriptor", SelectUrb(&notConfiguration, nullptr, 0, 3),
          USBD_STATUS_INAVLID_CONFIGURATION_DESCRIPTOR},
     };
     for (Case& c : cases) {
@@ -95,9 +88,7 @@ TEST_F(RequestTest, FaultRuleHitsTheNthRequestOfItsKindCountedFromWhenItWasAdded
     EXPECT_EQ(Read(urb), STATUS_SUCCESS);
 
     const usbsim::RequestCounts vendor = stack->Counts(RequestKind::VendorDevice);
-    EXPECT_EQ(vendor.submitted, 4u);
-    EXPECT_EQ(vendor.completed, 3u);
-    EXPECT_EQ(vendor.failed, 1u);
+    EXPECT_EQ(std::tuple(vendor.submitted, vendor.completed, vendor.failed), std::tuple(4, 3, 1));
     EXPECT_EQ(stack->Counts(RequestKind::SelectConfiguration).completed, 1u);
 
     // Occurrence 0 hits every request until the rules are cleared.

@@ -1,6 +1,5 @@
-// The common set-up of the stack's tests: a scriptable fake device behind a
-// fresh UsbStack, URBs sent in IRPs of their own the way a client driver sends
-// them, URB builders, and a verifier check at the end of every test.
+// A scriptable fake device behind a fresh UsbStack, URBs sent in IRPs of their
+// own as a client driver sends them, and a verifier check after every test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,11 +27,9 @@ using usbsim::RequestKind;
 using usbsim::SetupPacket;
 using usbsim::TransferResult;
 
-// Configuration 1 has interface 0 with two alternate settings:
-//   0: bulk IN 0x81, bulk OUT 0x02 (512-byte packets), interrupt IN 0x83 (4 bytes, interval 8)
-//   1: bulk IN 0x81, bulk IN 0x84 (512-byte packets)
-// Without a scripted answer, IN requests fill the buffer with bytes counting
-// up from 0 and OUT requests take everything.
+// Configuration 1, interface 0: setting 0 has bulk 0x81, bulk 0x02 and interrupt 0x83
+// (4 bytes, interval 8), setting 1 bulk 0x81 and 0x84. Unscripted IN requests
+// get bytes counting up from 0; OUT requests take everything.
 class FakeUsbDevice final : public usbsim::UsbDevice {
   public:
     static constexpr uint8_t kBulkIn = 0x81, kBulkOut = 0x02, kInterruptIn = 0x83,
@@ -51,7 +48,7 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
         // clang-format on
     }
 
-    // Scripted answers for an endpoint (0 for control requests), used in order.
+    // Answers for an endpoint (0: control), used in order.
     void QueueAnswer(uint8_t endpoint, TransferResult answer, std::vector<uint8_t> data = {}) {
         std::lock_guard lock(mutex_);
         answers_[endpoint].push_back({answer, std::move(data)});
@@ -70,13 +67,11 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
         std::lock_guard lock(mutex_);
         return controlLog_;
     }
-    // Endpoint and length of every transfer that reached the device.
     std::vector<std::pair<uint8_t, size_t>> TransferLog() const {
         std::lock_guard lock(mutex_);
         return transferLog_;
     }
-    // Runs inside Transfer before it answers, e.g. to hold the bus; set it
-    // before sending the transfers it is for.
+    // Runs inside Transfer before it answers, e.g. to hold the bus.
     std::function<void(uint8_t endpoint)> onTransfer;
 
     TransferResult Control(const SetupPacket& setup, std::span<uint8_t> data) override {
@@ -123,12 +118,10 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
     std::function<void(uint8_t)> ready_;
 };
 
-// One URB in an IRP of its own, whose completion routine signals an event
-// and keeps the IRP.
+// One URB in an IRP of its own; the completion routine signals and keeps the IRP.
 class UrbCall {
   public:
-    // `ownLocation`: allocate one location more and step into it, as clients
-    // do for pipe resets and aborts.
+    // `ownLocation`: one location more, stepped into, as clients do for resets and aborts.
     UrbCall(PDEVICE_OBJECT pdo, PURB urb, bool ownLocation = false) : pdo_(pdo), urb_(urb) {
         irp = IoAllocateIrp(static_cast<CCHAR>(pdo->StackSize + (ownLocation ? 1 : 0)), FALSE);
         if (ownLocation) {
@@ -144,12 +137,11 @@ class UrbCall {
         IoFreeIrp(irp);
     }
 
-    NTSTATUS Send() {  // IoCallDriver's result
+    NTSTATUS Send() {
         sent_ = true;
         return IoCallDriver(pdo_, irp);
     }
-    // The IRP's final status, or STATUS_TIMEOUT (and a failure) if it never
-    // completes; the timeout only turns a hang into a failure.
+    // The final status; the time-out only turns a hang into a failure.
     NTSTATUS Wait() {
         LARGE_INTEGER timeout;
         timeout.QuadPart = -static_cast<LONGLONG>(60 * winsim::TimeScale() * 10'000'000);
@@ -161,7 +153,7 @@ class UrbCall {
         return irp->IoStatus.Status;
     }
     bool Completed() const { return completed_; }
-    // Fills the next stack location with the request (again, for resending).
+    // Fills the next stack location (again, for resending).
     void PrepareNextLocation() {
         PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
         next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
@@ -171,7 +163,6 @@ class UrbCall {
     }
 
     PIRP irp;
-    // Where the completion routine ran, and what it runs before signalling.
     KIRQL completionIrql = 0xFF;
     std::thread::id completionThread;
     std::function<void()> onCompletion;
@@ -196,15 +187,13 @@ class UrbCall {
     std::atomic<bool> completed_{false};
 };
 
-// Send and wait: the final NT status.
 inline NTSTATUS SubmitUrb(PDEVICE_OBJECT pdo, PURB urb) {
     UrbCall call(pdo, urb);
     const NTSTATUS status = call.Send();
     return status == STATUS_PENDING ? call.Wait() : status;
 }
 
-// A URB of any length, suitably aligned; never smaller than the URB union,
-// so that its header can be reached through a PURB.
+// A URB of any length, aligned, with room for the URB union behind a PURB.
 class UrbBuffer {
   public:
     explicit UrbBuffer(size_t bytes) : storage_((std::max(bytes, sizeof(URB)) + 7) / 8) {
@@ -223,7 +212,6 @@ inline PUSBD_INTERFACE_INFORMATION InterfaceOf(UrbBuffer& urb) {  // of either s
                : &urb->UrbSelectInterface.Interface;
 }
 
-// Fills the header and the data stage of a vendor or transfer URB.
 template <class Part>
 void FillUrb(Part& u, USHORT function, bool in, void* buffer, ULONG length) {
     u.Hdr.Length = sizeof u;
@@ -257,11 +245,10 @@ inline URB PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe) {
     return urb;
 }
 
-// Selects interface 0 of `descriptor`, alternate setting `alternate` with
-// `pipes` pipes, each with the given MaximumTransferSize; with a configuration
-// handle instead of a descriptor, as a select-interface URB.
+// Selects `alternate` of interface 0 with `pipes` pipes: of `descriptor`, or with
+// `handle` as a select-interface URB.
 inline UrbBuffer SelectUrb(std::vector<uint8_t>* descriptor, USBD_CONFIGURATION_HANDLE handle,
-                           uint8_t alternate, ULONG pipes, ULONG maximumTransferSize) {
+                           uint8_t alternate, ULONG pipes) {
     UrbBuffer urb(descriptor ? GET_SELECT_CONFIGURATION_REQUEST_SIZE(1, pipes)
                              : GET_SELECT_INTERFACE_REQUEST_SIZE(pipes));
     if (descriptor) {
@@ -277,16 +264,15 @@ inline UrbBuffer SelectUrb(std::vector<uint8_t>* descriptor, USBD_CONFIGURATION_
     info->AlternateSetting = alternate;
     info->NumberOfPipes = pipes;
     for (ULONG i = 0; i < pipes; ++i) {
-        (info->Pipes + i)->MaximumTransferSize = maximumTransferSize;
+        (info->Pipes + i)->MaximumTransferSize = 0x200000;
     }
     return urb;
 }
 
-// The fields of a setup packet, for comparing them in one go.
-inline std::array<unsigned, 5> Fields(const SetupPacket& s) {
+using SetupFields = std::array<unsigned, 5>;
+inline SetupFields Fields(const SetupPacket& s) {
     return {s.bmRequestType, s.bRequest, s.wValue, s.wIndex, s.wLength};
 }
-using SetupFields = std::array<unsigned, 5>;
 
 class UsbStackTest : public ::testing::Test {
   protected:
@@ -298,8 +284,7 @@ class UsbStackTest : public ::testing::Test {
         winsim::SetTimeScale(1000);
         stack = std::make_unique<usbsim::UsbStack>(device);
     }
-    // Fails on every verifier finding that ExpectViolation did not announce,
-    // and on every announced one that did not come.
+    // Every finding must be announced by ExpectViolation, and every announced one come.
     void TearDown() override {
         stack.reset();
         std::set<std::string> seen;
@@ -314,11 +299,9 @@ class UsbStackTest : public ::testing::Test {
 
     PDEVICE_OBJECT Pdo() const { return stack->PhysicalDeviceObject(); }
 
-    // Selects configuration 1 with the given alternate setting.
-    void Configure(uint8_t alternate = 0, ULONG maximumTransferSize = 0x200000) {
+    void Configure(uint8_t alternate = 0) {
         std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
-        UrbBuffer urb =
-            SelectUrb(&descriptor, nullptr, alternate, alternate == 0 ? 3 : 2, maximumTransferSize);
+        UrbBuffer urb = SelectUrb(&descriptor, nullptr, alternate, alternate == 0 ? 3 : 2);
         ASSERT_EQ(SubmitUrb(Pdo(), urb.get()), STATUS_SUCCESS);
         configurationHandle = urb->UrbSelectConfiguration.ConfigurationHandle;
     }
@@ -333,13 +316,18 @@ class UsbStackTest : public ::testing::Test {
         return {};
     }
 
-    // A 4-byte vendor read of kRegister into `data`.
     URB RegisterRead() { return VendorUrb(true, 0x12, kRegister, data, sizeof data); }
-    // A transfer on `endpoint`'s pipe into a buffer of its own.
     URB TransferOn(uint8_t endpoint, ULONG length = 512) {
         return TransferUrb(PipeFor(endpoint), true, buffers.emplace_back(length).data(), length);
     }
     URB BulkIn(ULONG length = 512) { return TransferOn(FakeUsbDevice::kBulkIn, length); }
+    // `call` appends `id` to completionOrder when it completes.
+    void RecordCompletion(UrbCall& call, int id) {
+        call.onCompletion = [this, id] {
+            std::lock_guard lock(orderMutex);
+            completionOrder.push_back(id);
+        };
+    }
 
     FakeUsbDevice device;
     std::unique_ptr<usbsim::UsbStack> stack;
@@ -347,6 +335,8 @@ class UsbStackTest : public ::testing::Test {
     std::set<std::string> expectedViolations;
     uint8_t data[4] = {};
     std::list<std::vector<uint8_t>> buffers;
+    std::mutex orderMutex;
+    std::vector<int> completionOrder;
 };
 
 }  // namespace usbtest

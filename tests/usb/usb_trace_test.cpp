@@ -1,5 +1,4 @@
-// The bus trace: a pcap file of usbmon packets that Wireshark's tools decode,
-// with large bulk data cut to the snapshot length.
+// The bus trace: usbmon packets in a pcap file, large bulk data cut to the snapshot length.
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,16 +12,13 @@ namespace {
 
 const char kTshark[] = "/usr/bin/tshark";
 
-// What the command writes to its standard output.
-std::string Output(const std::string& command) {
+std::string Output(const std::string& command) {  // its standard output
     std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        for (int c; (c = fgetc(pipe)) != EOF;) {
-            output += static_cast<char>(c);
-        }
-        pclose(pipe);
+    FILE* pipe = popen(command.c_str(), "r");
+    for (int c; pipe && (c = fgetc(pipe)) != EOF;) {
+        output += static_cast<char>(c);
     }
-    return output;
+    return pipe && pclose(pipe) >= 0 ? output : "";
 }
 
 class UsbTraceTest : public UsbStackTest {};
@@ -31,7 +27,6 @@ TEST_F(UsbTraceTest, EveryTransactionIsSubmittedAndCompletedWithLargeDataCut) {
     if (!std::filesystem::exists(kTshark)) {
         GTEST_SKIP() << "tshark is not installed";
     }
-    // The process id keeps builds that run the test at the same time apart.
     const std::string path =
         ::testing::TempDir() + "usb_trace_" + std::to_string(getpid()) + ".pcap";
     stack->StartTrace(path);
