@@ -160,7 +160,7 @@ VideoRangeView DecodeVideo(const KS_DATARANGE_VIDEO& range) {
     v.bitsPerPixel = info.bmiHeader.biBitCount;
     v.width = info.bmiHeader.biWidth;
     v.topDown = info.bmiHeader.biHeight < 0;
-    v.height = v.topDown ? -info.bmiHeader.biHeight : info.bmiHeader.biHeight;
+    v.height = v.topDown ? -int64_t{info.bmiHeader.biHeight} : info.bmiHeader.biHeight;
     v.minWidth = caps.MinOutputSize.cx;
     v.minHeight = caps.MinOutputSize.cy;
     v.maxWidth = caps.MaxOutputSize.cx;

@@ -22,8 +22,8 @@ struct VideoRangeView {
     GUID subFormat{};
     uint32_t fourCC = 0;  // biCompression
     uint32_t bitsPerPixel = 0;
-    int32_t width = 0;  // current size (biWidth, |biHeight|)
-    int32_t height = 0;
+    int32_t width = 0;                    // current size (biWidth, |biHeight|)
+    int64_t height = 0;                   // wide enough for |INT32_MIN|
     bool topDown = false;                 // biHeight < 0
     int32_t minWidth = 0, minHeight = 0;  // MinOutputSize
     int32_t maxWidth = 0, maxHeight = 0;  // MaxOutputSize

@@ -41,16 +41,6 @@ inline Handshake Out(Camera& camera, uint8_t bmRequestType, uint8_t bRequest, ui
     const auto length = static_cast<uint16_t>(data.size());
     return camera.Control({bmRequestType, bRequest, wValue, wIndex, length}, data).handshake;
 }
-inline usbsim::TransferResult TransferOut(Camera& camera, uint8_t endpoint, Bytes bytes) {
-    return camera.Transfer(endpoint, bytes);
-}
-
-inline Handshake SetConfiguration(Camera& camera, uint16_t value = 1) {
-    return Out(camera, 0x00, 9, value, 0);
-}
-inline Handshake SetInterface(Camera& camera, uint16_t alternate) {
-    return Out(camera, 0x01, 11, alternate, 0);
-}
 
 inline Reply ReadRegisters(Camera& camera, uint16_t index, uint16_t length) {
     return In(camera, 0xC0, vendor_request::kRegisterAccess, 0, index, length);

@@ -12,17 +12,14 @@ Bytes Image() {
     return {image.begin(), image.end()};
 }
 
-void SelectDownloadSetting(Camera& camera) {
-    ASSERT_EQ(SetConfiguration(camera), kAck);
-    ASSERT_EQ(SetInterface(camera, 1), kAck);
-}
-
-// Enters program mode and sends the transfers.
-void Program(Camera& camera, const std::vector<Bytes>& transfers, uint8_t to = kFpgaEndpoint) {
+// Selects the download setting, enters program mode and sends the transfers.
+void Program(Camera& camera, std::vector<Bytes> transfers) {
+    ASSERT_EQ(Out(camera, 0x00, 9, 1, 0), kAck);
+    ASSERT_EQ(Out(camera, 0x01, 11, 1, 0), kAck);
     ASSERT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaEnterProgramMode), kAck);
     EXPECT_TRUE(camera.FpgaProgramMode());
-    for (const Bytes& transfer : transfers) {
-        ASSERT_EQ(TransferOut(camera, to, transfer).handshake, kAck);
+    for (Bytes& transfer : transfers) {
+        ASSERT_EQ(camera.Transfer(kFpgaEndpoint, transfer).handshake, kAck);
     }
 }
 
@@ -36,11 +33,7 @@ uint32_t Mode(Camera& camera) {
 }
 
 TEST(Fpga, TheRightImageConfiguresAfterTheBusyPolls) {
-    EXPECT_EQ(ExpectedFpgaImage().size(), 97991u);
     Camera camera(ParseProfile(R"({"fpga": {"busyPolls": 2, "version": "0x00020001"}})"));
-    EXPECT_EQ(camera.FpgaEndpoint(), (std::pair<uint8_t, uint8_t>{1, kFpgaEndpoint}));
-    SelectDownloadSetting(camera);
-    EXPECT_EQ(Mode(camera), 0u);
     Program(camera, {Image()});
     // The driver's order: busy polls while still in program mode, then leave it.
     EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
@@ -49,21 +42,6 @@ TEST(Fpga, TheRightImageConfiguresAfterTheBusyPolls) {
     Leave(camera);
     EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
     EXPECT_EQ(Read(camera, reg::kFpgaVersion), 0x00020001u);
-    // The configuration survives a settings reset.
-    WriteRegister(camera, reg::kReset, reg::kResetMagic);
-    EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
-
-    // Busy polls not used in program mode show after leaving it.
-    Camera early(ParseProfile(R"({"fpga": {"busyPolls": 3}})"));
-    SelectDownloadSetting(early);
-    Program(early, {Image()});
-    Leave(early);
-    EXPECT_FALSE(early.FpgaConfigured());
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(Mode(early), reg::kFpgaBusy);
-    }
-    EXPECT_EQ(Mode(early), reg::kFpgaConfigured);
-    EXPECT_TRUE(early.FpgaConfigured());
 }
 
 TEST(Fpga, AWrongShortSplitOrRepeatedImageLeavesItUnconfigured) {
@@ -78,59 +56,30 @@ TEST(Fpga, AWrongShortSplitOrRepeatedImageLeavesItUnconfigured) {
     for (const auto& [what, transfers] : downloads) {
         SCOPED_TRACE(what);
         Camera camera;
-        SelectDownloadSetting(camera);
         Program(camera, transfers);
         Leave(camera);
         EXPECT_EQ(Mode(camera), 0u);
     }
 }
 
-TEST(Fpga, OnlyImagesSentInProgramModeCountAndEnteringItStartsOver) {
+TEST(Fpga, OnlyImagesSentInProgramModeCountAndAnAbsentFpgaRefusesAll) {
     Camera camera;
-    SelectDownloadSetting(camera);
-    ASSERT_EQ(TransferOut(camera, kFpgaEndpoint, Image()).handshake, kAck);
-    EXPECT_EQ(camera.FpgaImageTransfers(), 0u);
     Program(camera, {});
     Leave(camera);
-    EXPECT_EQ(Mode(camera), 0u);
+    Bytes image = Image();
+    ASSERT_EQ(camera.Transfer(kFpgaEndpoint, image).handshake, kAck);
+    EXPECT_EQ(camera.FpgaImageTransfers(), 0u);
+    Program(camera, {});
     // Other values written to the mode register are not commands.
-    Program(camera, {Image()});
     WriteRegister(camera, reg::kFpgaMode, 0x1234);
     EXPECT_TRUE(camera.FpgaProgramMode());
-
-    // Entering program mode drops a configuration.
-    Camera configured(ParseProfile(R"({"fpga": {"startsConfigured": true}})"));
-    EXPECT_EQ(Mode(configured), reg::kFpgaConfigured);
-    Program(configured, {});
-    EXPECT_EQ(Mode(configured), 0u);
-    Leave(configured);
-    EXPECT_EQ(Mode(configured), 0u);
-}
-
-TEST(Fpga, ProfileChoosesALenientFpgaNoneOrTheEndpoint) {
-    Camera lenient(ParseProfile(R"({"fpga": {"image": "any"}})"));
-    SelectDownloadSetting(lenient);
-    Program(lenient, {Bytes(512, 0xAB)});
-    Leave(lenient);
-    EXPECT_EQ(Mode(lenient), reg::kFpgaConfigured);
+    Leave(camera);
+    EXPECT_EQ(Mode(camera), 0u);
 
     Camera none(ParseProfile(R"({"fpga": {"present": false}})"));
     EXPECT_EQ(Probe(none, reg::kFpgaMode), kStall);
     EXPECT_EQ(WriteRegister(none, reg::kFpgaMode, reg::kFpgaEnterProgramMode), kStall);
     EXPECT_EQ(Probe(none, reg::kFpgaVersion), kStall);
-
-    // The first bulk-out endpoint in any setting carries the image.
-    Camera camera(ParseProfile(R"({"configuration": {"alternateSettings": [
-        {"endpoints": [{"address": "0x81", "type": "bulk", "maxPacketSize": 64},
-                       {"address": "0x05", "type": "bulk", "maxPacketSize": 64},
-                       {"address": "0x06", "type": "bulk", "maxPacketSize": 64}]}]}})"));
-    EXPECT_EQ(camera.FpgaEndpoint(), (std::pair<uint8_t, uint8_t>{0, 0x05}));
-    ASSERT_EQ(SetConfiguration(camera), kAck);
-    Program(camera, {Image()}, 0x06);
-    EXPECT_EQ(camera.FpgaImageTransfers(), 0u);
-    ASSERT_EQ(TransferOut(camera, 0x05, Image()).handshake, kAck);
-    Leave(camera);
-    EXPECT_TRUE(camera.FpgaConfigured());
 }
 
 }  // namespace

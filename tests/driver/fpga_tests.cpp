@@ -11,7 +11,6 @@
 namespace ornixtest {
 namespace {
 
-using usbsim::FaultAction;
 using usbsim::RequestKind;
 
 constexpr uint32_t kFpgaVersion = 0x00010203;  // the default camera's
@@ -37,25 +36,20 @@ class FpgaTest : public DriverTest {
     }
 
     // The mode register answers i(dle), b(usy) or d(one) in turn, the last one for ever.
-    void ScriptModeReads(const std::string& answers) {
-        auto script = std::make_shared<std::vector<uint32_t>>();
-        for (char answer : answers) {
-            script->push_back(answer == 'b'   ? ORNIX_FPGA_BUSY
-                              : answer == 'd' ? ORNIX_FPGA_CONFIGURED
-                                              : 0);
-        }
+    void ScriptModeReads(std::string answers) {
         auto next = std::make_shared<size_t>(0);
-        Camera().SetReadHook(ORNIX_FPGA_MODE, [script, next](uint16_t, uint32_t) {
-            return (*script)[std::min((*next)++, script->size() - 1)];
+        Camera().SetReadHook(ORNIX_FPGA_MODE, [answers, next](uint16_t, uint32_t) -> uint32_t {
+            const char answer = answers[std::min((*next)++, answers.size() - 1)];
+            return answer == 'b' ? ORNIX_FPGA_BUSY : answer == 'd' ? ORNIX_FPGA_CONFIGURED : 0;
         });
     }
 
     // What the camera saw, one short line per request.
     Lines Traffic() {
         Lines lines;
-        char line[64];
         for (const ornixcam::LoggedRequest& logged : Camera().Requests()) {
             const usbsim::SetupPacket& setup = logged.setup;
+            char line[64];
             if (logged.kind == ornixcam::LoggedRequest::Kind::Transfer) {
                 std::snprintf(line, sizeof(line), "bulk %02x %u", logged.endpoint,
                               logged.result.actual);
@@ -78,51 +72,38 @@ class FpgaTest : public DriverTest {
         }
         return lines;
     }
-
-    size_t Delays() { return CountLogged("ORNIX: Delay for fpga still programming"); }
 };
 
-Lines operator+(Lines a, const Lines& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+// Into the FPGA's setting 1, the image, a poll, out of program mode and its check, back
+// to setting 0, and the version.
+const Lines kDownload = {"read 0008",     "setting 1",     "write 0008=ffffffff",
+                         "clear halt 02", "clear halt 02", "bulk 02 97991",
+                         "read 0008",     "write 0008=0",  "read 0008",
+                         "setting 0",     "read 000c"};
 
-// Up to the image, when the FPGA pipe needs setting 1.
-const Lines kToImage = {"read 0008",     "setting 1",     "write 0008=ffffffff",
-                        "clear halt 02", "clear halt 02", "bulk 02 97991"};
-const Lines kDownloadInFpgaSetting =
-    kToImage + Lines{"read 0008", "write 0008=0", "read 0008", "setting 0", "read 000c"};
-
-TEST_F(FpgaTest, DownloadSendsTheImageAndReadsTheVersionOnlyTheFirstTime) {
+TEST_F(FpgaTest, DownloadSendsTheImageWaitsWhileBusyAndReadsTheVersionOnlyTheFirstTime) {
     EXPECT_EQ(OrnixProgramFpga(Ext()), STATUS_SUCCESS);
-    EXPECT_EQ(Traffic(), kDownloadInFpgaSetting);
+    EXPECT_EQ(Traffic(), kDownload);
     EXPECT_TRUE(Camera().FpgaConfigured());
     EXPECT_EQ(Ext()->FpgaVersion, kFpgaVersion);
     EXPECT_EQ(Ext()->CurrentAltSetting, 0u);
-    EXPECT_EQ(Camera().AlternateSetting(), 0);
-    EXPECT_EQ(Delays(), 0u);
+    // Busy at the first poll this time: one delay and one more poll.
     UnconfigureFpga();
+    ScriptModeReads("ibid");
     EXPECT_EQ(OrnixProgramFpga(Ext()), STATUS_SUCCESS);
-    Lines expected = kDownloadInFpgaSetting;
-    expected.pop_back();  // no version read
+    EXPECT_EQ(CountLogged("ORNIX: Delay for fpga still programming"), 1u);
+    Lines expected = kDownload;
+    expected.insert(expected.begin() + 6, "read 0008");  // after the image
+    expected.pop_back();                                 // no version read
     EXPECT_EQ(Traffic(), expected);
     EXPECT_TRUE(Camera().FpgaConfigured());
     EXPECT_EQ(Ext()->FpgaVersion, kFpgaVersion);
-}
-
-TEST_F(FpgaTest, BusyOnceIsWaitedForOnce) {
-    ScriptModeReads("ibid");
-    EXPECT_EQ(OrnixProgramFpga(Ext()), STATUS_SUCCESS);
-    EXPECT_EQ(Delays(), 1u);
-    EXPECT_EQ(Traffic(), (kToImage + Lines{"read 0008", "read 0008", "write 0008=0", "read 0008",
-                                           "setting 0", "read 000c"}));
 }
 
 // bcdDevice indexes the image table: a release without image must not read past it.
 TEST_F(FpgaTest, NothingIsDoneWithoutNeed) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
     const ULONG pipe = ext->FpgaPipe;
-    PUSB_DEVICE_DESCRIPTOR descriptor = ext->DeviceDescriptor;
     auto expectOnly = [&](const std::string& message, const Lines& traffic) {
         winsim::ClearDebugLog();
         Camera().ClearRequests();
@@ -134,31 +115,23 @@ TEST_F(FpgaTest, NothingIsDoneWithoutNeed) {
     ext->FpgaPipe = ORNIX_NO_PIPE;
     expectOnly("ORNIX: No FPGA pipe", {});
     ext->FpgaPipe = pipe;
-    ext->DeviceDescriptor = nullptr;
-    expectOnly("ORNIX: No Device Descriptor", {});
-    ext->DeviceDescriptor = descriptor;
-    descriptor->bcdDevice = 1;  // a release without image
+    ext->DeviceDescriptor->bcdDevice = 1;  // a release without image
     expectOnly("ORNIX: No FPGA program, fpgaConfig is 1", {});
-    descriptor->bcdDevice = 0;
+    ext->DeviceDescriptor->bcdDevice = 0;
     ScriptModeReads("d");
     expectOnly("ORNIX: fpga is already programmed!!", {"read 0008"});
 }
 
-// One failing step of the download, and what must follow it.
-enum class Undo {
-    None,
-    LeaveProgramModeAndRestore,  // write 0 to the mode register, then the old setting
-    Restore,                     // the old setting only
-};
-
+// One failing step of the download: the requests that still reach the camera are the
+// download's up to that step, then what undoes it.
 struct FailureCase {
     const char* name;
     RequestKind kind;  // Other: nothing is made to fail
     uint32_t occurrence;
     const char* message;  // nullptr: nothing printed
     NTSTATUS status;
-    Undo undo;
-    uint64_t vendorRequests;     // register requests sent, the failed one included
+    size_t reached;              // requests of kDownload the camera saw
+    Lines undo;                  // the requests after them
     std::string modeReads = "";  // as ScriptModeReads takes them; empty: the camera's FPGA
 };
 
@@ -177,52 +150,46 @@ TEST_P(FpgaFailureTest, FailureIsReportedAndUndone) {
     if (c.kind != RequestKind::Other) {
         Stack().AddFault({.kind = c.kind,
                           .occurrence = c.occurrence,
-                          .action = FaultAction::FailWithStatus,
+                          .action = usbsim::FaultAction::FailWithStatus,
                           .usbdStatus = USBD_STATUS_DEVICE_GONE});
     }
-    const uint64_t vendorBefore = Stack().Counts(RequestKind::VendorDevice).submitted;
     EXPECT_EQ(OrnixProgramFpga(Ext()), c.status);
     if (c.message != nullptr) {
         EXPECT_EQ(CountLogged(c.message), 1u);
     }
     EXPECT_EQ(Ext()->FpgaVersion, 0u);
-    // Undo shows in the register requests sent and in the traffic that reached the camera.
-    EXPECT_EQ(Stack().Counts(RequestKind::VendorDevice).submitted - vendorBefore, c.vendorRequests);
-    Lines traffic = Traffic();
-    if (c.undo == Undo::None) {
-        // A failed first read is refused before it reaches the camera.
-        EXPECT_EQ(traffic, c.kind == RequestKind::VendorDevice ? Lines{} : Lines{"read 0008"});
-        return;
-    }
-    ASSERT_GE(traffic.size(), 2u);
-    EXPECT_EQ(traffic.back(), "setting 0");
     EXPECT_EQ(Ext()->CurrentAltSetting, 0u);
-    EXPECT_EQ(Camera().AlternateSetting(), 0);
-    if (c.undo == Undo::LeaveProgramModeAndRestore) {
-        EXPECT_EQ(traffic[traffic.size() - 2], "write 0008=0");
-    }
+    Lines expected(kDownload.begin(), kDownload.begin() + c.reached);
+    expected.insert(expected.end(), c.undo.begin(), c.undo.end());
+    EXPECT_EQ(Traffic(), expected);
 }
 
-// Register requests: 1 mode read, 2 enter program mode, 3 busy poll, 4 leave, 5 done read.
 constexpr RequestKind kVendor = RequestKind::VendorDevice;
 constexpr NTSTATUS kGone = STATUS_DEVICE_REMOVED;
-constexpr Undo kLeave = Undo::LeaveProgramModeAndRestore;
+// Once in program mode it is left and setting 0 restored; once left, only the setting.
+const Lines kLeave = {"write 0008=0", "setting 0"};
+const Lines kRestore = {"setting 0"};
+// The FPGA still busy after the first poll: one or two more polls before leaving.
+const Lines kPollsAndLeave[] = {{"read 0008", "write 0008=0", "setting 0"},
+                                {"read 0008", "read 0008", "write 0008=0", "setting 0"}};
 const FailureCase kFailures[] = {
-    {"FirstRead", kVendor, 1, "ORNIX: fpga mode regread failed", kGone, Undo::None, 1},
-    {"SettingNotSelectable", RequestKind::SelectInterface, 1, nullptr, kGone, Undo::None, 1},
-    {"EnterProgramMode", kVendor, 2, "ORNIX: Failed to set in fpga program mode", kGone, kLeave, 3},
+    // A failed first read is refused before it reaches the camera.
+    {"FirstRead", kVendor, 1, "ORNIX: fpga mode regread failed", kGone, 0, {}},
+    {"SettingNotSelectable", RequestKind::SelectInterface, 1, nullptr, kGone, 1, {}},
+    {"EnterProgramMode", kVendor, 2, "ORNIX: Failed to set in fpga program mode", kGone, 2, kLeave},
     {"PipeReset", RequestKind::ResetPipe, 1, "ORNIX: Failed to reset fpga pipe with 0xc00002b6",
-     kGone, kLeave, 3},
+     kGone, 3, kLeave},
     {"BulkTransfer", RequestKind::BulkOrInterrupt, 1,
-     "ORNIX: Failed to program fpga, usb bulk failed:0xc00002b6", kGone, kLeave, 3},
-    {"BusyPoll", kVendor, 3, "ORNIX: Failed to read fpga mode reg", kGone, kLeave, 4},
-    {"FinalBusyRead", kVendor, 5, "ORNIX: Could not read fpga mode reg", kGone, kLeave, 6, "ibb"},
+     "ORNIX: Failed to program fpga, usb bulk failed:0xc00002b6", kGone, 5, kLeave},
+    {"BusyPoll", kVendor, 3, "ORNIX: Failed to read fpga mode reg", kGone, 6, kLeave},
+    {"FinalBusyRead", kVendor, 5, "ORNIX: Could not read fpga mode reg", kGone, 7,
+     kPollsAndLeave[0], "ibb"},
     {"StillBusyAfterTwoDelays", RequestKind::Other, 0, "ORNIX: fpga still programming, failing",
-     STATUS_UNSUCCESSFUL, kLeave, 6, "ib"},
-    {"LeaveProgramMode", kVendor, 4, "ORNIX: fpga mode write fialed", kGone, Undo::Restore, 4},
-    {"DoneRead", kVendor, 5, "ORNIX: fpga mode regread failed", kGone, Undo::Restore, 5},
+     STATUS_UNSUCCESSFUL, 7, kPollsAndLeave[1], "ib"},
+    {"LeaveProgramMode", kVendor, 4, "ORNIX: fpga mode write fialed", kGone, 7, kRestore},
+    {"DoneRead", kVendor, 5, "ORNIX: fpga mode regread failed", kGone, 8, kRestore},
     {"DoneBitClear", RequestKind::Other, 0, "ORNIX: Unexpected!: Fpga remained not programmed",
-     STATUS_UNSUCCESSFUL, Undo::Restore, 5, "i"},
+     STATUS_UNSUCCESSFUL, 9, kRestore, "i"},
 };
 INSTANTIATE_TEST_SUITE_P(EachStep, FpgaFailureTest, ::testing::ValuesIn(kFailures),
                          [](const ::testing::TestParamInfo<FailureCase>& info) {

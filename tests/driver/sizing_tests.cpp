@@ -21,12 +21,8 @@ class SizingTest : public ::testing::Test {
 };
 
 TEST_F(SizingTest, SizeIsBitsTimesPixelsOverEightStatusWordIsFourVariableSizeIsCapped) {
-    EXPECT_EQ(FrameSize(1, 101, 3), 454u);  // 3636 / 8
-    EXPECT_EQ(FrameSize(0, 640, 480), 307200u);
-    EXPECT_EQ(FrameSize(3, 640, 480), 921600u);
-    EXPECT_EQ(FrameSize(7, 640, 480), 921600u);
-    EXPECT_EQ(FrameSize(30, 2, 2), 8u);
-    EXPECT_EQ(FrameSize(31, 2, 2), 8u);
+    EXPECT_EQ(FrameSize(1, 101, 3), 454u);      // 3636 / 8
+    EXPECT_EQ(FrameSize(31, 2, 2), 8u);         // the last of the 16-bit ids
     EXPECT_EQ(FrameSize(32, 640, 480), 0u);     // unknown colour ids
     EXPECT_EQ(FrameSize(0x100, 640, 480), 0u);  // not truncated to 8 bits
     // 32-bit arithmetic, as the camera's registers are.
@@ -39,12 +35,10 @@ TEST_F(SizingTest, SizeIsBitsTimesPixelsOverEightStatusWordIsFourVariableSizeIsC
               (std::vector<std::string>{"ORNIX: GetUsbFrameSize: BAD parameters, w:0, h:480",
                                         "ORNIX: GetUsbFrameSize: BAD parameters, w:640, h:0"}));
     EXPECT_EQ(FrameSize(128, 4000, 3000), 4u);
-    EXPECT_EQ(FrameSize(128, 1, 1), 4u);
     EXPECT_EQ(FrameSize(129, 4000, 3000), 0x200000u);
     EXPECT_EQ(FrameSize(129, 640, 480), 307200u);  // below the cap
     ext_.HighSpeed = FALSE;
     EXPECT_EQ(FrameSize(129, 4000, 3000), 0x40000u);
-    EXPECT_EQ(FrameSize(129, 256, 256), 65536u);
     // The other ids are not capped at either speed.
     EXPECT_EQ(FrameSize(0, 4000, 3000), 12000000u);
 }
@@ -70,8 +64,6 @@ TEST_F(SizingTest, EachStreamUsesItsOwnSelectionAndZeroBinningGivesNoSize) {
     EXPECT_EQ(GetStreamUsbFrameSize(&ext_, 5, nullptr), 454u);  // any other number: capture
     EXPECT_EQ(GetStreamUsbFrameSize(&ext_, ORNIX_STILL_STREAM, &variable), 0x200000u);
     EXPECT_TRUE(variable);
-    ext_.HighSpeed = FALSE;
-    EXPECT_EQ(GetStreamUsbFrameSize(&ext_, ORNIX_STILL_STREAM, nullptr), 0x40000u);
     EXPECT_TRUE(winsim::DebugLog().empty());
     ext_.BinningX = 0x100;  // low byte 0
     EXPECT_EQ(GetStreamUsbFrameSize(&ext_, ORNIX_CAPTURE_STREAM, nullptr), 0u);

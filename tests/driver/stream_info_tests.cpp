@@ -37,7 +37,7 @@ class StreamInfoTest : public DriverTest {
     std::vector<uint64_t> buffer_;
 };
 
-TEST_F(StreamInfoTest, EachPinOffersTheCaptureFormatsUnderItsOwnName) {
+TEST_F(StreamInfoTest, EachPinOffersTheCaptureFormatsUnderItsOwnNameBelowTheDeviceTables) {
     const std::string names[] = {kCapturePin, kStillPin};
     for (ULONG streams : {2u, 1u}) {
         SCOPED_TRACE(streams);
@@ -46,25 +46,19 @@ TEST_F(StreamInfoTest, EachPinOffersTheCaptureFormatsUnderItsOwnName) {
         EXPECT_EQ(Header().NumberOfStreams, streams);
         EXPECT_EQ(Header().SizeOfHwStreamInformation, sizeof(HW_STREAM_INFORMATION));
         for (ULONG n = 0; n < streams; ++n) {
-            const HW_STREAM_INFORMATION& stream = Stream(n);
-            EXPECT_EQ(stream.NumberOfPossibleInstances, 1u);
-            EXPECT_EQ(stream.DataFlow, KSPIN_DATAFLOW_OUT);
-            EXPECT_EQ(stream.DataAccessible, TRUE);
-            EXPECT_EQ(stream.NumberOfFormatArrayEntries, 7u);  // the default camera's
-            EXPECT_EQ(stream.StreamFormatsArray, Ext()->CaptureFormats);
-            EXPECT_EQ(GuidText(stream.Name), names[n]);
-            EXPECT_EQ(GuidText(stream.Category), names[n]);
-            EXPECT_EQ(stream.NumStreamPropArrayEntries, 2u);
-            EXPECT_EQ(stream.StreamPropertiesArray, OrnixStreamPropertySets);
-            EXPECT_EQ(stream.NumStreamEventArrayEntries + stream.MediumsCount + stream.BridgeStream,
-                      0u);
+            const HW_STREAM_INFORMATION& s = Stream(n);
+            // One instance, out, accessible; the default camera's 7 formats, 2 property sets.
+            EXPECT_EQ(std::vector<ULONG>({s.NumberOfPossibleInstances, ULONG(s.DataFlow),
+                                          ULONG(s.DataAccessible), s.NumberOfFormatArrayEntries,
+                                          s.NumStreamPropArrayEntries, s.NumStreamEventArrayEntries,
+                                          s.MediumsCount, ULONG(s.BridgeStream)}),
+                      std::vector<ULONG>({1, KSPIN_DATAFLOW_OUT, TRUE, 7, 2, 0, 0, 0}));
+            EXPECT_EQ(s.StreamFormatsArray, Ext()->CaptureFormats);
+            EXPECT_EQ(s.StreamPropertiesArray, OrnixStreamPropertySets);
+            EXPECT_EQ(GuidText(s.Name), names[n]);
+            EXPECT_EQ(GuidText(s.Category), names[n]);
         }
     }
-}
-
-TEST_F(StreamInfoTest, HeaderCarriesTopologyTheDeviceTablesAndTheEventRoutineWithEvents) {
-    Ext()->StreamCount = 1;
-    ASSERT_EQ(Query(1).status, STATUS_SUCCESS);
     EXPECT_EQ(Header().NumDevPropArrayEntries, Ext()->PropertySetCount);
     EXPECT_EQ(Header().DevicePropertiesArray, Ext()->PropertySets);
     ASSERT_NE(Ext()->EventSetCount, 0u);
@@ -78,7 +72,7 @@ TEST_F(StreamInfoTest, HeaderCarriesTopologyTheDeviceTablesAndTheEventRoutineWit
     EXPECT_EQ(GuidText(&topology->Categories[1]), kStillPin);
     EXPECT_EQ(GuidText(&topology->Categories[2]), "65E8773D-8F56-11D0-A3B9-00A0C9223196");
     EXPECT_EQ(topology->TopologyNodesCount + topology->TopologyConnectionsCount, 0u);
-    Ext()->EventSetCount = 0;
+    Ext()->EventSetCount = 0;  // no event routine without events
     ASSERT_EQ(Query(1).status, STATUS_SUCCESS);
     EXPECT_EQ(Header().DeviceEventRoutine, nullptr);
 }
@@ -90,19 +84,9 @@ TEST_F(StreamInfoTest, AdapterNotReadyOrBufferTooSmallWritesNothing) {
     EXPECT_TRUE(Untouched());
     EXPECT_TRUE(Logged("ORNIX:  ext NOT Initialized "));
     Ext()->Uninitializing = FALSE;
-    Ext()->Initialized = FALSE;
-    EXPECT_EQ(Query(2).status, STATUS_DEVICE_NOT_READY);
-    EXPECT_TRUE(Untouched());
-    Ext()->Initialized = TRUE;
     EXPECT_EQ(Query(2, -8).status, STATUS_BUFFER_TOO_SMALL);
     EXPECT_TRUE(Untouched());
-    std::vector<winsim::Violation> asserts = TakeViolations("ASSERT");
-    ASSERT_EQ(asserts.size(), 1u);
-    EXPECT_NE(asserts[0].message.find(
-                  "Srb->NumberOfBytesToTransfer >= sizeof (HW_STREAM_HEADER) + "
-                  "deviceExtension->StreamCount * sizeof (HW_STREAM_INFORMATION) at storminf"),
-              std::string::npos)
-        << asserts[0].message;
+    EXPECT_EQ(TakeViolations("ASSERT").size(), 1u);  // the size check
 }
 
 }  // namespace

@@ -1,15 +1,13 @@
-// IRPs down two drivers and back through completion routines; cancel; MDLs; IRP checks.
+// IRPs down two drivers and back through completion routines; cancel; IRP checks.
 #include "kernel_test.h"
 
-#include <tuple>
 #include <vector>
 
 namespace kerneltest {
 namespace {
 
-// What a completion routine saw when it ran.
+// What a completion routine saw when it ran; the owner's routine sees no device.
 struct CompletionSeen {
-    const char* who;
     PDEVICE_OBJECT device;
     BOOLEAN pendingReturned;
     NTSTATUS status;
@@ -23,7 +21,6 @@ class IrpStack : public KernelTest {
         KernelTest::SetUp();
         seen.clear();
         pending = nullptr;
-        filterAnswer = STATUS_SUCCESS;
         filterWatches = true;
         bus = Device(u"\\Driver\\Bus", BusDispatch, 1);
         filter = Device(u"\\Driver\\Filter", FilterDispatch, 2);
@@ -68,15 +65,14 @@ class IrpStack : public KernelTest {
     }
 
     static NTSTATUS NTAPI FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID) {
-        seen.push_back({"filter", device, irp->PendingReturned, irp->IoStatus.Status});
-        if (filterAnswer != STATUS_MORE_PROCESSING_REQUIRED && irp->PendingReturned) {
+        seen.push_back({device, irp->PendingReturned, irp->IoStatus.Status});
+        if (irp->PendingReturned)
             IoMarkIrpPending(irp);
-        }
-        return filterAnswer;
+        return STATUS_SUCCESS;
     }
 
     static NTSTATUS NTAPI OwnerCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID) {
-        seen.push_back({"owner", device, irp->PendingReturned, irp->IoStatus.Status});
+        seen.push_back({device, irp->PendingReturned, irp->IoStatus.Status});
         return STATUS_MORE_PROCESSING_REQUIRED;
     }
 
@@ -99,7 +95,6 @@ class IrpStack : public KernelTest {
 
     static inline std::vector<CompletionSeen> seen;
     static inline PIRP pending;
-    static inline NTSTATUS filterAnswer;
     static inline bool filterWatches;
     static inline PDEVICE_OBJECT bus;
     static inline PDEVICE_OBJECT cancelSawDevice;
@@ -109,15 +104,10 @@ class IrpStack : public KernelTest {
 
 TEST_F(IrpStack, CompletionUnwindsThroughBothLevelsWithPendingReturnedBeforeTheFree) {
     PIRP irp = SendToFilter();
-    EXPECT_EQ(irp->CurrentLocation, 1);
-    EXPECT_EQ(IoGetCurrentIrpStackLocation(irp)->DeviceObject, bus);
-
     CompletePending(STATUS_SUCCESS);
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_STREQ(seen[0].who, "filter");
     EXPECT_EQ(seen[0].device, filter) << "runs in the context of the device above";
     EXPECT_TRUE(seen[0].pendingReturned);
-    EXPECT_STREQ(seen[1].who, "owner");
     EXPECT_EQ(seen[1].device, nullptr) << "nothing above the top location";
     EXPECT_TRUE(seen[1].pendingReturned) << "the filter marked its level pending";
     IoFreeIrp(irp);
@@ -131,25 +121,8 @@ TEST_F(IrpStack, CompletionUnwindsThroughBothLevelsWithPendingReturnedBeforeTheF
     ExpectViolation("IRP_FREED_WHILE_PENDING", {AddressText(irp), "lower driver still holds it"});
     CompletePending(STATUS_SUCCESS);
     ASSERT_EQ(seen.size(), 1u);
-    EXPECT_STREQ(seen[0].who, "owner");
+    EXPECT_EQ(seen[0].device, nullptr);
     EXPECT_TRUE(seen[0].pendingReturned);
-    IoFreeIrp(irp);
-}
-
-TEST_F(IrpStack, MoreProcessingRequiredStopsTheWalkUntilCompletedAgain) {
-    filterAnswer = STATUS_MORE_PROCESSING_REQUIRED;
-    PIRP irp = SendToFilter();
-    CompletePending(STATUS_SUCCESS);
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_STREQ(seen[0].who, "filter");
-
-    // The filter took the IRP back and finishes it later with an error.
-    irp->IoStatus.Status = STATUS_DEVICE_DATA_ERROR;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_STREQ(seen[1].who, "owner");
-    EXPECT_EQ(seen[1].status, STATUS_DEVICE_DATA_ERROR);
-    EXPECT_FALSE(seen[1].pendingReturned) << "the filter completed it without pending";
     IoFreeIrp(irp);
 }
 
@@ -188,36 +161,15 @@ TEST_F(IrpStack, CancelCallsTheCancelRoutineUnderTheCancelSpinLock) {
     IoFreeIrp(irp);
 }
 
-TEST_F(IrpStack, CallsThatNoDriverCanServeAreInvalid) {
-    PIRP irp = IoAllocateIrp(1, FALSE);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_PNP;
-    IoSetCompletionRoutine(irp, OwnerCompletion, nullptr, TRUE, TRUE, TRUE);
-    EXPECT_EQ(IoCallDriver(bus, irp), STATUS_INVALID_DEVICE_REQUEST) << "no PnP handler";
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].status, STATUS_INVALID_DEVICE_REQUEST);
-    IoFreeIrp(irp);
-
+TEST_F(IrpStack, CallWithoutAStackLocationLeftIsRefused) {
     PIRP noRoom = IoAllocateIrp(0, FALSE);
     EXPECT_EQ(IoCallDriver(bus, noRoom), STATUS_INVALID_DEVICE_REQUEST);
     ExpectViolation("IRP_STACK", {"no stack location left", "StackCount 0"});
     IoFreeIrp(noRoom);
 }
 
-TEST_F(IrpStack, NewIrpStartsAboveItsTopLocationAndCarriesItsMdl) {
-    alignas(16) static UCHAR buffer[0x1800];
+TEST_F(IrpStack, IrpLeftAtUnloadIsReported) {
     PIRP irp = IoAllocateIrp(3, FALSE);
-    EXPECT_EQ(std::tuple(irp->Type, irp->Size, irp->StackCount, irp->CurrentLocation),
-              std::tuple(IO_TYPE_IRP, IoSizeOfIrp(3), 3, 4));
-    EXPECT_EQ(IoGetNextIrpStackLocation(irp), reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + 2);
-
-    PMDL mdl = IoAllocateMdl(buffer + 8, 0x1000, FALSE, FALSE, irp);
-    ASSERT_NE(mdl, nullptr);
-    EXPECT_EQ(irp->MdlAddress, mdl);
-    EXPECT_EQ(MmGetMdlByteCount(mdl), 0x1000u);
-    MmBuildMdlForNonPagedPool(mdl);
-    EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), buffer + 8);
-    EXPECT_EQ(winsim::OutstandingPool()[MAKEFOURCC('M', 'd', 'l', ' ')].blocks, 1u);
-    IoFreeMdl(mdl);
     EXPECT_FALSE(winsim::CheckPoolEmpty("driver unload"));
     ExpectViolation("IRP_LEAK", {"driver unload", "1 IRP "});
     IoFreeIrp(irp);

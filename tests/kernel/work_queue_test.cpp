@@ -20,26 +20,9 @@ struct Job {
     void Queue() { ExQueueWorkItem(&item, DelayedWorkQueue); }
 };
 
-TEST_F(WorkQueue, ItemQueuedAtDispatchLevelRunsAtPassiveLevelElsewhere) {
-    bool followUpRan = false;
-    Job followUp([&] { followUpRan = true; });
-    PKTHREAD thread = nullptr;
-    KIRQL irql = HIGH_LEVEL;
-    Job first([&] {
-        thread = KeGetCurrentThread();
-        irql = KeGetCurrentIrql();
-        followUp.Queue();
-    });
-    winsim::RunAtIrql(DISPATCH_LEVEL, [&] { first.Queue(); });
-    winsim::DrainWorkQueue();
-    EXPECT_EQ(irql, PASSIVE_LEVEL);
-    EXPECT_NE(thread, nullptr);
-    EXPECT_NE(thread, KeGetCurrentThread());
-    EXPECT_TRUE(followUpRan) << "the drain waits for items queued by items";
-}
-
-TEST_F(WorkQueue, ItemQueuedAgainBeforeItRanIsReported) {
-    // Every worker blocked keeps the item queued; one notification event lets them all go.
+// With every worker blocked the item stays queued, so queueing it again is a finding;
+// one notification event then lets them all go.
+TEST_F(WorkQueue, ItemQueuedAtDispatchLevelRunsAtPassiveLevelElsewhereQueuedTwiceIsReported) {
     constexpr int kWorkers = 3;
     KSEMAPHORE started;
     KeInitializeSemaphore(&started, 0, kWorkers);
@@ -55,15 +38,26 @@ TEST_F(WorkQueue, ItemQueuedAgainBeforeItRanIsReported) {
     for (int i = 0; i < kWorkers; ++i)
         Wait(&started);
 
-    bool ran = false;
-    Job job([&] { ran = true; });
-    job.Queue();
-    job.Queue();
+    bool followUpRan = false;
+    Job followUp([&] { followUpRan = true; });
+    PKTHREAD thread = nullptr;
+    KIRQL irql = HIGH_LEVEL;
+    Job first([&] {
+        thread = KeGetCurrentThread();
+        irql = KeGetCurrentIrql();
+        followUp.Queue();
+    });
+    winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+        first.Queue();
+        first.Queue();
+    });
     ExpectViolation("WORK_ITEM", {"already queued"});
 
     KeSetEvent(&release, IO_NO_INCREMENT, FALSE);
     winsim::DrainWorkQueue();
-    EXPECT_TRUE(ran);
+    EXPECT_EQ(irql, PASSIVE_LEVEL);
+    EXPECT_NE(thread, KeGetCurrentThread());
+    EXPECT_TRUE(followUpRan) << "the drain waits for items queued by items";
 }
 
 }  // namespace

@@ -16,11 +16,7 @@ struct FakeMinidriver {
     // Edits the registration before it is handed to the stream class.
     std::function<void(HW_INITIALIZATION_DATA&)> editRegistration;
 };
-
-inline FakeMinidriver& Fake() {
-    static FakeMinidriver fake;
-    return fake;
-}
+inline FakeMinidriver fake;
 
 // Completes an adapter SRB the way a minidriver does.
 inline void CompleteAdapterSrb(PHW_STREAM_REQUEST_BLOCK srb, NTSTATUS status) {
@@ -33,8 +29,8 @@ inline NTSTATUS NTAPI FakeDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING reg
     HW_INITIALIZATION_DATA data{};
     data.HwInitializationDataSize = sizeof(data);
     data.HwReceivePacket = [](PHW_STREAM_REQUEST_BLOCK srb) {
-        if (Fake().onSrb) {
-            Fake().onSrb(srb);
+        if (fake.onSrb) {
+            fake.onSrb(srb);
         } else {
             CompleteAdapterSrb(srb, STATUS_SUCCESS);
         }
@@ -42,8 +38,8 @@ inline NTSTATUS NTAPI FakeDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING reg
     data.HwCancelPacket = data.HwRequestTimeoutHandler = [](PHW_STREAM_REQUEST_BLOCK) {};
     data.DeviceExtensionSize = 64;
     data.TurnOffSynchronization = TRUE;
-    if (Fake().editRegistration) {
-        Fake().editRegistration(data);
+    if (fake.editRegistration) {
+        fake.editRegistration(data);
     }
     return StreamClassRegisterAdapter(driver, registryPath, &data);
 }
@@ -52,15 +48,14 @@ class StreamClassTest : public kerneltest::KernelTest {
   protected:
     void SetUp() override {
         KernelTest::SetUp();
-        Fake() = FakeMinidriver{};
-        winsim::SetTimeScale(100000.0);
+        fake = FakeMinidriver{};
+        winsim::SetTimeScale(100000.0);  // the wait for an SRB never completed is short
         driver_ = winsim::CreateDriverObject(u"usbhub");
         pdo_ = winsim::CreateDeviceObject(driver_, 0, 2);
     }
     void TearDown() override {
         winsim::DeleteDeviceObject(pdo_);
         winsim::DeleteDriverObject(driver_);
-        Fake() = FakeMinidriver{};
         KernelTest::TearDown();
     }
 

@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 #include <usbdi.h>
+#include <usbdlib.h>
 #include <usbioctl.h>
 
-#include <array>
 #include <atomic>
 #include <deque>
 #include <list>
@@ -28,8 +28,8 @@ using usbsim::SetupPacket;
 using usbsim::TransferResult;
 
 // Configuration 1, interface 0: setting 0 has bulk 0x81, bulk 0x02 and interrupt 0x83
-// (4 bytes, interval 8), setting 1 bulk 0x81 and 0x84. Unscripted IN requests
-// get bytes counting up from 0; OUT requests take everything.
+// (4 bytes, interval 8), setting 1 bulk 0x81 and 0x84. Unscripted requests
+// move every byte asked for.
 class FakeUsbDevice final : public usbsim::UsbDevice {
   public:
     static constexpr uint8_t kBulkIn = 0x81, kBulkOut = 0x02, kInterruptIn = 0x83,
@@ -57,12 +57,7 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
         std::lock_guard lock(mutex_);
         naking_[endpoint] = nak;
     }
-    void SignalReady(uint8_t endpoint) {  // calls the stack's ready callback
-        std::unique_lock lock(mutex_);
-        const std::function<void(uint8_t)> ready = ready_;
-        lock.unlock();
-        ready(endpoint);
-    }
+    void SignalReady(uint8_t endpoint) { ready_(endpoint); }  // as the device does
     std::vector<SetupPacket> ControlLog() const {
         std::lock_guard lock(mutex_);
         return controlLog_;
@@ -77,7 +72,7 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
     TransferResult Control(const SetupPacket& setup, std::span<uint8_t> data) override {
         std::lock_guard lock(mutex_);
         controlLog_.push_back(setup);
-        return AnswerLocked(0, setup.DeviceToHost(), data);
+        return AnswerLocked(0, data);
     }
     TransferResult Transfer(uint8_t endpoint, std::span<uint8_t> data) override {
         if (onTransfer) {
@@ -85,16 +80,16 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
         }
         std::lock_guard lock(mutex_);
         transferLog_.emplace_back(endpoint, data.size());
-        return AnswerLocked(endpoint, (endpoint & 0x80) != 0, data);
+        return AnswerLocked(endpoint, data);
     }
+    // Set as the stack is made and destroyed, not while it runs.
     void SetReadyCallback(std::function<void(uint8_t)> ready) override {
-        std::lock_guard lock(mutex_);
         ready_ = std::move(ready);
     }
     usbsim::BusSpeed Speed() const override { return usbsim::BusSpeed::High; }
 
   private:
-    TransferResult AnswerLocked(uint8_t endpoint, bool in, std::span<uint8_t> data) {
+    TransferResult AnswerLocked(uint8_t endpoint, std::span<uint8_t> data) {
         if (naking_[endpoint]) {
             return TransferResult::Nak();
         }
@@ -103,9 +98,6 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
             queue.pop_front();
             std::copy_n(bytes.begin(), std::min(bytes.size(), data.size()), data.begin());
             return result;
-        }
-        for (size_t i = 0; in && i < data.size(); ++i) {
-            data[i] = static_cast<uint8_t>(i);
         }
         return TransferResult::Ack(static_cast<uint32_t>(data.size()));
     }
@@ -121,17 +113,13 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
 // One URB in an IRP of its own; the completion routine signals and keeps the IRP.
 class UrbCall {
   public:
-    // `ownLocation`: one location more, stepped into, as clients do for resets and aborts.
-    UrbCall(PDEVICE_OBJECT pdo, PURB urb, bool ownLocation = false) : pdo_(pdo), urb_(urb) {
-        irp = IoAllocateIrp(static_cast<CCHAR>(pdo->StackSize + (ownLocation ? 1 : 0)), FALSE);
-        if (ownLocation) {
-            IoSetNextIrpStackLocation(irp);
-        }
+    UrbCall(PDEVICE_OBJECT pdo, PURB urb) : pdo_(pdo), urb_(urb) {
+        irp = IoAllocateIrp(pdo->StackSize, FALSE);
         KeInitializeEvent(&done_, NotificationEvent, FALSE);
         PrepareNextLocation();
     }
     ~UrbCall() {  // waits for a pending IRP, then frees it
-        if (sent_ && !completed_) {
+        if (sent_ && !Completed()) {
             Wait();
         }
         IoFreeIrp(irp);
@@ -143,16 +131,14 @@ class UrbCall {
     }
     // The final status; the time-out only turns a hang into a failure.
     NTSTATUS Wait() {
-        LARGE_INTEGER timeout;
-        timeout.QuadPart = -static_cast<LONGLONG>(60 * winsim::TimeScale() * 10'000'000);
-        if (KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, &timeout) ==
-            STATUS_TIMEOUT) {
-            ADD_FAILURE() << "the USB stack never completed the request";
-            return STATUS_TIMEOUT;
-        }
-        return irp->IoStatus.Status;
+        LARGE_INTEGER timeout{.QuadPart =
+                                  -static_cast<LONGLONG>(60 * winsim::TimeScale() * 10'000'000)};
+        const NTSTATUS waited =
+            KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, &timeout);
+        EXPECT_NE(waited, STATUS_TIMEOUT) << "the USB stack never completed the request";
+        return waited == STATUS_TIMEOUT ? waited : irp->IoStatus.Status;
     }
-    bool Completed() const { return completed_; }
+    bool Completed() const { return completedAs >= 0; }
     // Fills the next stack location (again, for resending).
     void PrepareNextLocation() {
         PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
@@ -165,17 +151,15 @@ class UrbCall {
     PIRP irp;
     KIRQL completionIrql = 0xFF;
     std::thread::id completionThread;
-    std::function<void()> onCompletion;
+    std::atomic<int> completedAs{-1};  // completions counted across all calls, from 0
 
   private:
     static NTSTATUS NTAPI Completion(PDEVICE_OBJECT, PIRP, PVOID context) {
         auto* self = static_cast<UrbCall*>(context);
         self->completionIrql = KeGetCurrentIrql();
         self->completionThread = std::this_thread::get_id();
-        if (self->onCompletion) {
-            self->onCompletion();
-        }
-        self->completed_ = true;
+        static std::atomic<int> completions{0};
+        self->completedAs = completions++;
         KeSetEvent(&self->done_, IO_NO_INCREMENT, FALSE);
         return STATUS_MORE_PROCESSING_REQUIRED;
     }
@@ -184,7 +168,6 @@ class UrbCall {
     PURB urb_;
     KEVENT done_;
     bool sent_ = false;
-    std::atomic<bool> completed_{false};
 };
 
 inline NTSTATUS SubmitUrb(PDEVICE_OBJECT pdo, PURB urb) {
@@ -212,28 +195,19 @@ inline PUSBD_INTERFACE_INFORMATION InterfaceOf(UrbBuffer& urb) {  // of either s
                : &urb->UrbSelectInterface.Interface;
 }
 
-template <class Part>
-void FillUrb(Part& u, USHORT function, bool in, void* buffer, ULONG length) {
-    u.Hdr.Length = sizeof u;
-    u.Hdr.Function = function;
-    u.TransferFlags = in ? USBD_TRANSFER_DIRECTION_IN : 0;
-    u.TransferBufferLength = length;
-    u.TransferBuffer = buffer;
-}
-
 inline URB VendorUrb(bool in, uint8_t request, uint16_t index, void* buffer, ULONG length) {
     URB urb{};
-    FillUrb(urb.UrbControlVendorClassRequest, URB_FUNCTION_VENDOR_DEVICE, in, buffer, length);
-    urb.UrbControlVendorClassRequest.Request = request;
-    urb.UrbControlVendorClassRequest.Index = index;
+    UsbBuildVendorRequest(&urb, URB_FUNCTION_VENDOR_DEVICE, sizeof urb.UrbControlVendorClassRequest,
+                          in ? USBD_TRANSFER_DIRECTION_IN : 0, 0, request, 0, index, buffer,
+                          nullptr, length, nullptr);
     return urb;
 }
 
 inline URB TransferUrb(USBD_PIPE_HANDLE pipe, bool in, void* buffer, ULONG length) {
     URB urb{};
-    FillUrb(urb.UrbBulkOrInterruptTransfer, URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER, in, buffer,
-            length);
-    urb.UrbBulkOrInterruptTransfer.PipeHandle = pipe;
+    UsbBuildInterruptOrBulkTransferRequest(&urb, sizeof urb.UrbBulkOrInterruptTransfer, pipe,
+                                           buffer, nullptr, length,
+                                           in ? USBD_TRANSFER_DIRECTION_IN : 0, nullptr);
     return urb;
 }
 
@@ -267,11 +241,6 @@ inline UrbBuffer SelectUrb(std::vector<uint8_t>* descriptor, USBD_CONFIGURATION_
         (info->Pipes + i)->MaximumTransferSize = 0x200000;
     }
     return urb;
-}
-
-using SetupFields = std::array<unsigned, 5>;
-inline SetupFields Fields(const SetupPacket& s) {
-    return {s.bmRequestType, s.bRequest, s.wValue, s.wIndex, s.wLength};
 }
 
 class UsbStackTest : public ::testing::Test {
@@ -321,13 +290,6 @@ class UsbStackTest : public ::testing::Test {
         return TransferUrb(PipeFor(endpoint), true, buffers.emplace_back(length).data(), length);
     }
     URB BulkIn(ULONG length = 512) { return TransferOn(FakeUsbDevice::kBulkIn, length); }
-    // `call` appends `id` to completionOrder when it completes.
-    void RecordCompletion(UrbCall& call, int id) {
-        call.onCompletion = [this, id] {
-            std::lock_guard lock(orderMutex);
-            completionOrder.push_back(id);
-        };
-    }
 
     FakeUsbDevice device;
     std::unique_ptr<usbsim::UsbStack> stack;
@@ -335,8 +297,6 @@ class UsbStackTest : public ::testing::Test {
     std::set<std::string> expectedViolations;
     uint8_t data[4] = {};
     std::list<std::vector<uint8_t>> buffers;
-    std::mutex orderMutex;
-    std::vector<int> completionOrder;
 };
 
 }  // namespace usbtest
