@@ -36,8 +36,21 @@ NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor) {
     return Ext->EventSetCount > 0 ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
 }
 
+// The stream class reads the arguments after the extension by notification
+// type: for SignalMultipleDeviceEvents the event-set GUID pointer, then the
+// event id. mingw-w64 declares the routine with six fixed parameters (request
+// block, event entry, set, id); on both Windows targets fixed and variable
+// arguments travel in the same slots, so there the GUID and the id go in the
+// request-block and event-entry positions.
+// IRQL: <= DISPATCH_LEVEL.
 static VOID OrnixSignalDeviceEvent(PORNIX_DEVICE_CONTEXT Ext, const GUID* Set, ULONG EventId) {
-    StreamClassDeviceNotification(SignalMultipleDeviceEvents, Ext, NULL, NULL, (GUID*)Set, EventId);
+#if defined(__MINGW32__)
+    StreamClassDeviceNotification(SignalMultipleDeviceEvents, Ext,
+                                  (PHW_STREAM_REQUEST_BLOCK)(PVOID)Set,
+                                  (PKSEVENT_ENTRY)(ULONG_PTR)EventId, NULL, 0);
+#else
+    StreamClassDeviceNotification(SignalMultipleDeviceEvents, Ext, Set, EventId);
+#endif
 }
 
 // Called when a still frame has been delivered. IRQL: <= DISPATCH_LEVEL.

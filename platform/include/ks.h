@@ -33,7 +33,8 @@ typedef enum { KSSTATE_STOP, KSSTATE_ACQUIRE, KSSTATE_PAUSE, KSSTATE_RUN } KSSTA
 typedef enum {
     KSPIN_DATAFLOW_IN = 1,
     KSPIN_DATAFLOW_OUT,
-} KSPIN_DATAFLOW, *PKSPIN_DATAFLOW;
+} KSPIN_DATAFLOW,
+    *PKSPIN_DATAFLOW;
 
 typedef struct {
     GUID Set;
@@ -118,7 +119,7 @@ typedef struct {
     };
 } KSEVENTDATA, *PKSEVENTDATA;
 
-typedef NTSTATUS (*PFNKSHANDLER)(PIRP Irp, PKSIDENTIFIER Request, PVOID Data);
+typedef NTSTATUS(NTAPI* PFNKSHANDLER)(PIRP Irp, PKSIDENTIFIER Request, PVOID Data);
 
 typedef struct {
     ULONG AccessFlags;
@@ -224,8 +225,10 @@ typedef struct {
     const void* FastIoTable;
 } KSMETHOD_SET, *PKSMETHOD_SET;
 
-typedef NTSTATUS (*PFNKSADDEVENT)(PIRP Irp, PKSEVENTDATA EventData, struct _KSEVENT_ENTRY* EventEntry);
-typedef void (*PFNKSREMOVEEVENT)(struct _FILE_OBJECT* FileObject, struct _KSEVENT_ENTRY* EventEntry);
+typedef NTSTATUS(NTAPI* PFNKSADDEVENT)(PIRP Irp, PKSEVENTDATA EventData,
+                                       struct _KSEVENT_ENTRY* EventEntry);
+typedef void(NTAPI* PFNKSREMOVEEVENT)(struct _FILE_OBJECT* FileObject,
+                                      struct _KSEVENT_ENTRY* EventEntry);
 
 typedef struct {
     ULONG EventId;

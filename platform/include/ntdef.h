@@ -15,9 +15,19 @@
 #define IN
 #define OUT
 #define OPTIONAL
+// Kernel routines and every callback the kernel, the USB stack and the stream
+// class make into a driver use the Windows calling convention. On x64 that is
+// one convention for all of them, variadic routines included; the 32-bit host
+// keeps its default, so the driver runs here as it is called on Windows.
+#if defined(__x86_64__)
+#define NTAPI __attribute__((ms_abi))
+#else
 #define NTAPI
-#define STREAMAPI
-#define FASTCALL
+#endif
+#define STREAMAPI NTAPI
+#define FASTCALL NTAPI
+#define DDKAPI NTAPI
+#define WINAPIV NTAPI  // variadic routines (__cdecl on Windows)
 #define CONST const
 #define VOID void
 #define FORCEINLINE static inline __attribute__((always_inline))
@@ -106,11 +116,12 @@ typedef const GUID& REFGUID;
 #define NT_WARNING(s) ((((ULONG)(s)) >> 30) == 2)
 #define NT_ERROR(s) ((((ULONG)(s)) >> 30) == 3)
 
-#define FIELD_OFFSET(type, field) ((LONG)__builtin_offsetof(type, field))
+#define FIELD_OFFSET(type, field) ((LONG) __builtin_offsetof(type, field))
 #define CONTAINING_RECORD(address, type, field) \
     ((type*)((PCHAR)(address) - (ULONG_PTR)(&((type*)0)->field)))
 #define ARRAYSIZE(a) (sizeof(a) / sizeof((a)[0]))
 #define RTL_NUMBER_OF(a) ARRAYSIZE(a)
 
-#define MAKEFOURCC(a, b, c, d) \
-    ((ULONG)(UCHAR)(a) | ((ULONG)(UCHAR)(b) << 8) | ((ULONG)(UCHAR)(c) << 16) | ((ULONG)(UCHAR)(d) << 24))
+#define MAKEFOURCC(a, b, c, d)                                                  \
+    ((ULONG)(UCHAR)(a) | ((ULONG)(UCHAR)(b) << 8) | ((ULONG)(UCHAR)(c) << 16) | \
+     ((ULONG)(UCHAR)(d) << 24))

@@ -10,7 +10,11 @@ typedef unsigned long long STREAM_SYSTEM_TIME, *PSTREAM_SYSTEM_TIME;
 typedef unsigned long long STREAM_TIMESTAMP, *PSTREAM_TIMESTAMP;
 typedef PHYSICAL_ADDRESS STREAM_PHYSICAL_ADDRESS, *PSTREAM_PHYSICAL_ADDRESS;
 
-typedef enum { TIME_GET_STREAM_TIME, TIME_READ_ONBOARD_CLOCK, TIME_SET_ONBOARD_CLOCK } TIME_FUNCTION;
+typedef enum {
+    TIME_GET_STREAM_TIME,
+    TIME_READ_ONBOARD_CLOCK,
+    TIME_SET_ONBOARD_CLOCK
+} TIME_FUNCTION;
 
 typedef struct _HW_TIME_CONTEXT {
     struct _HW_DEVICE_EXTENSION* HwDeviceExtension;
@@ -284,14 +288,17 @@ typedef struct _HW_INITIALIZATION_DATA {
 NTSTATUS STREAMAPI StreamClassRegisterAdapter(PVOID Argument1, PVOID Argument2,
                                               PHW_INITIALIZATION_DATA HwInitializationData);
 
-// Completion of adapter requests and device events. Trailing arguments
-// depend on the notification type, as on Windows.
-void StreamClassDeviceNotification(STREAM_MINIDRIVER_DEVICE_NOTIFICATION_TYPE NotificationType,
-                                   PVOID HwDeviceExtension, ...);
+// Completion of adapter requests and device events. The trailing arguments
+// depend on the notification type, as on Windows: DeviceRequestComplete takes
+// the request block; SignalMultipleDeviceEvents the event-set GUID pointer and
+// the event id; SignalDeviceEvent and DeleteDeviceEvent the event entry.
+void WINAPIV StreamClassDeviceNotification(
+    STREAM_MINIDRIVER_DEVICE_NOTIFICATION_TYPE NotificationType, PVOID HwDeviceExtension, ...);
 
 // Completion of stream requests and stream events.
-void StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICATION_TYPE NotificationType,
-                                   PHW_STREAM_OBJECT StreamObject, ...);
+void WINAPIV
+StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICATION_TYPE NotificationType,
+                              PHW_STREAM_OBJECT StreamObject, ...);
 
 void STREAMAPI StreamClassQueryMasterClockSync(HANDLE MasterClockHandle,
                                                PHW_TIME_CONTEXT TimeContext);

@@ -167,7 +167,7 @@ void NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PS
     ((exp) ? (void)0 : RtlAssert((PVOID) #exp, (PVOID)__FILE__, __LINE__, (PSTR)(msg)))
 
 // ---------------------------------------------------------------- debugger output
-ULONG DbgPrint(PCSTR Format, ...);
+ULONG WINAPIV DbgPrint(PCSTR Format, ...);
 void NTAPI DbgBreakPoint(void);
 
 // ---------------------------------------------------------------- IRPs and objects

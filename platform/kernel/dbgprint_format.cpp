@@ -2,6 +2,7 @@
 // Microsoft's I64/I32/I modifiers, 16-bit strings (%ws, %S, %wZ) and
 // upper-case pointers at full width. Unknown conversions print literally.
 #include "kernel/kernel.h"
+#include "kernel/win_var_args.h"
 
 #include <cstdint>
 #include <string>
@@ -116,10 +117,12 @@ void FormatInteger(std::string& out, const Spec& spec, uint64_t magnitude, bool 
     Pad(out, spec, prefix + digits);
 }
 
+// Args reads the next argument of a given type: from a va_list, or from the
+// argument slots of a Windows-convention caller.
+template <class Args>
 class Formatter {
   public:
-    explicit Formatter(va_list args) { va_copy(args_, args); }
-    ~Formatter() { va_end(args_); }
+    explicit Formatter(Args& args) : args_(args) {}
     Formatter(const Formatter&) = delete;
     Formatter& operator=(const Formatter&) = delete;
 
@@ -164,7 +167,7 @@ class Formatter {
             }
         }
         if (*p == '*') {
-            int width = va_arg(args_, int);
+            int width = args_.template Next<int>();
             if (width < 0) {
                 spec.leftAlign = true;
                 width = -width;
@@ -179,7 +182,7 @@ class Formatter {
             ++p;
             spec.precision = 0;
             if (*p == '*') {
-                int precision = va_arg(args_, int);
+                int precision = args_.template Next<int>();
                 spec.precision = precision < 0 ? -1 : precision;
                 ++p;
             } else {
@@ -222,39 +225,39 @@ class Formatter {
     int64_t SignedArgument(Length length) {
         switch (length) {
             case Length::Char:
-                return static_cast<signed char>(va_arg(args_, int));
+                return static_cast<signed char>(args_.template Next<int>());
             case Length::Short:
-                return static_cast<short>(va_arg(args_, int));
+                return static_cast<short>(args_.template Next<int>());
             case Length::LongLong:
             case Length::Int64:
-                return va_arg(args_, long long);
+                return args_.template Next<long long>();
             case Length::Pointer:
             case Length::Size:
-                return va_arg(args_, intptr_t);
+                return args_.template Next<intptr_t>();
             default:  // int, and LONG is 32-bit on Windows
-                return va_arg(args_, int);
+                return args_.template Next<int>();
         }
     }
 
     uint64_t UnsignedArgument(Length length) {
         switch (length) {
             case Length::Char:
-                return static_cast<unsigned char>(va_arg(args_, unsigned));
+                return static_cast<unsigned char>(args_.template Next<unsigned>());
             case Length::Short:
-                return static_cast<unsigned short>(va_arg(args_, unsigned));
+                return static_cast<unsigned short>(args_.template Next<unsigned>());
             case Length::LongLong:
             case Length::Int64:
-                return va_arg(args_, unsigned long long);
+                return args_.template Next<unsigned long long>();
             case Length::Pointer:
             case Length::Size:
-                return va_arg(args_, uintptr_t);
+                return args_.template Next<uintptr_t>();
             default:
-                return va_arg(args_, unsigned);
+                return args_.template Next<unsigned>();
         }
     }
 
     void NarrowString(std::string& out, const Spec& spec) {
-        const char* text = va_arg(args_, const char*);
+        const char* text = args_.template Next<const char*>();
         if (text == nullptr)
             return Pad(out, spec, "(null)");
         std::string_view view(text);
@@ -264,7 +267,7 @@ class Formatter {
     }
 
     void WideString(std::string& out, const Spec& spec) {
-        const auto* text = va_arg(args_, const char16_t*);
+        const auto* text = args_.template Next<const char16_t*>();
         if (text == nullptr)
             return Pad(out, spec, "(null)");
         Pad(out, spec, FromUtf16(text, Utf16Length(text, spec.precision)));
@@ -272,7 +275,7 @@ class Formatter {
 
     void CountedString(std::string& out, const Spec& spec, bool wide) {
         if (wide) {
-            const auto* string = va_arg(args_, const UNICODE_STRING*);
+            const auto* string = args_.template Next<const UNICODE_STRING*>();
             if (string == nullptr || string->Buffer == nullptr)
                 return Pad(out, spec, "(null)");
             size_t units = string->Length / sizeof(WCHAR);
@@ -280,7 +283,7 @@ class Formatter {
                 units = spec.precision;
             Pad(out, spec, FromUtf16(reinterpret_cast<const char16_t*>(string->Buffer), units));
         } else {
-            const auto* string = va_arg(args_, const AnsiString*);
+            const auto* string = args_.template Next<const AnsiString*>();
             if (string == nullptr || string->Buffer == nullptr)
                 return Pad(out, spec, "(null)");
             std::string_view view(string->Buffer, string->Length);
@@ -291,7 +294,7 @@ class Formatter {
     }
 
     void Character(std::string& out, const Spec& spec, bool wide) {
-        int value = va_arg(args_, int);
+        int value = args_.template Next<int>();
         std::string text;
         if (wide) {
             char16_t unit = static_cast<char16_t>(value);
@@ -320,7 +323,7 @@ class Formatter {
                 FormatInteger(out, spec, UnsignedArgument(spec.length), false, conversion);
                 return true;
             case 'p': {
-                auto value = reinterpret_cast<uintptr_t>(va_arg(args_, void*));
+                auto value = reinterpret_cast<uintptr_t>(args_.template Next<void*>());
                 std::string digits = Digits(value, 16, true);
                 digits.insert(0, 2 * sizeof(void*) - digits.size(), '0');
                 Pad(out, spec, digits);
@@ -349,6 +352,23 @@ class Formatter {
         }
     }
 
+    Args& args_;
+};
+
+// A va_list of this host's own calling convention.
+class VaListArgs {
+  public:
+    explicit VaListArgs(va_list args) { va_copy(args_, args); }
+    ~VaListArgs() { va_end(args_); }
+    VaListArgs(const VaListArgs&) = delete;
+    VaListArgs& operator=(const VaListArgs&) = delete;
+
+    template <class T>
+    T Next() {
+        return va_arg(args_, T);
+    }
+
+  private:
     va_list args_;
 };
 
@@ -357,7 +377,14 @@ class Formatter {
 std::string FormatDbgPrint(const char* format, va_list args) {
     if (format == nullptr)
         return {};
-    return Formatter(args).Run(format);
+    VaListArgs source(args);
+    return Formatter<VaListArgs>(source).Run(format);
+}
+
+std::string FormatDbgPrint(const char* format, WinVarArgs& args) {
+    if (format == nullptr)
+        return {};
+    return Formatter<WinVarArgs>(args).Run(format);
 }
 
 }  // namespace winsim

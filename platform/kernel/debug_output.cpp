@@ -1,6 +1,7 @@
 // The kernel debugger's side of the machine: DbgPrint output, assertion
 // failures and breakpoints.
 #include "kernel/kernel.h"
+#include "kernel/win_var_args.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -77,11 +78,10 @@ void SetDebugSink(std::function<void(std::string_view)> sink) {
 
 }  // namespace winsim
 
-ULONG DbgPrint(PCSTR Format, ...) {
-    va_list args;
-    va_start(args, Format);
+ULONG WINAPIV DbgPrint(PCSTR Format, ...) {
+    WINSIM_WIN_VA_BEGIN(args, Format);
     std::string text = winsim::FormatDbgPrint(Format, args);
-    va_end(args);
+    WINSIM_WIN_VA_END(args);
     winsim::Emit(text);
     return STATUS_SUCCESS;
 }

@@ -23,11 +23,7 @@ void SetDeviceEventObserver(DeviceEventObserver observer) {
     Observer() = std::move(observer);
 }
 
-void ReportDeviceEvent(PVOID extension, va_list arguments) {
-    (void)va_arg(arguments, PKSEVENT_ENTRY);
-    const GUID* set = va_arg(arguments, GUID*);
-    ULONG id = va_arg(arguments, ULONG);
-
+void ReportDeviceEvent(PVOID extension, const GUID* set, ULONG id) {
     // Called outside the lock, so that an observer may signal or replace itself.
     DeviceEventObserver observer;
     {

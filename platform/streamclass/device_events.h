@@ -2,7 +2,6 @@
 // (SignalMultipleDeviceEvents), made visible to tests.
 #pragma once
 
-#include <cstdarg>
 #include <functional>
 
 #include "ks.h"
@@ -16,9 +15,8 @@ using DeviceEventObserver = std::function<void(PVOID extension, const GUID& set,
 // Replaces the observer; an empty function removes it.
 void SetDeviceEventObserver(DeviceEventObserver observer);
 
-// Reads the event entry, the event-set GUID and the event id that follow the
-// request block in a SignalMultipleDeviceEvents notification, and hands the
-// event to the observer.
-void ReportDeviceEvent(PVOID extension, va_list arguments);
+// Hands one SignalMultipleDeviceEvents notification to the observer; a null
+// event set is dropped.
+void ReportDeviceEvent(PVOID extension, const GUID* set, ULONG id);
 
 }  // namespace winsim

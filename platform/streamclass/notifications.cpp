@@ -1,10 +1,10 @@
 // The stream-class services a minidriver calls: registration from DriverEntry
 // and the notifications that complete its requests.
-#include <cstdarg>
 #include <cstdio>
 #include <string>
 
 #include "kernel/kernel.h"
+#include "kernel/win_var_args.h"
 #include "streamclass/adapter_directory.h"
 #include "streamclass/device_events.h"
 #include "streamclass/srb_registry.h"
@@ -19,8 +19,8 @@ std::string Hex(const void* p) {
 
 }  // namespace
 
-extern "C" NTSTATUS STREAMAPI StreamClassRegisterAdapter(PVOID Argument1, PVOID Argument2,
-                                                         PHW_INITIALIZATION_DATA HwInitializationData) {
+extern "C" NTSTATUS STREAMAPI StreamClassRegisterAdapter(
+    PVOID Argument1, PVOID Argument2, PHW_INITIALIZATION_DATA HwInitializationData) {
     (void)Argument2;
     auto* driver = static_cast<PDRIVER_OBJECT>(Argument1);
     if (driver == nullptr || HwInitializationData == nullptr) {
@@ -40,20 +40,36 @@ extern "C" NTSTATUS STREAMAPI StreamClassRegisterAdapter(PVOID Argument1, PVOID 
     return STATUS_SUCCESS;
 }
 
-extern "C" void StreamClassDeviceNotification(STREAM_MINIDRIVER_DEVICE_NOTIFICATION_TYPE NotificationType,
-                                              PVOID HwDeviceExtension, ...) {
-    va_list args;
-    va_start(args, HwDeviceExtension);
-    auto* srb = va_arg(args, PHW_STREAM_REQUEST_BLOCK);
-    if (NotificationType == SignalMultipleDeviceEvents) {
-        winsim::ReportDeviceEvent(HwDeviceExtension, args);  // reads the remaining arguments
+extern "C" void WINAPIV StreamClassDeviceNotification(
+    STREAM_MINIDRIVER_DEVICE_NOTIFICATION_TYPE NotificationType, PVOID HwDeviceExtension, ...) {
+    // The arguments after the extension are read by notification type, as the
+    // real stream class reads them.
+    WINSIM_WIN_VA_BEGIN(args, HwDeviceExtension);
+    PHW_STREAM_REQUEST_BLOCK srb = nullptr;
+    const GUID* eventSet = nullptr;
+    ULONG eventId = 0;
+    switch (NotificationType) {
+        case DeviceRequestComplete:
+            srb = args.Next<PHW_STREAM_REQUEST_BLOCK>();
+            break;
+        case SignalMultipleDeviceEvents:
+            eventSet = args.Next<const GUID*>();
+            eventId = args.Next<ULONG>();
+            break;
+        case SignalDeviceEvent:
+        case DeleteDeviceEvent:
+            (void)args.Next<PKSEVENT_ENTRY>();
+            break;
+        default:
+            break;
     }
-    va_end(args);
+    WINSIM_WIN_VA_END(args);
 
     winsim::SrbRegistry* srbs = winsim::FindAdapter(HwDeviceExtension);
     if (srbs == nullptr) {
-        winsim::ReportViolation("SRB_UNKNOWN", "device notification for an unknown device extension " +
-                                                   Hex(HwDeviceExtension));
+        winsim::ReportViolation(
+            "SRB_UNKNOWN",
+            "device notification for an unknown device extension " + Hex(HwDeviceExtension));
         return;
     }
     switch (NotificationType) {
@@ -64,12 +80,13 @@ extern "C" void StreamClassDeviceNotification(STREAM_MINIDRIVER_DEVICE_NOTIFICAT
             }
             srbs->Complete(srb, "DeviceRequestComplete");
             break;
-        case ReadyForNextDeviceRequest:
         case SignalMultipleDeviceEvents:
+            winsim::ReportDeviceEvent(HwDeviceExtension, eventSet, eventId);
+            break;
+        case ReadyForNextDeviceRequest:
         case SignalDeviceEvent:
         case DeleteDeviceEvent:
         case SignalMultipleDeviceInstanceEvents:
-            // Device events arrive with the event sets; nothing to do yet.
             break;
         default:
             winsim::ReportViolation("SRB_UNKNOWN", "unknown device notification type " +
@@ -78,12 +95,15 @@ extern "C" void StreamClassDeviceNotification(STREAM_MINIDRIVER_DEVICE_NOTIFICAT
     }
 }
 
-extern "C" void StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICATION_TYPE NotificationType,
-                                              PHW_STREAM_OBJECT StreamObject, ...) {
-    va_list args;
-    va_start(args, StreamObject);
-    auto* srb = va_arg(args, PHW_STREAM_REQUEST_BLOCK);
-    va_end(args);
+extern "C" void WINAPIV
+StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICATION_TYPE NotificationType,
+                              PHW_STREAM_OBJECT StreamObject, ...) {
+    WINSIM_WIN_VA_BEGIN(args, StreamObject);
+    PHW_STREAM_REQUEST_BLOCK srb = nullptr;
+    if (NotificationType == StreamRequestComplete) {
+        srb = args.Next<PHW_STREAM_REQUEST_BLOCK>();
+    }
+    WINSIM_WIN_VA_END(args);
 
     if (NotificationType != StreamRequestComplete) {
         return;
@@ -91,8 +111,8 @@ extern "C" void StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICAT
     winsim::SrbRegistry* srbs =
         StreamObject != nullptr ? winsim::FindAdapter(StreamObject->HwDeviceExtension) : nullptr;
     if (srbs == nullptr) {
-        winsim::ReportViolation("SRB_UNKNOWN", "stream notification for an unknown stream object " +
-                                                   Hex(StreamObject));
+        winsim::ReportViolation(
+            "SRB_UNKNOWN", "stream notification for an unknown stream object " + Hex(StreamObject));
         return;
     }
     srbs->Complete(srb, "StreamRequestComplete");

@@ -19,11 +19,11 @@ NTSTATUS CompleteIrpNow(PIRP irp, NTSTATUS status) {
 
 }  // namespace
 
-NTSTATUS UsbStack::Impl::DispatchUnsupported(PDEVICE_OBJECT, PIRP irp) {
+NTSTATUS NTAPI UsbStack::Impl::DispatchUnsupported(PDEVICE_OBJECT, PIRP irp) {
     return CompleteIrpNow(irp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
-NTSTATUS UsbStack::Impl::DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp) {
+NTSTATUS NTAPI UsbStack::Impl::DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     if (stack->Parameters.DeviceIoControl.IoControlCode != IOCTL_INTERNAL_USB_SUBMIT_URB) {
         return CompleteIrpNow(irp, STATUS_NOT_SUPPORTED);
@@ -142,7 +142,7 @@ UsbStack::Impl::Acceptance UsbStack::Impl::AcceptLocked(Request* r) {
     return Acceptance::Queued;
 }
 
-void UsbStack::Impl::CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp) {
+void NTAPI UsbStack::Impl::CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp) {
     IoReleaseCancelSpinLock(irp->CancelIrql);
     Impl* self = FromDevice(device);
     Request* r = nullptr;

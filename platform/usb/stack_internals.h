@@ -126,9 +126,9 @@ struct UsbStack::Impl {
     static Impl* FromDevice(PDEVICE_OBJECT device);
 
     // ---- IRP entry points (stack_dispatch.cpp)
-    static NTSTATUS DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp);
-    static NTSTATUS DispatchUnsupported(PDEVICE_OBJECT device, PIRP irp);
-    static void CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp);
+    static NTSTATUS NTAPI DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp);
+    static NTSTATUS NTAPI DispatchUnsupported(PDEVICE_OBJECT device, PIRP irp);
+    static void NTAPI CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp);
     enum class Acceptance { Queued, ServeInline, CancelledAtOnce };
     NTSTATUS Submit(PIRP irp, PURB urb);
     Acceptance AcceptLocked(Request* r);

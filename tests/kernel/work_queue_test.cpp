@@ -14,9 +14,9 @@ struct Job {
     std::function<void()> run;
 
     explicit Job(std::function<void()> routine) : run(std::move(routine)) {
-        ExInitializeWorkItem(
-            &item, [](PVOID job) { static_cast<Job*>(job)->run(); }, this);
+        ExInitializeWorkItem(&item, Run, this);
     }
+    static void NTAPI Run(PVOID job) { static_cast<Job*>(job)->run(); }
     void Queue() { ExQueueWorkItem(&item, DelayedWorkQueue); }
 };
 

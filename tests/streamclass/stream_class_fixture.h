@@ -25,17 +25,21 @@ inline void CompleteAdapterSrb(PHW_STREAM_REQUEST_BLOCK srb, NTSTATUS status) {
                                   nullptr, 0);
 }
 
+inline void STREAMAPI FakeReceivePacket(PHW_STREAM_REQUEST_BLOCK srb) {
+    if (fake.onSrb) {
+        fake.onSrb(srb);
+    } else {
+        CompleteAdapterSrb(srb, STATUS_SUCCESS);
+    }
+}
+
+inline void STREAMAPI FakeIgnoreSrb(PHW_STREAM_REQUEST_BLOCK) {}
+
 inline NTSTATUS NTAPI FakeDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
     HW_INITIALIZATION_DATA data{};
     data.HwInitializationDataSize = sizeof(data);
-    data.HwReceivePacket = [](PHW_STREAM_REQUEST_BLOCK srb) {
-        if (fake.onSrb) {
-            fake.onSrb(srb);
-        } else {
-            CompleteAdapterSrb(srb, STATUS_SUCCESS);
-        }
-    };
-    data.HwCancelPacket = data.HwRequestTimeoutHandler = [](PHW_STREAM_REQUEST_BLOCK) {};
+    data.HwReceivePacket = FakeReceivePacket;
+    data.HwCancelPacket = data.HwRequestTimeoutHandler = FakeIgnoreSrb;
     data.DeviceExtensionSize = 64;
     data.TurnOffSynchronization = TRUE;
     if (fake.editRegistration) {
