@@ -30,7 +30,7 @@
 #define ORNIX_NO_PIPE 0xFFFFFFFF
 
 // Relative time-out of one USB request: 5 s in 100 ns units.
-#define ORNIX_USB_REQUEST_TIMEOUT (-50000000LL)
+#define ORNIX_USB_REQUEST_TIMEOUT ((LONGLONG)-50000000)
 
 // Device power states as the power handler records them.
 #define ORNIX_POWER_D0 1

@@ -5,7 +5,7 @@
 // Busy polls before the last check; each busy answer costs one delay.
 #define ORNIX_FPGA_BUSY_POLLS 2
 // 1 ms, relative, in 100 ns units.
-#define ORNIX_FPGA_BUSY_DELAY (-10000LL)
+#define ORNIX_FPGA_BUSY_DELAY ((LONGLONG)-10000)
 
 // Back to the alternate setting current on entry; a failure is not kept.
 static VOID OrnixFpgaRestoreSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG Saved) {
