@@ -388,6 +388,42 @@ TEST_F(FormatDiscoveryTest, OddBanksArePublishedAsTheCameraStatesThem) {
     EXPECT_EQ(Range(0).VideoInfoHeader.AvgTimePerFrame, 416LL * 0x80000000 / 8192);
 }
 
+// A camera with registers for bank 33 beyond its 32 ordinary banks; bank 32 has none.
+class ManyBanksTest : public FormatDiscoveryTest {
+  protected:
+    ornixcam::Profile CameraProfile() const override {
+        ornixcam::Profile profile = ornixcam::DefaultProfile();
+        profile.registers[ORNIX_FORMAT_COUNT] = 34;
+        const Bank bank{.maxSize = Pack(2048, 1536), .size = Pack(2048, 1536)};
+        const std::pair<ULONG, uint32_t> values[] = {{ORNIX_FMT_MAX_SIZE, bank.maxSize},
+                                                     {ORNIX_FMT_UNIT_SIZE, bank.unitSize},
+                                                     {ORNIX_FMT_SIZE, bank.size},
+                                                     {ORNIX_FMT_COLOR_ID, bank.colourId},
+                                                     {ORNIX_FMT_COLOR_INQ, bank.colourInquiry},
+                                                     {ORNIX_FMT_FREQ_PARA, bank.freqPara},
+                                                     {ORNIX_FMT_CUR_FREQ, bank.curFreq}};
+        for (auto [reg, value] : values) {
+            const auto index = uint16_t(ORNIX_BANK_REGISTER(reg, 33));
+            profile.registerAccess[index] = ornixcam::Access::Read;
+            profile.registers[index] = value;
+        }
+        return profile;
+    }
+};
+
+// Every bank the count announces is read, past the 32 of the usual register window.
+TEST_F(ManyBanksTest, BanksBeyondThirtyTwoAreOffered) {
+    const Pairs formats = Formats();  // as bring-up found them
+    ASSERT_FALSE(formats.empty());
+    EXPECT_EQ(formats.back(), (std::pair<ULONG, ULONG>{33, 8}));
+    EXPECT_EQ(Range(Count() - 1).ConfigCaps.MaxOutputSize.cx, 2048);
+    ASSERT_EQ(Build(), STATUS_SUCCESS);
+    EXPECT_EQ(CountLogged("ORNIX: Failed to read max size reg"), 1u);  // bank 32
+    std::vector<uint16_t> reads = RegistersRead();
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x2080), 1);
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x2100), 0);  // no bank 34
+}
+
 // Without a record its format is left out; without the pointer array nothing is kept.
 TEST_F(FormatDiscoveryTest, RecordThatCannotBeAllocatedIsLeftOutThePointerArrayFailsAll) {
     const Bank bank{.colourInquiry = 12};
