@@ -28,9 +28,12 @@
 
 // A pipe index that names no pipe.
 #define ORNIX_NO_PIPE 0xFFFFFFFF
+// CurrentAltSetting when the device's setting is not known: no setting
+// equals it, so the next selection of any setting is sent to the device.
+#define ORNIX_UNKNOWN_ALT_SETTING 0xFFFFFFFF
 
 // Relative time-out of one USB request: 5 s in 100 ns units.
-#define ORNIX_USB_REQUEST_TIMEOUT (-50000000LL)
+#define ORNIX_USB_REQUEST_TIMEOUT ((LONGLONG)-50000000)
 
 // Device power states as the power handler records them.
 #define ORNIX_POWER_D0 1
@@ -144,7 +147,8 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     // Defect correction.
     BOOLEAN PixelCorrectionEnabled;
 
-    // Alternate setting of interface 0 now selected.
+    // Alternate setting of interface 0 now selected; ORNIX_UNKNOWN_ALT_SETTING
+    // after a selection that failed half-way.
     ULONG CurrentAltSetting;
 
     // Blocks released together at shutdown; changed only atomically.

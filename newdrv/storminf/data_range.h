@@ -3,8 +3,9 @@
 #pragma once
 #include "ornix.h"
 
-// What a format bank says about itself, checked by format discovery: sizes
-// non-zero, steps at most the largest size, frequencies non-zero.
+// What a format bank says about itself. Discovery checks only that the
+// frequencies are non-zero: sizes and steps may be 0 or out of order, and
+// whatever sizes a buffer or divides by them checks them first.
 typedef struct _ORNIX_BANK_INFO {
     ULONG Width;  // window now set
     ULONG Height;
@@ -22,12 +23,11 @@ typedef struct _ORNIX_BANK_INFO {
     LONGLONG IntervalAtCur;
 } ORNIX_BANK_INFO, *PORNIX_BANK_INFO;
 
-// Bits of one frame of Width x Height at Bits per pixel; FALSE when that
-// exceeds 32 bits (such a frame cannot be described).
-BOOLEAN OrnixFrameBits(ULONG Width, ULONG Height, ULONG Bits, PULONG FrameBits);
+// Bits of one frame of Width x Height at Bits per pixel, in 32 bits (wraps).
+ULONG OrnixFrameBits(ULONG Width, ULONG Height, ULONG Bits);
 
 // Frame interval in 100 ns units of a frame of FrameBits bits at camera
-// frequency Frequency (non-zero); at least 1.
+// frequency Frequency (non-zero); may be 0.
 LONGLONG OrnixBankFrameInterval(ULONG FrameBits, ULONG Frequency);
 
 // Fills the whole record (the colour table too when Bits is 8, so the block

@@ -5,13 +5,25 @@
 // Busy polls before the last check; each busy answer costs one delay.
 #define ORNIX_FPGA_BUSY_POLLS 2
 // 1 ms, relative, in 100 ns units.
-#define ORNIX_FPGA_BUSY_DELAY (-10000LL)
+#define ORNIX_FPGA_BUSY_DELAY ((LONGLONG)-10000)
 
-// Back to the alternate setting current on entry; a failure is not kept.
-static VOID OrnixFpgaRestoreSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG Saved) {
-    if (Saved != Ext->CurrentAltSetting) {
-        OrnixSelectAltSetting(Ext, Saved);
+// Back to the alternate setting current on entry. When that selection fails
+// the device may be in either setting (or none, if it acted on the request
+// and the answer was lost), and the pipe handles of neither can be trusted:
+// the setting is marked unknown, so that the next selection of any setting
+// (the FPGA's after D3, the video one at stream start) is really sent and
+// no pipe of the old setting is reset or used before that.
+// A setting that was unknown on entry is not restored: the FPGA's setting is
+// then the one known.
+static NTSTATUS OrnixFpgaRestoreSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG Saved) {
+    if (Saved == Ext->CurrentAltSetting || Saved == ORNIX_UNKNOWN_ALT_SETTING) {
+        return STATUS_SUCCESS;
     }
+    NTSTATUS status = OrnixSelectAltSetting(Ext, Saved);
+    if (!NT_SUCCESS(status)) {
+        Ext->CurrentAltSetting = ORNIX_UNKNOWN_ALT_SETTING;
+    }
+    return status;
 }
 
 // Program mode on: the image, then waiting for the FPGA to finish. Every
@@ -132,11 +144,9 @@ NTSTATUS OrnixProgramFpga(PORNIX_DEVICE_CONTEXT Ext) {
         return status;
     }
 
-    if (saved != Ext->CurrentAltSetting) {
-        status = OrnixSelectAltSetting(Ext, saved);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
+    status = OrnixFpgaRestoreSetting(Ext, saved);
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
     // The version only changes with the image: read it once. A failed read
     // leaves it 0, to be tried again after the next download.

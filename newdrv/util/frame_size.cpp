@@ -9,6 +9,8 @@
 // The bulk pipes' maximum transfer sizes by bus speed.
 #define ORNIX_HIGH_SPEED_TRANSFER_LIMIT 0x200000
 #define ORNIX_FULL_SPEED_TRANSFER_LIMIT 0x40000
+// A frame too large for 32 bits.
+#define ORNIX_SATURATED_FRAME_SIZE 0xFFFFFFFF
 // Frame size assumed before the formats are known.
 #define ORNIX_UNKNOWN_MAXIMUM_FRAME_SIZE 4096
 
@@ -49,6 +51,17 @@ ULONG OrnixBitsPerPixel(ULONG ColourId) {
     }
 }
 
+// Bytes of a frame of Width x Height at Bits per pixel. Buffers and pipe
+// transfer sizes come from this, so it must never understate a frame: the
+// 32-bit product of a large window (up to 65,535 x 65,535 at 24 bits) would
+// wrap to a small size, so the product is formed in 64 bits and a frame of 4
+// GiB or more saturates at 0xFFFFFFFF, which every pipe cap and allocation
+// then refuses or limits.
+static ULONG OrnixFrameBytes(ULONG Bits, ULONG Width, ULONG Height) {
+    ULONGLONG bytes = (ULONGLONG)Bits * Width * Height / 8;
+    return bytes > ORNIX_SATURATED_FRAME_SIZE ? ORNIX_SATURATED_FRAME_SIZE : (ULONG)bytes;
+}
+
 // IRQL: any. The stream number does not change the size.
 ULONG GetUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, ULONG ColourId, ULONG Width,
                       ULONG Height) {
@@ -56,7 +69,7 @@ ULONG GetUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, ULONG Colou
         DbgPrint(ORNIX_PREFIX "GetUsbFrameSize: BAD parameters, w:%d, h:%d\n", Width, Height);
         return 0;
     }
-    ULONG size = OrnixBitsPerPixel(ColourId) * Width * Height / 8;
+    ULONG size = OrnixFrameBytes(OrnixBitsPerPixel(ColourId), Width, Height);
     if (ColourId == ORNIX_COLOUR_STATUS_WORD) {
         size = ORNIX_STATUS_WORD_FRAME_SIZE;
     } else if (ColourId == ORNIX_COLOUR_VARIABLE_SIZE) {
@@ -99,7 +112,9 @@ ULONG GetStreamUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, PBOOL
     return GetUsbFrameSize(Ext, StreamNumber, colourId, width, height);
 }
 
-// IRQL: any. The largest frame any offered format can have.
+// IRQL: any. The largest frame any offered format can have. Its largest
+// window may be 0 (such a format adds nothing) or so large that the frame
+// does not fit in 32 bits (it saturates, so the video pipes get their cap).
 ULONG OrnixGetMaximumFrameSize(PORNIX_DEVICE_CONTEXT Ext) {
     if (Ext->CaptureFormats == NULL) {
         return ORNIX_UNKNOWN_MAXIMUM_FRAME_SIZE;
@@ -107,9 +122,9 @@ ULONG OrnixGetMaximumFrameSize(PORNIX_DEVICE_CONTEXT Ext) {
     ULONG largest = 0;
     for (ULONG i = 0; i < Ext->CaptureFormatCount; i++) {
         PKS_DATARANGE_VIDEO range = (PKS_DATARANGE_VIDEO)Ext->CaptureFormats[i];
-        ULONG size = (ULONG)range->ConfigCaps.MaxOutputSize.cx *
-                     (ULONG)range->ConfigCaps.MaxOutputSize.cy *
-                     (ULONG)range->VideoInfoHeader.bmiHeader.biBitCount / 8;
+        ULONG size = OrnixFrameBytes((ULONG)range->VideoInfoHeader.bmiHeader.biBitCount,
+                                     (ULONG)range->ConfigCaps.MaxOutputSize.cx,
+                                     (ULONG)range->ConfigCaps.MaxOutputSize.cy);
         if (size > largest) {
             largest = size;
         }

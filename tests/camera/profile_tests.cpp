@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -18,6 +19,22 @@ TEST(DefaultProfile, MatchesTheShippedFile) {
     EXPECT_EQ(nlohmann::json::parse(std::ifstream(ORNIX_DEFAULT_PROFILE_PATH)),
               nlohmann::json::parse(DefaultProfileJson()));
     EXPECT_EQ(LoadProfile(ORNIX_DEFAULT_PROFILE_PATH), DefaultProfile());
+}
+
+// The profile documentation shows the default controls as a profile fragment.
+TEST(DefaultProfile, DocumentedControlsAreTheShippedOnes) {
+    std::ifstream file(ORNIX_PROFILE_DOC_PATH);
+    const std::string doc((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const size_t section = doc.find("## `properties`");
+    ASSERT_NE(section, std::string::npos);
+    const size_t begin = doc.find("```json\n", section);
+    ASSERT_NE(begin, std::string::npos);
+    const size_t end = doc.find("```", begin + 8);
+    ASSERT_NE(end, std::string::npos);
+    const std::string fragment = doc.substr(begin + 8, end - begin - 8);
+    const nlohmann::json shipped = nlohmann::json::parse(std::ifstream(ORNIX_DEFAULT_PROFILE_PATH));
+    EXPECT_EQ(nlohmann::json::parse(fragment)["properties"], shipped["properties"]);
+    EXPECT_EQ(ParseProfile(fragment).properties, DefaultProfile().properties);
 }
 
 TEST(ParseProfile, OverridesTheDefaultFieldByField) {

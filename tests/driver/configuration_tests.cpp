@@ -176,6 +176,74 @@ TEST_F(ConfigurationTest, UnusualCameraIsBroughtUpAndBrokenDescriptorsFailLeavin
     EXPECT_EQ(Stack().Counts(usbsim::RequestKind::GetDescriptor).submitted, 1u);
 }
 
+// wTotalLength is what decides a second fetch: exactly 64 bytes need only the first.
+TEST_F(ConfigurationTest, DescriptorOfExactlyTheFirstFetchIsFetchedOnce) {
+    const Bytes layout =
+        Configuration({Interface(0, 3), Endpoint(0x81, kBulk, 512), Endpoint(0x82, kBulk, 512),
+                       Endpoint(0x83, kInterrupt, 8), Interface(1, 1), Endpoint(0x02, kBulk, 512),
+                       ClassSpecific(9)});
+    ASSERT_EQ(layout.size(), 64u);
+    ornixcam::Profile profile = ornixcam::DefaultProfile();
+    profile.rawDescriptors.configuration = layout;
+    ASSERT_EQ(Start(profile), STATUS_SUCCESS);
+    std::vector<std::string> fetches = Log();
+    std::erase_if(fetches, [](const std::string& line) {
+        return line.find("Getting configuration descriptor") == std::string::npos;
+    });
+    EXPECT_EQ(fetches,
+              std::vector<std::string>{"ORNIX: Getting configuration descriptor's, length:64"});
+}
+
+// The second selection sends setting 0 as the pipe map assigned it, with frame-sized
+// transfers, and keeps the answer: the video pipes hold their size, capped by bus
+// speed, their flag and their handles after bring-up.
+TEST_F(ConfigurationTest, VideoPipesKeepTheirAssignedTransferSizesAfterBringUp) {
+    const auto withBanks = [](std::vector<ornixcam::FormatBankProfile> banks) {
+        ornixcam::Profile profile = ornixcam::DefaultProfile();
+        profile.formatBanks = std::move(banks);
+        return profile;
+    };
+    ornixcam::FormatBankProfile small = ornixcam::DefaultProfile().formatBanks.at(0);
+    small.maxSize = small.size = {320, 240};
+    small.colorInquiry = 8;  // 8 bits only
+    ornixcam::FormatBankProfile wrapping = ornixcam::DefaultProfile().formatBanks.at(1);
+    wrapping.maxSize = {32768, 32768};  // 2 GiB at 16 bits: 0 in 32 bits
+    ornixcam::Profile fullSpeed = ornixcam::DefaultProfile();
+    fullSpeed.device.speed = usbsim::BusSpeed::Full;
+    for (ornixcam::AlternateSettingProfile& setting : fullSpeed.configuration.alternateSettings) {
+        for (ornixcam::EndpointProfile& endpoint : setting.endpoints) {
+            if (endpoint.type == ornixcam::EndpointType::Bulk) {
+                endpoint.maxPacketSize = 64;
+            }
+        }
+    }
+    fullSpeed.registers[ORNIX_SPEED] = 0;
+    const struct {
+        const char* name;
+        ornixcam::Profile profile;
+        ULONG size;
+    } cases[] = {
+        {"largest frame above the 2 MiB cap", ornixcam::DefaultProfile(), 0x200000},
+        {"full speed: 256 KiB cap", fullSpeed, 0x40000},
+        {"largest frame below the cap", withBanks({small}), 320 * 240},
+        {"largest frame beyond 32 bits", withBanks({small, wrapping}), 0x200000},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(Start(c.profile), STATUS_SUCCESS);
+        ASSERT_EQ(Ext()->VideoAltSetting, 0u);
+        ASSERT_EQ(Ext()->StreamCount, 2u);
+        const USBD_INTERFACE_INFORMATION* video = Ext()->InterfaceInfoTable[0];
+        for (ULONG pipe : {Ext()->CapturePipe, Ext()->StillPipe}) {
+            SCOPED_TRACE(pipe);
+            const USBD_PIPE_INFORMATION& info = video->Pipes[pipe];
+            EXPECT_EQ(info.MaximumTransferSize, c.size);
+            EXPECT_EQ(info.PipeFlags & USBD_PF_CHANGE_MAX_PACKET, ULONG(USBD_PF_CHANGE_MAX_PACKET));
+            EXPECT_NE(info.PipeHandle, nullptr);
+        }
+    }
+}
+
 // The string the device descriptor names (3 if none), in US English; anything
 // but eight decimal digits reads as 0.
 TEST_F(ConfigurationTest, SerialNumberIsExactlyEightDecimalDigits) {

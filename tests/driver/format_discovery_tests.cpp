@@ -229,22 +229,14 @@ TEST_F(FormatDiscoveryTest, RangeCarriesTheBankAndTheIntervalsOfTheCurrentColour
     }
 }
 
-TEST_F(FormatDiscoveryTest, EqualOrExtremeFrequenciesGiveUsableIntervalsAndRates) {
+TEST_F(FormatDiscoveryTest, EqualLimitsNeedNoCurrentFrequency) {
     // Equal limits: the current frequency, 7, is never read and never used.
-    Bank bank{.freqPara = Pack(20000, 20000), .curFreq = 7};
-    ASSERT_EQ(BuildOne(bank), STATUS_SUCCESS);
+    ASSERT_EQ(BuildOne({.freqPara = Pack(20000, 20000), .curFreq = 7}), STATUS_SUCCESS);
     ASSERT_EQ(Count(), 1u);
     EXPECT_EQ(Range(0).VideoInfoHeader.AvgTimePerFrame, 640000);  // (500 x 10,485,760) div 8192
     EXPECT_EQ(Range(0).VideoInfoHeader.dwBitRate, 20000u * 1024u);
     std::vector<uint16_t> reads = RegistersRead();
     EXPECT_EQ(std::count(reads.begin(), reads.end(), ORNIX_FMT_CUR_FREQ), 0);
-    bank.freqPara = Pack(1, 2);
-    bank.curFreq = 0xFFFFFFFF;  // 32 bits wide, unlike the limits
-    ASSERT_EQ(BuildOne(bank), STATUS_SUCCESS);
-    ASSERT_EQ(Count(), 1u);
-    EXPECT_EQ(Range(0).VideoInfoHeader.AvgTimePerFrame, 1);  // never 0
-    EXPECT_EQ(Range(0).VideoInfoHeader.dwBitRate, 0xFFFFFFFFu);
-    EXPECT_EQ(Range(0).ConfigCaps.MaxFrameInterval, 10000000LL * 1280 * 1024 * 8 / 8192);
 }
 
 // ---------------------------------------------------------------- the table
@@ -269,60 +261,167 @@ TEST_F(FormatDiscoveryTest, TableFollowsBankThenColourOrderAndBanksKeepTheirInde
 
 // ---------------------------------------------------------------- broken banks
 
-TEST_F(FormatDiscoveryTest, CountBeyondTheRegisterWindowIsCutToThirtyTwoBanks) {
+// Only 512 banks have registers of their own: bank 512 would be bank 0 again.
+TEST_F(FormatDiscoveryTest, CountIsCutWhereBankRegistersRepeat) {
     SetBankCount(0xFFFFFFFF);
     SetBank(0, Bank{});
     SetBank(1, {.freqPara = 0});  // unusable
     SetBank(2, {.freqPara = 0});
     ASSERT_EQ(Build(), STATUS_SUCCESS);
-    // The camera has three banks; the others stall and are skipped.
-    EXPECT_EQ(Formats(), (Pairs{{0, 8}}));
-    EXPECT_TRUE(Logged("ORNIX:  format count 4294967295 beyond the register window, using 32"));
+    EXPECT_EQ(Formats().front(), (std::pair<ULONG, ULONG>{0, 8}));
+    EXPECT_TRUE(Logged("ORNIX:  format count 4294967295 beyond the register window, using 512"));
     std::vector<uint16_t> reads = RegistersRead();
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x1F80), 1);  // bank 31's largest size
-    EXPECT_LT(*std::max_element(reads.begin(), reads.end()), 0x2000);
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x1000), 1);  // bank 0's largest size
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x0F80), 1);  // bank 511's
+    for (const WireRequest& request : VendorRequests()) {
+        ASSERT_EQ(request.wLength, 4u);  // plain register reads only
+    }
+    for (auto [bank, id] : Formats()) {
+        EXPECT_LT(bank, 512u);
+    }
 }
 
-// Values later stages would divide by or size buffers from skip the bank or its format.
-TEST_F(FormatDiscoveryTest, UnknownZeroOrHugeBankValuesAreLeftOut) {
+// Everything except a zero frequency or an unknown colour id is offered as the camera
+// states it: sizes and steps of 0 or out of order, products that wrap in 32 bits, frame
+// intervals of 0 and bit rates truncated to 32 bits.
+TEST_F(FormatDiscoveryTest, OddBanksArePublishedAsTheCameraStatesThem) {
     const char* const unknown = "ORNIX: Unknown color id reference";
     const char* const zero = "ORNIX: 0 frequency found";
-    const char* const sizes = "ORNIX: Bad sizes in format bank 0";
-    const uint32_t huge = Pack(65535, 65535);  // x 8 bits does not fit in 32 bits
-    const uint32_t tall = Pack(32768, 12288);  // fits at 8 bits, not at 16
+    // No bit count at all, as base or as the colour id now set, or a zero frequency.
     const struct {
         Bank bank;
-        Ids ids;
         const char* message;
-        bool reported = true;  // false: the message must not appear
-    } cases[] = {
-        // A bit count but no base mask: nothing offered, nothing reported.
-        {{.colourInquiry = 1}, {}, unknown, false},
-        // No bit count at all, as base or as the colour id now set.
-        {{.colourInquiry = 32}, {}, unknown},
-        {{.colourId = 40}, {}, unknown},
-        {{.freqPara = Pack(0, 100), .curFreq = 50}, {}, zero},
-        {{.freqPara = Pack(100, 0), .curFreq = 50}, {}, zero},
-        {{.freqPara = Pack(100, 200), .curFreq = 0}, {}, zero},
-        {{.freqPara = 0, .curFreq = 9}, {}, zero},
-        {{.unitSize = Pack(0, 16)}, {}, sizes},
-        {{.unitSize = Pack(16, 0)}, {}, sizes},
-        {{.maxSize = Pack(8, 1024)}, {}, sizes},
-        {{.maxSize = Pack(1280, 8)}, {}, sizes},
-        {{.size = Pack(0, 480)}, {}, sizes},
-        {{.size = Pack(640, 0)}, {}, sizes},
-        {{.maxSize = huge, .unitSize = Pack(1, 1), .size = huge}, {}, sizes},
-        {{.maxSize = tall, .size = tall, .colourInquiry = 12},
-         {8},
-         "ORNIX: Frame too large for color:12"},
+    } refused[] = {
+        {{.colourInquiry = 32}, unknown},
+        {{.colourId = 40}, unknown},
+        {{.freqPara = Pack(0, 100), .curFreq = 50}, zero},
+        {{.freqPara = Pack(100, 0), .curFreq = 50}, zero},
+        {{.freqPara = Pack(100, 200), .curFreq = 0}, zero},
+        {{.freqPara = 0, .curFreq = 9}, zero},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
+    for (const auto& c : refused) {
+        SCOPED_TRACE(&c - refused);
         ASSERT_EQ(BuildOne(c.bank), STATUS_SUCCESS);
-        EXPECT_EQ(ColourIds(), c.ids);
-        EXPECT_EQ(Logged(c.message), c.reported);
+        EXPECT_EQ(Count(), 0u);
+        EXPECT_TRUE(Logged(c.message));
     }
+    // A bit count but no base mask: nothing offered, nothing reported.
+    ASSERT_EQ(BuildOne({.colourInquiry = 1}), STATUS_SUCCESS);
+    EXPECT_EQ(Count(), 0u);
+    EXPECT_TRUE(Log().size() > 0 && !Logged(unknown));
+
+    // What is published: W x H and its sample size (8 bits, colour id 8), the smallest
+    // and largest size and the step, the intervals at Fmax, Fmin and Fcur, and the bit
+    // rates at Fmin, Fmax and Fcur.
+    struct Published {
+        std::vector<LONGLONG> sizes;      // W, H, SampleSize
+        std::vector<LONGLONG> limits;     // Wu, Hu, Wmax, Hmax, step x, step y
+        std::vector<LONGLONG> intervals;  // T(Fmax), T(Fmin), T(Fcur)
+        std::vector<LONGLONG> rates;      // Fmin, Fmax, Fcur x 1024
+    };
+    const auto published = [&]() {
+        const KS_DATARANGE_VIDEO& r = Range(0);
+        const KS_VIDEO_STREAM_CONFIG_CAPS& c = r.ConfigCaps;
+        const KS_VIDEOINFOHEADER& h = r.VideoInfoHeader;
+        return Published{{h.bmiHeader.biWidth, -h.bmiHeader.biHeight, r.DataRange.SampleSize},
+                         {c.MinOutputSize.cx, c.MinOutputSize.cy, c.MaxOutputSize.cx,
+                          c.MaxOutputSize.cy, c.OutputGranularityX, c.OutputGranularityY},
+                         {c.MinFrameInterval, c.MaxFrameInterval, h.AvgTimePerFrame},
+                         {c.MinBitsPerSecond, c.MaxBitsPerSecond, h.dwBitRate}};
+    };
+    constexpr LONGLONG kFull = 1280LL * 1024 * 8;  // bits of the usual frame
+    const std::vector<LONGLONG> kUsualIntervals = {208 * kFull / 8192, 833 * kFull / 8192,
+                                                   416 * kFull / 8192};
+    const std::vector<LONGLONG> kUsualRates = {12000 * 1024, 48000 * 1024, 24000 * 1024};
+    const struct {
+        Bank bank;
+        Published expected;
+    } kept[] = {
+        // Zero steps and steps above the largest size.
+        {{.unitSize = Pack(0, 0)},
+         {{1280, 1024, 1310720}, {0, 0, 1280, 1024, 0, 0}, kUsualIntervals, kUsualRates}},
+        {{.maxSize = Pack(8, 4), .unitSize = Pack(16, 16)},
+         {{1280, 1024, 1310720}, {16, 16, 8, 4, 16, 16}, kUsualIntervals, kUsualRates}},
+        // A window of zero size: nothing to send, in no time.
+        {{.size = Pack(0, 480)},
+         {{0, 480, 0}, {16, 16, 1280, 1024, 16, 16}, {0, 0, 0}, kUsualRates}},
+        {{.maxSize = 0, .size = Pack(640, 0)},
+         {{640, 0, 0}, {16, 16, 0, 0, 16, 16}, {0, 0, 0}, kUsualRates}},
+        // 65,535 x 65,535 x 8 wraps to 4,293,918,728 bits.
+        {{.maxSize = Pack(65535, 65535), .size = Pack(65535, 65535)},
+         {{65535, 65535, 536739841},
+          {16, 16, 65535, 65535, 16, 16},
+          {208LL * 4293918728 / 8192, 833LL * 4293918728 / 8192, 416LL * 4293918728 / 8192},
+          kUsualRates}},
+        // 32,768 x 32,768 x 8 wraps to exactly 0.
+        {{.size = Pack(32768, 32768)},
+         {{32768, 32768, 0}, {16, 16, 1280, 1024, 16, 16}, {0, 0, 0}, kUsualRates}},
+        // Fcur is 32 bits wide: above 10 MHz the interval is 0, and x 1024 wraps.
+        {{.freqPara = Pack(1, 0xFFFF), .curFreq = 0xFFFFFFFF},
+         {{1280, 1024, 1310720},
+          {16, 16, 1280, 1024, 16, 16},
+          {152 * kFull / 8192, 10000000 * kFull / 8192, 0},
+          {1024, 0xFFFF * 1024, 0xFFFFFC00}}},
+        {{.curFreq = 0x00400000},
+         {{1280, 1024, 1310720},
+          {16, 16, 1280, 1024, 16, 16},
+          {kUsualIntervals[0], kUsualIntervals[1], 2 * kFull / 8192},
+          {12000 * 1024, 48000 * 1024, 0}}},
+    };
+    for (const auto& c : kept) {
+        SCOPED_TRACE(&c - kept);
+        ASSERT_EQ(BuildOne(c.bank), STATUS_SUCCESS);
+        ASSERT_EQ(ColourIds(), Ids{8});
+        const Published actual = published();
+        EXPECT_EQ(actual.sizes, c.expected.sizes);
+        EXPECT_EQ(actual.limits, c.expected.limits);
+        EXPECT_EQ(actual.intervals, c.expected.intervals);
+        EXPECT_EQ(actual.rates, c.expected.rates);
+    }
+    // The intervals come from the colour id now set: 16 bits here, where 32,768 x
+    // 12,288 x 16 wraps to 2^31 bits, and the 8-bit format's sample size is exact.
+    ASSERT_EQ(BuildOne({.size = Pack(32768, 12288), .colourId = 12, .colourInquiry = 12}),
+              STATUS_SUCCESS);
+    ASSERT_EQ(ColourIds(), (Ids{8, 12}));
     EXPECT_EQ(Range(0).DataRange.SampleSize, 32768u * 12288u);
+    EXPECT_EQ(Range(1).DataRange.SampleSize, 0x80000000u / 8);  // wrapped
+    EXPECT_EQ(Range(0).VideoInfoHeader.AvgTimePerFrame, 416LL * 0x80000000 / 8192);
+}
+
+// A camera with registers for bank 33 beyond its 32 ordinary banks; bank 32 has none.
+class ManyBanksTest : public FormatDiscoveryTest {
+  protected:
+    ornixcam::Profile CameraProfile() const override {
+        ornixcam::Profile profile = ornixcam::DefaultProfile();
+        profile.registers[ORNIX_FORMAT_COUNT] = 34;
+        const Bank bank{.maxSize = Pack(2048, 1536), .size = Pack(2048, 1536)};
+        const std::pair<ULONG, uint32_t> values[] = {{ORNIX_FMT_MAX_SIZE, bank.maxSize},
+                                                     {ORNIX_FMT_UNIT_SIZE, bank.unitSize},
+                                                     {ORNIX_FMT_SIZE, bank.size},
+                                                     {ORNIX_FMT_COLOR_ID, bank.colourId},
+                                                     {ORNIX_FMT_COLOR_INQ, bank.colourInquiry},
+                                                     {ORNIX_FMT_FREQ_PARA, bank.freqPara},
+                                                     {ORNIX_FMT_CUR_FREQ, bank.curFreq}};
+        for (auto [reg, value] : values) {
+            const auto index = uint16_t(ORNIX_BANK_REGISTER(reg, 33));
+            profile.registerAccess[index] = ornixcam::Access::Read;
+            profile.registers[index] = value;
+        }
+        return profile;
+    }
+};
+
+// Every bank the count announces is read, past the 32 of the usual register window.
+TEST_F(ManyBanksTest, BanksBeyondThirtyTwoAreOffered) {
+    const Pairs formats = Formats();  // as bring-up found them
+    ASSERT_FALSE(formats.empty());
+    EXPECT_EQ(formats.back(), (std::pair<ULONG, ULONG>{33, 8}));
+    EXPECT_EQ(Range(Count() - 1).ConfigCaps.MaxOutputSize.cx, 2048);
+    ASSERT_EQ(Build(), STATUS_SUCCESS);
+    EXPECT_EQ(CountLogged("ORNIX: Failed to read max size reg"), 1u);  // bank 32
+    std::vector<uint16_t> reads = RegistersRead();
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x2080), 1);
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x2100), 0);  // no bank 34
 }
 
 // Without a record its format is left out; without the pointer array nothing is kept.

@@ -196,5 +196,50 @@ INSTANTIATE_TEST_SUITE_P(EachStep, FpgaFailureTest, ::testing::ValuesIn(kFailure
                              return std::string(info.param.name);
                          });
 
+// When the saved setting cannot be selected again, the device may be in either
+// setting: the driver marks it unknown, so the next selection of any setting is
+// sent, no pipe is reset before that, and the next download starts from a real
+// selection of the FPGA's setting.
+TEST_F(FpgaTest, SettingThatCannotBeRestoredIsUnknownUntilSelectedAgain) {
+    const struct {
+        const char* name;
+        RequestKind failing;  // besides the second selection, the restore
+        NTSTATUS status;
+    } cases[] = {
+        {"after the download", RequestKind::Other, kGone},
+        {"after a failed transfer", RequestKind::BulkOrInterrupt, kGone},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        UnconfigureFpga();
+        ASSERT_EQ(OrnixSelectAltSetting(Ext(), 0), STATUS_SUCCESS);
+        Camera().ClearRequests();
+        if (c.failing != RequestKind::Other) {
+            Stack().AddFault({.kind = c.failing, .usbdStatus = USBD_STATUS_DEVICE_GONE});
+        }
+        Stack().AddFault({.kind = RequestKind::SelectInterface,
+                          .occurrence = 2,
+                          .usbdStatus = USBD_STATUS_DEVICE_GONE});
+        EXPECT_EQ(OrnixProgramFpga(Ext()), c.status);
+        Stack().ClearFaults();
+        EXPECT_EQ(Ext()->CurrentAltSetting, ORNIX_UNKNOWN_ALT_SETTING);
+        EXPECT_EQ(Camera().AlternateSetting(), 1u);  // the restore never reached it
+        EXPECT_EQ(OrnixResetPipe(Ext(), Ext()->FpgaPipe), STATUS_INVALID_PARAMETER);
+        // Either setting is really selected now.
+        Camera().ClearRequests();
+        EXPECT_EQ(OrnixSelectAltSetting(Ext(), 1), STATUS_SUCCESS);
+        EXPECT_EQ(Traffic(), Lines{"setting 1"});
+        EXPECT_EQ(Ext()->CurrentAltSetting, 1u);
+    }
+    // A download entered with the setting unknown selects the FPGA's and stays there.
+    UnconfigureFpga();
+    Ext()->CurrentAltSetting = ORNIX_UNKNOWN_ALT_SETTING;
+    EXPECT_EQ(OrnixProgramFpga(Ext()), STATUS_SUCCESS);
+    EXPECT_TRUE(Camera().FpgaConfigured());
+    EXPECT_EQ(Traffic().at(1), "setting 1");
+    EXPECT_EQ(Ext()->CurrentAltSetting, 1u);
+    ASSERT_EQ(OrnixSelectAltSetting(Ext(), 0), STATUS_SUCCESS);  // as teardown expects
+}
+
 }  // namespace
 }  // namespace ornixtest

@@ -107,6 +107,10 @@ TEST_F(PropertyTableTest, StandardControlsPublishConvertedRangesAheadOfTheOtherS
     EXPECT_EQ(GuidText(Set(4)->Set), GuidText(&OrnixPropSetTevrinSgl));
     EXPECT_EQ(Ids(*Set(3)), (std::vector<ULONG>{0, 1, 2, 3}));
     EXPECT_EQ(Ids(*Set(4)), (std::vector<ULONG>{0, 1, 2}));
+    // Gain below unity wraps in 32 bits, whatever the width of the host's long.
+    PokeRecord(15, {kPresent, 0x0FFF, 0, 0x1000});
+    ASSERT_EQ(Build(), STATUS_SUCCESS);
+    EXPECT_EQ(RangeOf(Set(0)->PropertyItem[2]), (PublishedRange{268435455, 268435200, 0, 1}));
 }
 
 // Every record present: the filling pass must end where the counting pass measured.
@@ -168,14 +172,24 @@ TEST(UnitConverterTest, LinearControlsTruncateTowardZeroExposureRoundsToAPowerOf
     EXPECT_EQ(OrnixContrastToProperty(4095), 99);
     EXPECT_EQ(OrnixContrastToRegister(100), 4096);
     EXPECT_EQ(OrnixContrastToRegister(-3), -122);  // -122.88
-    // Gain counts sixteenths above unity.
-    EXPECT_EQ(OrnixGainToProperty(0x100F), 0u);
+    // Gain counts sixteenths above unity, in unsigned 32 bits: below unity it wraps
+    // (a 64-bit offset would give 0xFFFFFF00 and 0xFFFFFFFF here).
+    const std::pair<ULONG, ULONG> gain[] = {
+        {0x100F, 0}, {0x1000, 0}, {0x0FFF, 268435455}, {0, 268435200}, {0xFFFFFFFF, 0x0FFFFEFF}};
+    for (auto [reg, property] : gain) {
+        EXPECT_EQ(OrnixGainToProperty(reg), property) << "register " << reg;
+    }
     EXPECT_EQ(OrnixGainToRegister(0), 0x1000u);
     EXPECT_EQ(OrnixGainToRegister(3840), 0x10000u);
+    EXPECT_EQ(OrnixGainToRegister(0x0FFFFFFF), 0x0FF0u);  // wraps
     // Exposure is log seconds, rounded to the nearest power and clamped; the step
-    // from n to n + 1 lies near 1,333,333 x 2^n us.
-    const std::pair<ULONG, LONG> toProperty[] = {{0, -21},     {1, -20},     {1333333, 0},
-                                                 {1333334, 1}, {666666, -1}, {666667, 0}};
+    // from n to n + 1 lies near 1,333,333 x 2^n us. r + r / 2 is formed in 32 bits:
+    // around 0xAAAAAAAB it wraps, and exactly there it wraps to 0, which reads as
+    // the shortest exposure, like a register of 0.
+    const std::pair<ULONG, LONG> toProperty[] = {
+        {0, -21},          {1, -20},          {1333333, 0},     {1333334, 1},     {666666, -1},
+        {666667, 0},       {0x7FFFFFFF, 11},  {0x80000000, 11}, {0xAAAAAAAA, 12}, {0xAAAAAAAB, -21},
+        {0xAAAAAAAC, -19}, {0xAAAAAAB0, -17}, {0xAAB8BA29, 0},  {0xFFFFFFFF, 11}};
     for (auto [microseconds, property] : toProperty) {
         EXPECT_EQ(OrnixExposureToProperty(microseconds), property) << microseconds << " us";
     }

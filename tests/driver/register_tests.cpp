@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <numeric>
 #include <string>
@@ -105,6 +106,71 @@ TEST_F(RegisterTest, EachOperationIsOneVendorRequestOfItsShapeAndShortOrFailedAn
     EXPECT_EQ(value, 0x5555AAAAu);
     EXPECT_TRUE(Logged("ORNIX: OrnixRegRead: index:0x0010 FAIOLED"));
     EXPECT_TRUE(Logged("ORNIX: OrnixControlVendorCommand Error 0xc0000001"));
+}
+
+// The lines each operation prints, word for word (other layers' lines left out): entry,
+// success and failure traces with zero-padded indices and values.
+TEST_F(RegisterTest, EachOperationPrintsItsOwnLines) {
+    Camera().PokeRegister(ORNIX_SPEC_VERSION, 0x00A0000B);
+    ULONG value = 0;
+    std::array<uint8_t, 16> block{};
+    using Operation = std::function<NTSTATUS()>;
+    const struct {
+        const char* name;
+        Operation operation;
+        std::vector<std::string> success;
+        std::vector<std::string> failure;
+    } cases[] = {
+        {"register read",
+         [&] { return OrnixRegRead(Ext(), 0x10010, &value); },
+         {"ORNIX: OrnixRegRead: index:0x0010, read:0x00a0000b"},
+         {"ORNIX: OrnixRegRead: index:0x0010 FAIOLED"}},
+        {"register write",
+         [&] { return OrnixRegWrite(Ext(), kRecord, 0x0000BEEF); },
+         {"ORNIX: OrnixRegWrite, index:0x0400, value:0x0000beef",
+          "ORNIX: OrnixRegWrite, index:0x0400, value:0x0000beef successful"},
+         {"ORNIX: OrnixRegWrite, index:0x0400, value:0x0000beef", "ORNIX:  OrnixRegWrite fialed"}},
+        {"block write",
+         [&] { return OrnixBlockWrite(Ext(), kRecord, block.data(), 16); },
+         {"ORNIX: OrnixBlockWrite, index:0x0400, size:0x10"},
+         {"ORNIX: OrnixBlockWrite, index:0x0400, size:0x10", "ORNIX:  OrnixBlockWrite fialed"}},
+        {"empty block write",
+         [&] { return OrnixBlockWrite(Ext(), ORNIX_MESSAGE_DATA, block.data(), 0); },
+         {"ORNIX: OrnixBlockWrite, index:0x5000, size:0x0"},
+         {"ORNIX: OrnixBlockWrite, index:0x5000, size:0x0", "ORNIX:  OrnixBlockWrite fialed"}},
+        {"block read",
+         [&] { return OrnixBlockRead(Ext(), ORNIX_SPEC_VERSION, block.data(), 4); },
+         {"ORNIX: OrnixBlockRead: 0x10"},
+         {"ORNIX: OrnixBlockRead: 0x10"}},
+        {"pass-through read",
+         [&] { return OrnixSglRead(Ext(), 12, 0, 4, block.data()); },
+         {"ORNIX: OrnixSglRead, index:12, value:0x0"},
+         {"ORNIX: OrnixSglRead, index:12, value:0x0"}},
+        {"pass-through write",
+         [&] { return OrnixSglWrite(Ext(), 0, 0x251, 2, block.data()); },
+         {"ORNIX: OrnixSglWrite, index: 0, value:0x251"},
+         {"ORNIX: OrnixSglWrite, index: 0, value:0x251"}},
+    };
+    const auto ownLines = [] {
+        std::vector<std::string> lines = Log();
+        std::erase_if(lines, [](const std::string& line) {
+            return line.find("OrnixReg") == std::string::npos &&
+                   line.find("OrnixBlock") == std::string::npos &&
+                   line.find("OrnixSgl") == std::string::npos;
+        });
+        return lines;
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        winsim::ClearDebugLog();
+        EXPECT_EQ(c.operation(), STATUS_SUCCESS);
+        EXPECT_EQ(ownLines(), c.success);
+        winsim::ClearDebugLog();
+        FailVendorRequests(Stack(), FaultAction::Stall, 1);
+        EXPECT_FALSE(NT_SUCCESS(c.operation()));
+        Stack().ClearFaults();
+        EXPECT_EQ(ownLines(), c.failure);
+    }
 }
 
 // A header register, then the body through the message window in pieces of at most
@@ -337,6 +403,47 @@ TEST_F(VpdLargestMapTest, TheImageMayFillTheMapButNotLeaveIt) {
     }
 }
 
+// Without the query the probe decides: 0xC0 at 0xA0 offset 0 means no product data,
+// any other byte the smallest map; a probe that fails means none either.
+TEST_F(VpdTest, ProbeByteDecidesTheMapWhenTheQueryFails) {
+    const struct {
+        uint8_t byte;
+        uint32_t failing;  // vendor request that stalls besides the query (0: none)
+        LONG type;
+    } cases[] = {{0xC0, 0, -1}, {0x00, 0, 0},  {0xC1, 0, 0}, {0xFF, 0, 0},
+                 {0x40, 0, 0},  {0x00, 2, -1}, {0x00, 3, -1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.byte) + " " + std::to_string(c.failing));
+        Camera().PokeEeprom(0xA0, 0, Bytes{c.byte});
+        FailVendorRequests(Stack(), FaultAction::Stall, 1);
+        if (c.failing != 0) {
+            FailVendorRequests(Stack(), FaultAction::Stall, c.failing);
+        }
+        EXPECT_EQ(OrnixGetVpdMappingType(Ext()), c.type);
+        Stack().ClearFaults();
+    }
+}
+
+// A blank EEPROM reads FF FF FF FF: an end header and nothing before it.
+TEST_F(VpdTest, BlankProductDataIsAnImageOfOnlyTheEndHeader) {
+    ASSERT_EQ(OrnixReadVpd(Ext()), STATUS_SUCCESS);
+    ASSERT_EQ(Ext()->VpdLength, 4u);
+    EXPECT_EQ(Bytes(Ext()->VpdImage, Ext()->VpdImage + 4), Bytes(4, 0xFF));
+    EXPECT_EQ(Ext()->DefectSection, nullptr);
+    EXPECT_EQ(Ext()->Section4, nullptr);
+    winsim::ClearDebugLog();
+    for (UCHAR id : {1, 4, 254}) {
+        SCOPED_TRACE(int(id));
+        EXPECT_EQ(Find(id), std::make_tuple(STATUS_NOT_FOUND, -1, 0u));
+        Bytes buffer(8);
+        ULONG length = 8;
+        EXPECT_EQ(OrnixReturnVpdSection(Ext(), buffer.data(), &length, id), STATUS_NOT_FOUND);
+        length = 0;
+        EXPECT_EQ(OrnixReturnVpdSection(Ext(), buffer.data(), &length, id), STATUS_NOT_FOUND);
+    }
+    EXPECT_TRUE(Log().empty());  // not found is no corruption
+}
+
 // Not even the previous image is kept. Requests of a read: mapping type, two headers
 // (2 to 5), image; a walk that never meets the end header fails at the end of the map.
 TEST_F(VpdTest, AFailedReadKeepsNoImage) {
@@ -390,6 +497,9 @@ TEST_F(VpdTest, SectionsAreFoundWholeAndHeadersThatDoNotFitTheImageAreCorrupt) {
     EXPECT_EQ(returned(0, 5), std::make_pair(STATUS_BUFFER_OVERFLOW, 6u));
     EXPECT_EQ(returned(1, 5), std::make_pair(STATUS_BUFFER_TOO_SMALL, 6u));
     EXPECT_EQ(buffer[0], 0xEE);
+    EXPECT_EQ(returned(6, 5), std::make_pair(STATUS_SUCCESS, 6u));  // exactly its size
+    EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4, 5, 6, 0xEE, 0xEE}));
+    buffer.assign(8, 0xEE);
     EXPECT_EQ(returned(8, 5), std::make_pair(STATUS_SUCCESS, 6u));
     EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4, 5, 6, 0xEE, 0xEE}));
     EXPECT_EQ(returned(8, 9).first, STATUS_NOT_FOUND);
