@@ -118,6 +118,9 @@ constexpr std::string_view kDefaultProfileJson = R"json(
   "rawDescriptors": {},
   "quirks": {
     "shortReads": {}
+  },
+  "hostController": {
+    "shortInTransfer": "succeeds"
   }
 }
 )json";

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "camera/register_map.h"
+#include "platform/usb/host_controller_behaviour.h"
 #include "platform/usb/usb_device.h"
 
 namespace ornixcam {
@@ -79,6 +80,13 @@ struct RawDescriptors {
     std::optional<std::vector<uint8_t>> configuration;
 
     bool operator==(const RawDescriptors&) const = default;
+};
+
+// The host controller the camera is plugged into, where controllers differ.
+struct HostControllerProfile {
+    usbsim::ShortInTransfer shortInTransfer = usbsim::ShortInTransfer::Succeeds;
+
+    bool operator==(const HostControllerProfile&) const = default;
 };
 
 struct Quirks {
@@ -187,6 +195,7 @@ struct Profile {
     std::map<uint16_t, Access> registerAccess;  // changes to the standard layout
     RawDescriptors rawDescriptors;
     Quirks quirks;
+    HostControllerProfile hostController;
     // String values of the device's driver registry key (e.g. TevrinKey), as
     // the installation would have written them.
     std::map<std::u16string, std::u16string> registry;

@@ -64,6 +64,22 @@ void ParseDevice(const json& object, DeviceProfile& device) {
     }
 }
 
+void ParseHostController(const json& object, HostControllerProfile& host) {
+    const std::string path = "hostController";
+    json_values::RequireFields(object, path, {"shortInTransfer"});
+    if (auto it = object.find("shortInTransfer"); it != object.end()) {
+        const std::string field = Path(path, "shortInTransfer");
+        const std::string& text = json_values::Text(*it, field);
+        if (text == "succeeds") {
+            host.shortInTransfer = usbsim::ShortInTransfer::Succeeds;
+        } else if (text == "fails") {
+            host.shortInTransfer = usbsim::ShortInTransfer::Fails;
+        } else {
+            Fail(field, "expected \"succeeds\" or \"fails\", got \"" + text + "\"");
+        }
+    }
+}
+
 std::vector<uint16_t> ParseLanguages(const json& array, const std::string& path) {
     json_values::RequireArray(array, path);
     if (array.empty() || array.size() > kMaxStringUnits) {
@@ -303,7 +319,7 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
         root, "",
         {"name", "description", "device", "strings", "configuration", "fpga", "productData",
          "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks",
-         "registry"});
+         "registry", "hostController"});
     Mentions valueMentions;
     Mentions quirkMentions;
     if (auto it = root.find("name"); it != root.end()) {
@@ -347,6 +363,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     }
     if (auto it = root.find("registry"); it != root.end()) {
         ParseRegistry(*it, profile);
+    }
+    if (auto it = root.find("hostController"); it != root.end()) {
+        ParseHostController(*it, profile.hostController);
     }
 
     // The speed register follows a changed bus speed unless the document sets it too.

@@ -14,9 +14,18 @@ void UsbStack::Impl::HostControllerLoop(int index) {
     winsim::NameCurrentThread("usb host controller " + std::to_string(index));
     std::unique_lock lock(mutex);
     for (;;) {
-        workAvailable.wait(lock, [this] { return shuttingDown || !runQueue.empty(); });
         if (shuttingDown) {
             return;
+        }
+        if (Request* cancelled = TakeDueCancellationLocked()) {
+            lock.unlock();
+            FinishAll({cancelled}, USBD_STATUS_CANCELED);
+            lock.lock();
+            continue;
+        }
+        if (runQueue.empty()) {
+            WaitForWorkLocked(lock);
+            continue;
         }
         std::shared_ptr<Pipe> queue = std::move(runQueue.front());
         runQueue.pop_front();
@@ -157,15 +166,22 @@ std::optional<Outcome> UsbStack::Impl::Serve(Request& r) {
         if (HasFault(r, FaultAction::ShortData)) {
             actual = std::min<ULONG>(actual, r.fault->shortLength);
         }
+        if (result.handshake == Handshake::Stall) {
+            trace.Completion(step.traceId, step.transaction, USBD_STATUS_STALL_PID, 0, {});
+            step.completionTraced = true;
+            return Outcome{USBD_STATUS_STALL_PID, 0};
+        }
+        // Descriptor requests never fail short: the stack allows it for them.
+        const bool failsShort = r.shortIsError && actual < step.data.size();
         const USBD_STATUS status =
-            result.handshake == Handshake::Stall ? USBD_STATUS_STALL_PID : USBD_STATUS_SUCCESS;
+            failsShort ? USBD_STATUS_ERROR_SHORT_TRANSFER : USBD_STATUS_SUCCESS;
         trace.Completion(step.traceId, step.transaction, status, actual, step.data);
         step.completionTraced = true;
-        if (status != USBD_STATUS_SUCCESS) {
-            return Outcome{status, 0};
-        }
         if (step.carriesResult) {
             r.actual = actual;
+        }
+        if (failsShort) {
+            return Outcome{status, actual};  // the bytes that came stay counted
         }
     }
     return Outcome{USBD_STATUS_SUCCESS, r.actual};
@@ -200,10 +216,9 @@ Settlement UsbStack::Impl::SettleLocked(Request* r, std::optional<Outcome>& outc
             if (inlineCall) {
                 IoMarkIrpPending(r->irp);
             }
-            if (!ArmCancelRoutine(r->irp)) {
+            if (!ArmCancelRoutine(r->irp)) {  // cancelled during the NAK
                 queue.waiting.pop_front();
-                r->state = RequestState::Finishing;
-                toCancel.push_back(r);
+                QueueCancellationLocked(r);
             }
             return Settlement::Requeued;
         }

@@ -140,14 +140,18 @@ USBD_STATUS UsbStack::Impl::ApplyEffectsLocked(Request& r, const Outcome& outcom
     if (outcome.status == USBD_STATUS_STALL_PID && r.kind == RequestKind::BulkOrInterrupt) {
         r.target->halted = true;
     }
+    // A short transfer that failed for want of USBD_SHORT_TRANSFER_OK still
+    // moved its packets.
+    const bool packetsMoved =
+        USBD_SUCCESS(outcome.status) || outcome.status == USBD_STATUS_ERROR_SHORT_TRANSFER;
+    if (r.kind == RequestKind::BulkOrInterrupt && packetsMoved) {
+        r.target->dataToggle =
+            ToggleAfter(r.target->dataToggle, outcome.actual, r.target->maximumPacketSize);
+    }
     if (!USBD_SUCCESS(outcome.status)) {
         return outcome.status;
     }
     switch (r.kind) {
-        case RequestKind::BulkOrInterrupt:
-            r.target->dataToggle =
-                ToggleAfter(r.target->dataToggle, outcome.actual, r.target->maximumPacketSize);
-            return outcome.status;
         case RequestKind::ResetPipe:
             r.target->halted = false;
             r.target->dataToggle = 0;

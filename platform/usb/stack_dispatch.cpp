@@ -1,9 +1,11 @@
 // The stack's IRP entry points: the internal device-control dispatch routine
 // that accepts URBs, and the cancel routine of queued requests.
+#include <optional>
 #include <string>
 
 #include "usb/request_kind.h"
 #include "usb/stack_internals.h"
+#include "usb/transfer_flags.h"
 #include "usb/usbd_status.h"
 
 namespace usbsim {
@@ -19,16 +21,46 @@ NTSTATUS CompleteIrpNow(PIRP irp, NTSTATUS status) {
 
 }  // namespace
 
-NTSTATUS NTAPI UsbStack::Impl::DispatchUnsupported(PDEVICE_OBJECT, PIRP irp) {
+// The hub's PDO passes every IRP further down to the host controller, so an
+// IRP needs as many locations below its caller as the PDO's StackSize; with
+// fewer, Windows bug-checks (NO_MORE_IRP_STACK_LOCATIONS). Here it is a
+// finding, and the IRP goes back to the caller untouched and not completed.
+bool UsbStack::Impl::RefuseWithoutStackLocation(PDEVICE_OBJECT device, PIRP irp) {
+    if (irp->CurrentLocation >= device->StackSize) {
+        return false;
+    }
+    winsim::ReportViolation("IRP_STACK",
+                            "IRP with " + std::to_string(int{irp->StackCount}) +
+                                " stack locations sent to the USB device object, which needs " +
+                                std::to_string(int{device->StackSize}) +
+                                " from its own down; allocate it with the device's StackSize");
+    winsim::NoteIrpReleasedByLowerDriver(irp);
+    IoSkipCurrentIrpStackLocation(irp);  // back to where the caller left it
+    return true;
+}
+
+NTSTATUS NTAPI UsbStack::Impl::DispatchUnsupported(PDEVICE_OBJECT device, PIRP irp) {
+    if (RefuseWithoutStackLocation(device, irp)) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
     return CompleteIrpNow(irp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
 NTSTATUS NTAPI UsbStack::Impl::DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp) {
+    // An IRP sent again while the stack holds it is reported as such by Submit.
+    if (!FromDevice(device)->Holds(irp) && RefuseWithoutStackLocation(device, irp)) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     if (stack->Parameters.DeviceIoControl.IoControlCode != IOCTL_INTERNAL_USB_SUBMIT_URB) {
         return CompleteIrpNow(irp, STATUS_NOT_SUPPORTED);
     }
     return FromDevice(device)->Submit(irp, static_cast<PURB>(stack->Parameters.Others.Argument1));
+}
+
+bool UsbStack::Impl::Holds(PIRP irp) const {
+    std::lock_guard lock(mutex);
+    return held.contains(irp);
 }
 
 void UsbStack::Impl::CheckIrql(RequestKind kind) const {
@@ -52,6 +84,11 @@ bool UsbStack::Impl::ArmCancelRoutine(PIRP irp) {
 NTSTATUS UsbStack::Impl::Submit(PIRP irp, PURB urb) {
     const RequestKind kind = urb ? RequestKindOf(urb->UrbHeader.Function) : RequestKind::Other;
     CheckIrql(kind);
+    const std::optional<std::string> flagsProblem =
+        urb ? TransferFlagsProblem(*urb, kind) : std::nullopt;
+    if (flagsProblem) {
+        winsim::ReportViolation("TRANSFER_FLAGS", *flagsProblem);
+    }
 
     auto request = std::make_unique<Request>();
     request->irp = irp;
@@ -74,6 +111,8 @@ NTSTATUS UsbStack::Impl::Submit(PIRP irp, PURB urb) {
                 refusal = USBD_STATUS_DEVICE_GONE;
             } else if (shuttingDown) {
                 refusal = USBD_STATUS_CANCELED;
+            } else if (flagsProblem) {
+                refusal = USBD_STATUS_INVALID_PARAMETER;
             } else {
                 refusal = PlanLocked(*r);
             }
@@ -100,9 +139,6 @@ NTSTATUS UsbStack::Impl::Submit(PIRP irp, PURB urb) {
     switch (acceptance) {
         case Acceptance::ServeInline:
             return ServeAndSettle(r, true);
-        case Acceptance::CancelledAtOnce:
-            FinishAll({r}, USBD_STATUS_CANCELED);
-            return STATUS_PENDING;
         default:
             return STATUS_PENDING;
     }
@@ -135,29 +171,11 @@ UsbStack::Impl::Acceptance UsbStack::Impl::AcceptLocked(Request* r) {
     queue.waiting.push_back(r);
     if (!ArmCancelRoutine(r->irp)) {
         queue.waiting.pop_back();
-        r->state = RequestState::Finishing;
-        return Acceptance::CancelledAtOnce;
+        QueueCancellationLocked(r);  // cancelled before it was queued
+        return Acceptance::Queued;
     }
     ScheduleLocked(r->queue);
     return Acceptance::Queued;
-}
-
-void NTAPI UsbStack::Impl::CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp) {
-    IoReleaseCancelSpinLock(irp->CancelIrql);
-    Impl* self = FromDevice(device);
-    Request* r = nullptr;
-    {
-        std::lock_guard lock(self->mutex);
-        auto it = self->held.find(irp);
-        if (it == self->held.end()) {
-            return;
-        }
-        r = it->second;
-        std::erase(r->queue->waiting, r);
-        r->state = RequestState::Finishing;
-        self->ScheduleLocked(r->queue);  // the head may have changed
-    }
-    self->FinishAll({r}, USBD_STATUS_CANCELED);
 }
 
 }  // namespace usbsim

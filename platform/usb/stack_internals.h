@@ -42,6 +42,7 @@ enum class RequestState {
     CancelOwned,  // still queued, but its cancel routine runs and completes it
     InService,    // on the bus
     Parked,       // done on the bus; completes once the requests it waits for have
+    Cancelling,   // cancelled; a host-controller thread completes it when it is due
     Finishing,    // being completed
 };
 
@@ -62,6 +63,8 @@ struct Request {
     RequestState state = RequestState::Waiting;
     bool cancelOnNak = false;  // aborted, retired or removed while on the bus
     bool targetHalted = false;
+    bool shortIsError = false;  // an IN transfer without USBD_SHORT_TRANSFER_OK, strict controller
+    int64_t cancellationDue = 0;  // simulated time at which a cancelled request completes
     uint64_t readyGenerationSeen = 0;
     ULONG actual = 0;
 
@@ -128,8 +131,9 @@ struct UsbStack::Impl {
     // ---- IRP entry points (stack_dispatch.cpp)
     static NTSTATUS NTAPI DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp);
     static NTSTATUS NTAPI DispatchUnsupported(PDEVICE_OBJECT device, PIRP irp);
-    static void NTAPI CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp);
-    enum class Acceptance { Queued, ServeInline, CancelledAtOnce };
+    static bool RefuseWithoutStackLocation(PDEVICE_OBJECT device, PIRP irp);
+    bool Holds(PIRP irp) const;
+    enum class Acceptance { Queued, ServeInline };
     NTSTATUS Submit(PIRP irp, PURB urb);
     Acceptance AcceptLocked(Request* r);
     bool ArmCancelRoutine(PIRP irp);
@@ -144,6 +148,12 @@ struct UsbStack::Impl {
     USBD_STATUS PlanTransferLocked(Request& r);
     std::shared_ptr<Pipe> FindPipeLocked(USBD_PIPE_HANDLE handle) const;
     USBD_STATUS BindPipeLocked(Request& r, size_t bodySize, USBD_PIPE_HANDLE handle);
+
+    // ---- cancellation (cancellation.cpp); completed on host-controller threads
+    static void NTAPI CancelQueuedRequest(PDEVICE_OBJECT device, PIRP irp);
+    void QueueCancellationLocked(Request* r);
+    Request* TakeDueCancellationLocked();
+    void WaitForWorkLocked(std::unique_lock<std::mutex>& lock);
 
     // ---- host-controller threads and the bus (host_controller.cpp)
     void HostControllerLoop(int index);
@@ -191,6 +201,8 @@ struct UsbStack::Impl {
     std::shared_ptr<Pipe> abortQueue;
     std::map<USBD_PIPE_HANDLE, std::shared_ptr<Pipe>> pipes;  // of the selected settings
     std::deque<std::shared_ptr<Pipe>> runQueue;
+    std::deque<Request*> cancelling;  // in the order cancelled
+    int64_t cancellationLatency = 0;  // simulated 100 ns units
     std::optional<ActiveConfiguration> configuration;
 
     std::unordered_map<PIRP, Request*> held;  // accepted, not yet completed

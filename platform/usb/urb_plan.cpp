@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "usb/stack_internals.h"
+#include "usb/transfer_flags.h"
 
 namespace usbsim {
 
@@ -206,6 +207,7 @@ USBD_STATUS UsbStack::Impl::PlanControlLocked(Request& r) {
             return s;
         }
         const bool in = (u.TransferFlags & USBD_TRANSFER_DIRECTION) == USBD_TRANSFER_DIRECTION_IN;
+        r.shortIsError = ShortInTransferFails(u.TransferFlags, options.shortInTransfer);
         setup = {static_cast<uint8_t>(kRequestTypeVendorDevice | (in ? kDirectionIn : 0) |
                                       u.RequestTypeReservedBits),
                  u.Request, u.Value, u.Index, static_cast<uint16_t>(u.TransferBufferLength)};
@@ -257,6 +259,7 @@ USBD_STATUS UsbStack::Impl::PlanTransferLocked(Request& r) {
         s != USBD_STATUS_SUCCESS) {
         return s;
     }
+    r.shortIsError = ShortInTransferFails(u.TransferFlags, options.shortInTransfer);
     const bool interrupt = pipe.type == UsbdPipeTypeInterrupt;
     step.transaction.type = interrupt ? UsbmonTransferType::Interrupt : UsbmonTransferType::Bulk;
     step.transaction.endpoint = pipe.endpointAddress;

@@ -61,9 +61,26 @@ void UsbStack::Impl::Shutdown() {
         thread.join();
     }
     {
-        // Cancel routines and parked requests may still be completing.
+        // Cancel routines and parked requests may still be completing; with
+        // the host controllers gone, cancellations complete here, at once.
         std::unique_lock lock(mutex);
-        stateChanged.wait(lock, [this] { return live.empty(); });
+        for (;;) {
+            std::vector<Request*> late;
+            while (Request* r = cancelling.empty() ? nullptr : cancelling.front()) {
+                cancelling.pop_front();
+                r->state = RequestState::Finishing;
+                late.push_back(r);
+            }
+            if (!late.empty()) {
+                lock.unlock();
+                FinishAll(late, USBD_STATUS_CANCELED);
+                lock.lock();
+            } else if (live.empty()) {
+                break;
+            } else {
+                stateChanged.wait(lock);
+            }
+        }
     }
     *static_cast<Impl**>(pdo->DeviceExtension) = nullptr;
     winsim::DeleteDeviceObject(pdo);

@@ -14,6 +14,7 @@
 #include <optional>
 #include <vector>
 
+#include "usb/host_controller_behaviour.h"
 #include "usb/usb_device.h"
 
 namespace usbsim {
@@ -35,7 +36,7 @@ const char* RequestKindName(RequestKind kind);
 
 enum class FaultAction {
     FailWithStatus,         // complete with `usbdStatus` (NT status derived as the stack does)
-    ShortData,              // data stage cut to `shortLength` bytes, success
+    ShortData,              // data stage cut to `shortLength` bytes (see ShortInTransfer)
     Stall,                  // the endpoint stalls (USBD_STATUS_STALL_PID)
     NeverComplete,          // stays pending until cancelled or aborted
     CompleteSynchronously,  // completed inside IoCallDriver, which returns the status
@@ -58,6 +59,7 @@ struct FaultRule {
 struct UsbStackOptions {
     int hostControllerThreads = 2;  // at least 2: completions of one pipe may run in parallel
     CCHAR pdoStackSize = 2;
+    ShortInTransfer shortInTransfer = ShortInTransfer::Succeeds;
 };
 
 // submitted = completed + cancelled + failed + still pending.
@@ -92,6 +94,14 @@ class UsbStack {
 
     void AddFault(const FaultRule& rule);
     void ClearFaults();
+
+    // A cancelled request always completes later on a host-controller thread,
+    // never inside IoCancelIrp. With a latency it completes only once that
+    // much simulated time has passed since the cancellation, as a slow
+    // controller does: a client that frees the IRP without waiting for its
+    // completion is then caught by the verifier. 0 (the default) completes
+    // it as soon as a host-controller thread gets to it.
+    void SetCancellationLatency(int64_t simulated100ns);
 
     // Surprise removal: pending requests complete with STATUS_DEVICE_REMOVED /
     // USBD_STATUS_DEVICE_GONE, and so does everything submitted afterwards.

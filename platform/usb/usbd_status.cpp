@@ -77,6 +77,7 @@ int32_t UsbmonStatusFromUsbd(USBD_STATUS status) {
         case USBD_STATUS_DATA_OVERRUN:
             return -kEOVERFLOW;
         case USBD_STATUS_DATA_UNDERRUN:
+        case USBD_STATUS_ERROR_SHORT_TRANSFER:  // a short read the client did not allow
             return -kEREMOTEIO;
         case USBD_STATUS_TIMEOUT:
             return -kETIMEDOUT;

@@ -97,6 +97,8 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
         {R"({"rawDescriptors": {"device": "12 0x"}})", "rawDescriptors.device: not a hex digit"},
         {R"({"quirks": {"shortReads": {"0x0214": 2}}})", "quirks.shortReads.0x0214"},
         {R"({"fpga": {"present": 1}})", "fpga.present: expected true or false"},
+        {R"({"hostController": {"shortInTransfer": "halts"}})", "hostController.shortInTransfer"},
+        {R"({"hostController": {"shortIn": "fails"}})", "hostController.shortIn: unknown field"},
         {R"({"productData": {"sections": [{"id": 1, "defects": [[1, 2, 3]]}]}})",
          "productData.sections[0].defects[0]"},
         {R"({"productData": {"sections": [{"id": 1, "defects": [], "bytes": ""}]}})",

@@ -23,7 +23,9 @@ void DriverTest::SetUp() {
     winsim::SetVerifierMode(winsim::VerifierMode::Record);
     winsim::SetTimeScale(kTimeScale);
     camera_ = std::make_unique<ornixcam::Camera>(CameraProfile());
-    stack_ = std::make_unique<usbsim::UsbStack>(*camera_);
+    stack_ = std::make_unique<usbsim::UsbStack>(
+        *camera_, usbsim::UsbStackOptions{
+                      .shortInTransfer = camera_->GetProfile().hostController.shortInTransfer});
     class_ = std::make_unique<winsim::StreamClass>(&DriverEntry);
     ASSERT_EQ(class_->DriverEntryStatus(), STATUS_SUCCESS);
     if (StartsAdapterInSetUp()) {

@@ -48,6 +48,48 @@ TEST_F(CompletionTest, HeldRequestWaitsUntilCancelledAndMayNotBeSentAgainMeanwhi
     EXPECT_TRUE(device.ControlLog().empty());
 }
 
+// IoCancelIrp only takes the request off the bus; a host-controller thread
+// completes it once the latency has passed, and a pipe abort waits for that.
+TEST_F(CompletionTest, CancelledRequestCompletesLaterOnAHostControllerThread) {
+    Configure();
+    constexpr int64_t kLatency = 2'000'000;  // 0.2 simulated seconds
+    stack->SetCancellationLatency(kLatency);
+    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    URB transfer = BulkIn();
+    UrbCall call(Pdo(), &transfer);
+    ASSERT_EQ(call.Send(), STATUS_PENDING);
+    stack->WaitIdle();
+
+    const int64_t cancelledAt = winsim::Now100ns();
+    EXPECT_TRUE(IoCancelIrp(call.irp));
+    URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(FakeUsbDevice::kBulkIn));
+    UrbCall aborting(Pdo(), &abort);
+    ASSERT_EQ(aborting.Send(), STATUS_PENDING);
+    EXPECT_EQ(call.Wait(), STATUS_CANCELLED);
+    EXPECT_EQ(transfer.UrbHeader.Status, USBD_STATUS_CANCELED);
+    EXPECT_NE(call.completionThread, std::this_thread::get_id());
+    EXPECT_EQ(call.completionIrql, DISPATCH_LEVEL);
+    EXPECT_GE(call.completedAt - cancelledAt, kLatency);
+    EXPECT_EQ(aborting.Wait(), STATUS_SUCCESS);
+    EXPECT_LT(call.completedAs.load(), aborting.completedAs.load());
+}
+
+// A client that frees the IRP right after IoCancelIrp, without waiting for
+// its completion routine, is caught; destroying the stack completes it.
+TEST_F(CompletionTest, FreeingACancelledIrpBeforeItCompletesIsCaught) {
+    ExpectViolation("IRP_FREED_WHILE_PENDING");
+    stack->SetCancellationLatency(864'000'000'000);  // a simulated day
+    stack->AddFault({.kind = RequestKind::VendorDevice, .action = FaultAction::NeverComplete});
+    URB urb = RegisterRead();
+    UrbCall call(Pdo(), &urb);
+    ASSERT_EQ(call.Send(), STATUS_PENDING);
+    EXPECT_TRUE(IoCancelIrp(call.irp));
+    IoFreeIrp(call.irp);  // refused: the stack still holds it
+    EXPECT_FALSE(call.Completed());
+    stack.reset();
+    EXPECT_EQ(call.Wait(), STATUS_CANCELLED);
+}
+
 TEST_F(CompletionTest, RequestOnTheBusFinishesNormallyDespiteCancel) {
     Configure();
     std::promise<void> onBus, release;

@@ -1,5 +1,7 @@
 // Selecting configurations and settings (the URB, the handles that work afterwards,
 // unconfiguring); stalls until a pipe reset, NAKs until ready, and pipe aborts.
+#include <future>
+
 #include "usb_stack_fixture.h"
 
 namespace usbtest {
@@ -68,6 +70,49 @@ TEST_F(ConfigurationTest,
     ASSERT_EQ(SubmitUrb(Pdo(), unconfigure.get()), STATUS_SUCCESS);
     EXPECT_TRUE(stack->OpenPipes().empty());
     EXPECT_EQ(Transfer(fresh, true, 512), STATUS_INVALID_PARAMETER);
+}
+
+// Selecting a configuration aborts every old pipe: waiting transfers come back
+// cancelled, one the device is answering finishes first, and the selection
+// completes after all of them.
+TEST_F(ConfigurationTest, SelectingAConfigurationCancelsWaitingTransfersOfTheOldPipesFirst) {
+    Configure();
+    const USBD_PIPE_HANDLE oldIn = PipeFor(FakeUsbDevice::kBulkIn);
+    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    device.SetNak(FakeUsbDevice::kInterruptIn, true);
+    std::promise<void> onBus, release;
+    std::shared_future<void> released = release.get_future().share();
+    device.onTransfer = [&, released](uint8_t endpoint) {
+        if (endpoint == FakeUsbDevice::kBulkOut) {
+            onBus.set_value();
+            released.wait();
+        }
+    };
+    URB urbs[3] = {BulkIn(), TransferOn(FakeUsbDevice::kInterruptIn, 4),
+                   TransferUrb(PipeFor(FakeUsbDevice::kBulkOut), false, data, sizeof data)};
+    std::list<UrbCall> transfers;
+    for (URB& urb : urbs) {
+        ASSERT_EQ(transfers.emplace_back(Pdo(), &urb).Send(), STATUS_PENDING);
+    }
+    onBus.get_future().wait();
+
+    std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
+    UrbBuffer select = SelectUrb(&descriptor, nullptr, 0, 3);
+    UrbCall call(Pdo(), select.get());
+    ASSERT_EQ(call.Send(), STATUS_PENDING);
+    EXPECT_EQ(transfers.front().Wait(), STATUS_CANCELLED);
+    EXPECT_EQ((++transfers.begin())->Wait(), STATUS_CANCELLED);
+    EXPECT_EQ(urbs[1].UrbHeader.Status, USBD_STATUS_CANCELED);
+    EXPECT_FALSE(call.Completed());  // the OUT transfer is still on the bus
+    release.set_value();
+    EXPECT_EQ(transfers.back().Wait(), STATUS_SUCCESS);
+    EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
+    for (const UrbCall& transfer : transfers) {
+        EXPECT_LT(transfer.completedAs.load(), call.completedAs.load());
+    }
+    URB stale = TransferUrb(oldIn, true, data, sizeof data);
+    EXPECT_EQ(SubmitUrb(Pdo(), &stale), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(stale.UrbHeader.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
 }
 
 using PipeTest = UsbStackTest;

@@ -60,6 +60,24 @@ TEST_F(RequestTest, MalformedUrbsAreRefusedAtOnceWithTheirOwnStatus) {
     EXPECT_TRUE(device.TransferLog().empty());
 }
 
+// The device object passes IRPs further down: one with fewer locations than
+// its StackSize is a finding, left uncompleted and free to be freed.
+TEST_F(RequestTest, IrpWithoutAStackLocationForTheStackIsRefusedUntouched) {
+    ExpectViolation("IRP_STACK");
+    ASSERT_EQ(Pdo()->StackSize, 2);
+    URB urb = RegisterRead();
+    for (UCHAR major : {IRP_MJ_INTERNAL_DEVICE_CONTROL, IRP_MJ_DEVICE_CONTROL}) {
+        SCOPED_TRACE(int{major});
+        UrbCall call(Pdo(), &urb, 1);
+        IoGetNextIrpStackLocation(call.irp)->MajorFunction = major;
+        EXPECT_EQ(call.Send(), STATUS_INVALID_DEVICE_REQUEST);
+        EXPECT_FALSE(call.Completed());
+        EXPECT_EQ(call.irp->CurrentLocation, 2);  // as the client left it
+    }
+    EXPECT_EQ(stack->Counts().submitted, 0u);
+    EXPECT_TRUE(device.ControlLog().empty());
+}
+
 TEST_F(RequestTest, FaultRuleHitsTheNthRequestOfItsKindCountedFromWhenItWasAdded) {
     URB urb;
     auto read = [&](URB& target) { return SubmitUrb(Pdo(), &(target = RegisterRead())); };

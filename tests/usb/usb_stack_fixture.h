@@ -113,21 +113,23 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
 // One URB in an IRP of its own; the completion routine signals and keeps the IRP.
 class UrbCall {
   public:
-    UrbCall(PDEVICE_OBJECT pdo, PURB urb) : pdo_(pdo), urb_(urb) {
-        irp = IoAllocateIrp(pdo->StackSize, FALSE);
+    // `stackSize` 0: as many locations as the device object needs.
+    UrbCall(PDEVICE_OBJECT pdo, PURB urb, CCHAR stackSize = 0) : pdo_(pdo), urb_(urb) {
+        irp = IoAllocateIrp(stackSize != 0 ? stackSize : pdo->StackSize, FALSE);
         KeInitializeEvent(&done_, NotificationEvent, FALSE);
         PrepareNextLocation();
     }
     ~UrbCall() {  // waits for a pending IRP, then frees it
-        if (sent_ && !Completed()) {
+        if (pending_ && !Completed()) {
             Wait();
         }
         IoFreeIrp(irp);
     }
 
     NTSTATUS Send() {
-        sent_ = true;
-        return IoCallDriver(pdo_, irp);
+        const NTSTATUS status = IoCallDriver(pdo_, irp);
+        pending_ = pending_ || status == STATUS_PENDING;
+        return status;
     }
     // The final status; the time-out only turns a hang into a failure.
     NTSTATUS Wait() {
@@ -151,6 +153,7 @@ class UrbCall {
     PIRP irp;
     KIRQL completionIrql = 0xFF;
     std::thread::id completionThread;
+    int64_t completedAt = 0;           // simulated time
     std::atomic<int> completedAs{-1};  // completions counted across all calls, from 0
 
   private:
@@ -158,6 +161,7 @@ class UrbCall {
         auto* self = static_cast<UrbCall*>(context);
         self->completionIrql = KeGetCurrentIrql();
         self->completionThread = std::this_thread::get_id();
+        self->completedAt = winsim::Now100ns();
         static std::atomic<int> completions{0};
         self->completedAs = completions++;
         KeSetEvent(&self->done_, IO_NO_INCREMENT, FALSE);
@@ -167,7 +171,7 @@ class UrbCall {
     PDEVICE_OBJECT pdo_;
     PURB urb_;
     KEVENT done_;
-    bool sent_ = false;
+    bool pending_ = false;  // the stack took it; the destructor waits for its completion
 };
 
 inline NTSTATUS SubmitUrb(PDEVICE_OBJECT pdo, PURB urb) {
@@ -267,6 +271,10 @@ class UsbStackTest : public ::testing::Test {
     void ExpectViolation(const std::string& check) { expectedViolations.insert(check); }
 
     PDEVICE_OBJECT Pdo() const { return stack->PhysicalDeviceObject(); }
+    void RestartStack(usbsim::UsbStackOptions options) {
+        stack.reset();
+        stack = std::make_unique<usbsim::UsbStack>(device, options);
+    }
 
     void Configure(uint8_t alternate = 0) {
         std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();

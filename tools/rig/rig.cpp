@@ -4,9 +4,21 @@
 
 namespace ornixrig {
 
+namespace {
+
+// The profile names the host controller the camera is plugged into.
+usbsim::UsbStackOptions StackOptionsFor(const ornixcam::Profile& profile,
+                                        usbsim::UsbStackOptions options) {
+    options.shortInTransfer = profile.hostController.shortInTransfer;
+    return options;
+}
+
+}  // namespace
+
 Rig::Rig(RigOptions options)
     : camera_(std::make_unique<ornixcam::Camera>(std::move(options.profile))),
-      usb_(std::make_unique<usbsim::UsbStack>(*camera_, options.usb)),
+      usb_(std::make_unique<usbsim::UsbStack>(*camera_,
+                                              StackOptionsFor(camera_->GetProfile(), options.usb))),
       streamClass_(std::make_unique<winsim::StreamClass>(&DriverEntry)) {
     if (options.tracePath) {
         usb_->StartTrace(*options.tracePath);
@@ -27,9 +39,13 @@ Rig::~Rig() {
     camera_.reset();
 }
 
-NTSTATUS Rig::Start() { return streamClass_->Start(); }
+NTSTATUS Rig::Start() {
+    return streamClass_->Start();
+}
 
-NTSTATUS Rig::Stop() { return streamClass_->Stop(); }
+NTSTATUS Rig::Stop() {
+    return streamClass_->Stop();
+}
 
 PORNIX_DEVICE_CONTEXT Rig::Device() const {
     return static_cast<PORNIX_DEVICE_CONTEXT>(streamClass_->DeviceExtension());

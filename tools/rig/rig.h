@@ -18,7 +18,7 @@ namespace ornixrig {
 
 struct RigOptions {
     ornixcam::Profile profile = ornixcam::DefaultProfile();
-    usbsim::UsbStackOptions usb;
+    usbsim::UsbStackOptions usb;  // the profile's hostController settings override these
     std::optional<std::filesystem::path> tracePath;  // usbmon pcap of every USB request
     // Pass the class no real physical device object, as some stacks do.
     bool withoutRealPdo = false;
