@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "ornixctl/command_line.h"
@@ -32,8 +33,10 @@ RunResult Ornixctl(const std::vector<std::string>& args) {
 // trace the run writes.
 class RunFiles {
   public:
+    // Test processes may run side by side: each has directories of its own.
     explicit RunFiles(const std::string& stem)
-        : dir_(fs::path(::testing::TempDir()) / ("ornixctl_" + stem)) {
+        : dir_(fs::path(::testing::TempDir()) /
+               ("ornixctl_" + std::to_string(getpid()) + "_" + stem)) {
         fs::remove_all(dir_);
         fs::create_directories(dir_);
         std::ofstream(Profile()) << R"({"name": "Argument order camera"})";
@@ -66,7 +69,9 @@ struct Order {
     std::vector<std::string> args;
 };
 
-void PrintTo(const Order& order, std::ostream* os) { *os << order.name; }
+void PrintTo(const Order& order, std::ostream* os) {
+    *os << order.name;
+}
 
 // The same invocation of `formats` with its options in different places.
 const Order kFormatsOrders[] = {
