@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian machine, builds every variant (normal, ASan+UBSan,
-# TSan, the fuzz targets and the Windows cross-builds) and runs every test.
+# TSan, 32-bit host, the fuzz targets and the Windows cross-builds) and runs
+# every test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -18,7 +19,7 @@ step() {
 # Driver code must mean the same on LLP64 Windows as on this LP64 host.
 step "driver types" scripts/check-driver-types.sh
 
-for preset in default asan tsan; do
+for preset in default asan tsan host32; do
     step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
     step "test $preset" ctest --preset "$preset"
 done

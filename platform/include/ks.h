@@ -271,6 +271,4 @@ typedef struct {
     ULONG Reserved;
 } KSALLOCATOR_FRAMING, *PKSALLOCATOR_FRAMING;
 
-#ifdef __LP64__
 static_assert(sizeof(KSALLOCATOR_FRAMING) == 24, "KSALLOCATOR_FRAMING layout");
-#endif

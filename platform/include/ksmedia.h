@@ -232,7 +232,7 @@ typedef struct {
     ULONG AverageFrameSize;
 } KSPROPERTY_DROPPEDFRAMES_CURRENT_S, *PKSPROPERTY_DROPPEDFRAMES_CURRENT_S;
 
-#ifdef __LP64__
+// Records without pointers: one layout in every Windows data model.
 static_assert(sizeof(KS_BITMAPINFOHEADER) == 40, "KS_BITMAPINFOHEADER layout");
 static_assert(sizeof(KS_VIDEOINFOHEADER) == 88, "KS_VIDEOINFOHEADER layout");
 static_assert(__builtin_offsetof(KS_VIDEOINFOHEADER, bmiHeader) == 48, "KS_VIDEOINFOHEADER layout");
@@ -250,4 +250,3 @@ static_assert(sizeof(KS_DATARANGE_VIDEO_PALETTE) == 1336, "KS_DATARANGE_VIDEO_PA
 static_assert(sizeof(KS_DATAFORMAT_VIDEOINFOHEADER) == 152, "KS_DATAFORMAT_VIDEOINFOHEADER layout");
 static_assert(sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S) == 48,
               "KSPROPERTY_DROPPEDFRAMES_CURRENT_S layout");
-#endif

@@ -60,10 +60,10 @@ inline void Wait(PVOID object) {
     ASSERT_EQ(KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
 }
 
-// How verifier messages name an address.
+// How verifier messages name an address: all the digits of a pointer.
 inline std::string AddressText(const void* address) {
     char text[32];
-    std::snprintf(text, sizeof text, "0x%016llx",
+    std::snprintf(text, sizeof text, "0x%0*llx", int(2 * sizeof(void*)),
                   static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(address)));
     return text;
 }
