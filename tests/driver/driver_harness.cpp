@@ -129,7 +129,14 @@ bool DriverTest::InterruptMutexTakenUnderRequestMutex() {
     return inverted;
 }
 
+FakeStreams::FakeStreams(winsim::StreamClass& streamClass)
+    : class_(streamClass),
+      ext_(static_cast<PORNIX_DEVICE_CONTEXT>(streamClass.DeviceExtension())) {}
+
 FakeStreams::~FakeStreams() {
+    if (class_.DeviceExtension() != ext_) {
+        return;  // freed with the adapter
+    }
     for (ULONG i = 0; i < ORNIX_MAX_STREAMS; ++i) {
         if (ext_->StreamContexts[i] == &streams_[i]) {
             ext_->StreamContexts[i] = nullptr;

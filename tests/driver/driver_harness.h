@@ -104,14 +104,16 @@ class DriverTest : public ::testing::Test {
 };
 
 // Stream contexts as the stream class would allocate them, placed in the
-// stream table without opening a stream.
+// stream table of the class's adapter without opening a stream; taken out
+// again unless the adapter has been torn down meanwhile.
 class FakeStreams {
   public:
-    explicit FakeStreams(PORNIX_DEVICE_CONTEXT ext) : ext_(ext) {}
+    explicit FakeStreams(winsim::StreamClass& streamClass);
     ~FakeStreams();
     PORNIX_STREAM_CONTEXT Open(ULONG number, KSSTATE state);
 
   private:
+    winsim::StreamClass& class_;
     PORNIX_DEVICE_CONTEXT ext_;
     ORNIX_STREAM_CONTEXT streams_[ORNIX_MAX_STREAMS] = {};
 };
