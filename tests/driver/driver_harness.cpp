@@ -117,14 +117,14 @@ std::vector<winsim::Violation> DriverTest::TakeViolations(std::string_view check
     return matching;
 }
 
-bool DriverTest::InterruptMutexTakenUnderRequestMutex() {
+bool DriverTest::TakenUnderRequestMutex(PKMUTEX mutex) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
-    KeWaitForSingleObject(&ext->InterruptMutex, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(mutex, Executive, KernelMode, FALSE, nullptr);
     KeWaitForSingleObject(&ext->RequestMutex, Executive, KernelMode, FALSE, nullptr);
     KeReleaseMutex(&ext->RequestMutex, FALSE);
-    KeReleaseMutex(&ext->InterruptMutex, FALSE);
+    KeReleaseMutex(mutex, FALSE);
     const bool inverted = !TakeViolations("LOCK_ORDER").empty();
-    KeInitializeMutex(&ext->InterruptMutex, 0);
+    KeInitializeMutex(mutex, 0);
     KeInitializeMutex(&ext->RequestMutex, 0);
     return inverted;
 }

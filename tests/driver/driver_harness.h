@@ -85,10 +85,14 @@ class DriverTest : public ::testing::Test {
     std::vector<WireRequest> VendorRequests() const;
     std::vector<WireRequest> ControlRequests() const;
 
-    // Whether the driver has ever taken InterruptMutex while holding
-    // RequestMutex: taking them the other way round now is an inversion the
-    // verifier reports. Both mutexes start a fresh history afterwards.
-    bool InterruptMutexTakenUnderRequestMutex();
+    // Whether the driver has ever taken `mutex` (InterruptMutex, PipeMutex)
+    // while holding RequestMutex: taking them the other way round now is an
+    // inversion the verifier reports. Both mutexes start a fresh history
+    // afterwards.
+    bool TakenUnderRequestMutex(PKMUTEX mutex);
+    bool InterruptMutexTakenUnderRequestMutex() {
+        return TakenUnderRequestMutex(&Ext()->InterruptMutex);
+    }
 
     // Findings of the verifier so far that match `check`; the others stay
     // for TearDown to report.

@@ -276,19 +276,29 @@ TEST_F(TeardownTest, WaitsForAResetOnTheBusBeforeItUnconfigures) {
 }
 
 // A reset on the bus when the camera is removed: nothing of it may reach the stack
-// once the removal request has completed, so removal waits for it.
+// once the removal request has completed. The reset holds PipeMutex from its look at
+// `Removed` to its last request, and removal takes that mutex after setting the flag,
+// so it cannot complete while the reset is on the bus; the reset, seeing the flag,
+// sends nothing more.
 TEST_F(TeardownTest, SurpriseRemovalWaitsForAResetOnTheBus) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
-    BusHold hold(Camera(), ORNIX_STREAM_CONTROL, [ext] { return OrnixFlagIsSet(&ext->Removed); });
+    std::atomic<bool> pipeMutexHeldOnTheBus{false};
+    BusHold hold(Camera(), ORNIX_STREAM_CONTROL, [&] {
+        if (KeReadStateMutex(&ext->PipeMutex) != 1) {
+            pipeMutexHeldOnTheBus = true;
+        }
+        return OrnixFlagIsSet(&ext->Removed) != FALSE;
+    });
     WorkRecord record;
     OrnixResetPipeNoWait(ext, ext->CapturePipe, ResetDone, &record);
     hold.WaitUntilHeld();
     EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
-    const int callsAtCompletion = record.calls;
     const uint64_t submittedAtCompletion = Stack().Counts().submitted;
     winsim::DrainWorkQueue();
-    EXPECT_EQ(callsAtCompletion, 1) << "SRB_SURPRISE_REMOVAL completed before the reset";
+    EXPECT_TRUE(pipeMutexHeldOnTheBus);
+    EXPECT_TRUE(TakenUnderRequestMutex(&ext->PipeMutex)) << "removal did not wait for resets";
     EXPECT_EQ(Stack().Counts().submitted, submittedAtCompletion);
+    EXPECT_EQ(record.calls, 1);
     EXPECT_EQ(record.status, STATUS_DEVICE_REMOVED);
     EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kStopCapture});
 }
