@@ -303,5 +303,22 @@ TEST_F(TeardownTest, SurpriseRemovalWaitsForAResetOnTheBus) {
     EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kStopCapture});
 }
 
+// A selection changes the pipe tables a deferred reset reads (the current setting,
+// the pipe handles) only under PipeMutex, which the reset holds for all its requests
+// (see above). Taking the semaphore and then PipeMutex inverts the order the
+// selection used; the verifier reports it.
+TEST_F(TeardownTest, SelectionChangesThePipeTablesUnderPipeMutex) {
+    PORNIX_DEVICE_CONTEXT ext = Ext();
+    KeInitializeMutex(&ext->PipeMutex, 0);  // a fresh lock-order history
+    ASSERT_EQ(OrnixSelectAltSetting(ext, ext->FpgaAltSetting), STATUS_SUCCESS);
+    KeWaitForSingleObject(&ext->UsbRequestSemaphore, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(&ext->PipeMutex, Executive, KernelMode, FALSE, nullptr);
+    KeReleaseMutex(&ext->PipeMutex, FALSE);
+    KeReleaseSemaphore(&ext->UsbRequestSemaphore, 0, 1, FALSE);
+    EXPECT_EQ(TakeViolations("LOCK_ORDER").size(), 1u);
+    KeInitializeMutex(&ext->PipeMutex, 0);
+    KeInitializeSemaphore(&ext->UsbRequestSemaphore, 1, 1);
+}
+
 }  // namespace
 }  // namespace ornixtest
