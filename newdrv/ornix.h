@@ -132,9 +132,9 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     ULONG StreamCount;  // 0 to ORNIX_MAX_STREAMS
     BOOLEAN HighSpeed;
 
-    // Adapter life cycle. Worker threads and completion routines read the two
-    // one-way flags while an adapter SRB sets them: OrnixSetFlag and
-    // OrnixFlagIsSet only.
+    // Adapter life cycle. The two one-way flags are set with OrnixSetFlag;
+    // code that may run beside the setter (work items, completion routines)
+    // reads them with OrnixFlagIsSet.
     BOOLEAN Initialized;
     LONG volatile Uninitializing;  // set by teardown, never cleared
     LONG volatile Removed;         // set by surprise removal, never cleared
