@@ -78,6 +78,17 @@ static inline void OrnixFreePool(PVOID block) {
     ExFreePoolWithTag(block, ORNIX_POOL_TAG);
 }
 
+// ---------------------------------------------------------------- one-way flags
+
+// A flag that one thread sets once while others poll it. The interlocked
+// read is a full barrier: whatever the setter did before is seen after.
+static inline VOID OrnixSetFlag(LONG volatile* Flag) {
+    InterlockedExchange(Flag, 1);
+}
+static inline BOOLEAN OrnixFlagIsSet(LONG volatile* Flag) {
+    return InterlockedCompareExchange(Flag, 0, 0) != 0;
+}
+
 // ---------------------------------------------------------------- contexts
 
 struct _ORNIX_DEVICE_CONTEXT;
@@ -124,10 +135,12 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     ULONG StreamCount;  // 0 to ORNIX_MAX_STREAMS
     BOOLEAN HighSpeed;
 
-    // Adapter life cycle.
+    // Adapter life cycle. The two one-way flags are set with OrnixSetFlag;
+    // code that may run beside the setter (work items, completion routines)
+    // reads them with OrnixFlagIsSet.
     BOOLEAN Initialized;
-    BOOLEAN Uninitializing;  // set by teardown, never cleared
-    BOOLEAN Removed;         // set by surprise removal, never cleared
+    LONG volatile Uninitializing;  // set by teardown, never cleared
+    LONG volatile Removed;         // set by surprise removal, never cleared
 
     // Pipe map: indices into an interface record's Pipes, ORNIX_NO_PIPE when absent.
     ULONG CapturePipe;
@@ -161,9 +174,20 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     ULONG CameraId;
     ULONG Signature;  // ORNIX_DEVICE_SIGNATURE
 
-    // Locks. Order: RequestMutex, InterruptMutex, UsbRequestSemaphore.
+    // Locks. Order: RequestMutex, InterruptMutex, PipeMutex, UsbRequestSemaphore;
+    // nothing is taken while the semaphore is held.
     KSEMAPHORE UsbRequestSemaphore;  // one control or pipe request at a time
     KMUTEX RequestMutex;             // one adapter SRB at a time
+    // The pipe tables (InterfaceInfoTable, CurrentAltSetting) against a pipe
+    // reset that reads them; also held by a reset for all of its requests.
+    KMUTEX PipeMutex;
+
+    // Work items of the driver (deferred pipe resets and vendor requests):
+    // one count per item queued and not finished, plus 1 while new items may
+    // be queued. Teardown drops that 1 once and waits for WorkItemsDone.
+    LONG volatile WorkItemCount;
+    LONG volatile WorkItemsClosed;
+    KEVENT WorkItemsDone;  // notification event, signalled when the count reaches 0
 
     // Copy of the 8-bit look-up table.
     PUCHAR Lut8Buffer;
@@ -294,6 +318,19 @@ VOID OrnixResetPipeNoWait(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex,
                           PORNIX_RESET_CALLBACK Callback, PVOID Context);
 VOID NTAPI OrnixResetPipeWorker(PVOID Parameter);
 NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting);
+
+// Work-item accounting. OrnixBeginWorkItem before queueing (any IRQL up to
+// DISPATCH_LEVEL): FALSE once teardown has closed the gate, and then the item
+// must not be queued. OrnixEndWorkItem as the worker's very last touch of the
+// context. OrnixDrainWorkItems (PASSIVE_LEVEL) closes the gate and waits.
+BOOLEAN OrnixBeginWorkItem(PORNIX_DEVICE_CONTEXT Ext);
+VOID OrnixEndWorkItem(PORNIX_DEVICE_CONTEXT Ext);
+VOID OrnixDrainWorkItems(PORNIX_DEVICE_CONTEXT Ext);
+// Whether teardown or surprise removal has begun: workers then send nothing.
+BOOLEAN OrnixDeviceGoingAway(PORNIX_DEVICE_CONTEXT Ext);
+// Waits until no pipe reset is between its check of the flags and its last
+// request (PASSIVE_LEVEL; takes and releases PipeMutex).
+VOID OrnixWaitForPipeResets(PORNIX_DEVICE_CONTEXT Ext);
 
 NTSTATUS OrnixDeferFree(PORNIX_DEVICE_CONTEXT Ext, PVOID Block);
 VOID OrnixFreeDeferred(PORNIX_DEVICE_CONTEXT Ext);

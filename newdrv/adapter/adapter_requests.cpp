@@ -22,7 +22,10 @@ NTSTATUS OrnixPagingOut(PORNIX_DEVICE_CONTEXT Ext) {
 NTSTATUS OrnixSurpriseRemoval(PORNIX_DEVICE_CONTEXT Ext) {
     DbgPrint(ORNIX_PREFIX "SRB_SURPRISE_REMOVAL\n");
     // From here on every USB operation refuses with STATUS_DEVICE_REMOVED.
-    Ext->Removed = TRUE;
+    OrnixSetFlag(&Ext->Removed);
+    // A deferred reset that saw the flag clear may still be on the bus; none
+    // may reach the stack once this request has completed.
+    OrnixWaitForPipeResets(Ext);
     OrnixHaltInterruptPipe(Ext);
     OrnixHaltOpenStreams(Ext);
     return STATUS_SUCCESS;

@@ -21,6 +21,11 @@ static VOID OrnixResetDeviceContext(PORNIX_DEVICE_CONTEXT Ext) {
     KeInitializeMutex(&Ext->InterruptMutex, 0);
     KeInitializeSemaphore(&Ext->UsbRequestSemaphore, 1, 1);
     KeInitializeMutex(&Ext->RequestMutex, 0);
+    KeInitializeMutex(&Ext->PipeMutex, 0);
+    // Work items may be queued from here until teardown closes the gate.
+    Ext->WorkItemCount = 1;
+    Ext->WorkItemsClosed = 0;
+    KeInitializeEvent(&Ext->WorkItemsDone, NotificationEvent, FALSE);
     Ext->PixelCorrectionEnabled = TRUE;
 }
 

@@ -4,7 +4,7 @@
 
 // Returns the camera to the unconfigured state; a removed camera is sent nothing.
 static VOID OrnixUnconfigure(PORNIX_DEVICE_CONTEXT Ext) {
-    if (Ext->ConfigurationHandle != NULL && !Ext->Removed) {
+    if (Ext->ConfigurationHandle != NULL && !OrnixFlagIsSet(&Ext->Removed)) {
         DbgPrint(ORNIX_PREFIX "Unconfiguring device\n");
         URB urb;
         RtlZeroMemory(&urb, sizeof(urb));
@@ -18,10 +18,11 @@ static VOID OrnixUnconfigure(PORNIX_DEVICE_CONTEXT Ext) {
     Ext->ConfigurationHandle = NULL;
 }
 
-// IRQL: PASSIVE_LEVEL. Always succeeds.
+// IRQL: PASSIVE_LEVEL. Always succeeds. Waits for the driver's work items.
 NTSTATUS OrnixUninitializeDevice(PORNIX_DEVICE_CONTEXT Ext) {
     DbgPrint(ORNIX_PREFIX "OrnixUninitializeDevice\n");
-    Ext->Uninitializing = TRUE;
+    // Work items that start from here on send nothing to the camera.
+    OrnixSetFlag(&Ext->Uninitializing);
 
     // A failed bring-up never ran streams or the interrupt transfer.
     if (Ext->Initialized) {
@@ -29,13 +30,19 @@ NTSTATUS OrnixUninitializeDevice(PORNIX_DEVICE_CONTEXT Ext) {
         OrnixHaltOpenStreams(Ext);
     }
 
+    // Before anything is freed or the camera unconfigured: no work item may
+    // be queued any more, and those queued before have finished.
+    OrnixDrainWorkItems(Ext);
+
     OrnixReleaseCameraTables(Ext);
 
+    KeWaitForSingleObject(&Ext->PipeMutex, Executive, KernelMode, FALSE, NULL);
     if (Ext->InterfaceInfoTable != NULL) {
         OrnixFreePool(Ext->InterfaceInfoTable);
         Ext->InterfaceInfoTable = NULL;
         Ext->InterfaceInfoCount = 0;
     }
+    KeReleaseMutex(&Ext->PipeMutex, FALSE);
 
     OrnixUnconfigure(Ext);
 

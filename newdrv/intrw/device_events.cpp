@@ -20,7 +20,7 @@ NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor) {
         return STATUS_INVALID_PARAMETER;
     }
     // Disables are accepted after removal so that listeners can leave.
-    if (enable && Ext->Removed) {
+    if (enable && OrnixFlagIsSet(&Ext->Removed)) {
         DbgPrint(ORNIX_PREFIX "OrnixDeviceEventProc: Failing because removed\n");
         return STATUS_DEVICE_REMOVED;
     }

@@ -10,7 +10,7 @@
 // IRQL: PASSIVE_LEVEL, under RequestMutex.
 NTSTATUS AdapterStreamInfo(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb) {
     OrnixVerbose(ORNIX_PREFIX "AdapterStreamInfo\n");
-    if (!Ext->Initialized || Ext->Uninitializing) {
+    if (!Ext->Initialized || OrnixFlagIsSet(&Ext->Uninitializing)) {
         DbgPrint(ORNIX_PREFIX " ext NOT Initialized \n");
         return STATUS_DEVICE_NOT_READY;
     }

@@ -22,11 +22,12 @@ PUSBD_PIPE_INFORMATION OrnixGetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting,
     return &iface->Pipes[PipeIndex];
 }
 
-// IRQL: PASSIVE_LEVEL. Resets the pipe in the current alternate setting and
-// clears the endpoint's halt feature.
-NTSTATUS OrnixResetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex) {
+// IRQL: PASSIVE_LEVEL, PipeMutex held. Resets the pipe in the current
+// alternate setting and clears the endpoint's halt feature. Everything the
+// two requests need is read from the tables before the first one is sent.
+static NTSTATUS OrnixResetPipeLocked(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex) {
     DbgPrint(ORNIX_PREFIX "OrnixResetPipe: %d\n", PipeIndex);
-    if (Ext->Removed) {
+    if (OrnixFlagIsSet(&Ext->Removed)) {
         DbgPrint(ORNIX_PREFIX "OrnixResetPipe: Removed\n");
         return STATUS_DEVICE_REMOVED;
     }
@@ -34,12 +35,14 @@ NTSTATUS OrnixResetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex) {
     if (pipe == NULL) {
         return STATUS_INVALID_PARAMETER;
     }
+    USBD_PIPE_HANDLE handle = pipe->PipeHandle;
+    UCHAR endpointAddress = pipe->EndpointAddress;
 
     URB urb;
     RtlZeroMemory(&urb, sizeof(urb));
     urb.UrbPipeRequest.Hdr.Length = sizeof(struct _URB_PIPE_REQUEST);
     urb.UrbPipeRequest.Hdr.Function = URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL;
-    urb.UrbPipeRequest.PipeHandle = pipe->PipeHandle;
+    urb.UrbPipeRequest.PipeHandle = handle;
     NTSTATUS status = OrnixCallUsbd(Ext, &urb);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -49,11 +52,22 @@ NTSTATUS OrnixResetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex) {
     urb.UrbControlFeatureRequest.Hdr.Length = sizeof(struct _URB_CONTROL_FEATURE_REQUEST);
     urb.UrbControlFeatureRequest.Hdr.Function = URB_FUNCTION_CLEAR_FEATURE_TO_ENDPOINT;
     urb.UrbControlFeatureRequest.FeatureSelector = USB_FEATURE_ENDPOINT_STALL;
-    urb.UrbControlFeatureRequest.Index = pipe->EndpointAddress;
+    urb.UrbControlFeatureRequest.Index = endpointAddress;
     return OrnixCallUsbd(Ext, &urb);
 }
 
-// IRQL: PASSIVE_LEVEL, on a system worker thread.
+// IRQL: PASSIVE_LEVEL. Takes PipeMutex: the caller must not hold UsbRequestSemaphore.
+NTSTATUS OrnixResetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex) {
+    KeWaitForSingleObject(&Ext->PipeMutex, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS status = OrnixResetPipeLocked(Ext, PipeIndex);
+    KeReleaseMutex(&Ext->PipeMutex, FALSE);
+    return status;
+}
+
+// IRQL: PASSIVE_LEVEL, on a system worker thread. Holds PipeMutex from its
+// look at the flags to its last request, so that neither a selection nor
+// teardown changes the tables under it and surprise removal can wait for it.
+// Once teardown or removal has begun it sends nothing.
 VOID NTAPI OrnixResetPipeWorker(PVOID Parameter) {
     PORNIX_RESET_WORK work = (PORNIX_RESET_WORK)Parameter;
     PORNIX_DEVICE_CONTEXT ext = work->Device;
@@ -62,30 +76,43 @@ VOID NTAPI OrnixResetPipeWorker(PVOID Parameter) {
     PVOID context = work->Context;
 
     NTSTATUS status = STATUS_DEVICE_REMOVED;
-    if (!ext->Removed) {
+    KeWaitForSingleObject(&ext->PipeMutex, Executive, KernelMode, FALSE, NULL);
+    if (OrnixFlagIsSet(&ext->Removed)) {
+        status = STATUS_DEVICE_REMOVED;
+    } else if (OrnixFlagIsSet(&ext->Uninitializing)) {
+        status = STATUS_DEVICE_NOT_READY;
+    } else {
         // The camera must stop feeding the capture pipe before it is reset;
         // a failure here shows up in the reset itself.
         if (pipeIndex == ext->CapturePipe) {
             OrnixRegWrite(ext, ORNIX_STREAM_CONTROL, ORNIX_STREAM_CONTROL_IDLE);
         }
-        status = OrnixResetPipe(ext, pipeIndex);
+        status = OrnixResetPipeLocked(ext, pipeIndex);
         if (!NT_SUCCESS(status)) {
             DbgPrint(ORNIX_PREFIX "OrnixResetPipe failed\n");
         }
     }
+    KeReleaseMutex(&ext->PipeMutex, FALSE);
 
     OrnixFreePool(work);
     callback(ext, status, context);
+    OrnixEndWorkItem(ext);
 }
 
 // IRQL: up to DISPATCH_LEVEL. The callback runs exactly once: on a worker
-// thread, or at once when no work record can be allocated.
+// thread, or at once when no work record can be allocated or teardown no
+// longer lets work items be queued (STATUS_DEVICE_NOT_READY).
 VOID OrnixResetPipeNoWait(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex,
                           PORNIX_RESET_CALLBACK Callback, PVOID Context) {
+    if (!OrnixBeginWorkItem(Ext)) {
+        Callback(Ext, STATUS_DEVICE_NOT_READY, Context);
+        return;
+    }
     PORNIX_RESET_WORK work = (PORNIX_RESET_WORK)OrnixAllocatePool(sizeof(ORNIX_RESET_WORK));
     if (work == NULL) {
         DbgPrint(ORNIX_PREFIX "OrnixResetPipeNoWait: no mem\n");
         Callback(Ext, STATUS_INSUFFICIENT_RESOURCES, Context);
+        OrnixEndWorkItem(Ext);
         return;
     }
     work->Callback = Callback;
@@ -96,13 +123,12 @@ VOID OrnixResetPipeNoWait(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex,
     ExQueueWorkItem(&work->WorkItem, DelayedWorkQueue);
 }
 
-// IRQL: PASSIVE_LEVEL. On success the fresh pipe handles are copied into the
-// kept interface record; its transfer sizes and flags stay as configured.
-NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting) {
+// IRQL: PASSIVE_LEVEL, PipeMutex held.
+static NTSTATUS OrnixSelectAltSettingLocked(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting) {
     if (AltSetting == Ext->CurrentAltSetting) {
         return STATUS_SUCCESS;
     }
-    if (Ext->Removed) {
+    if (OrnixFlagIsSet(&Ext->Removed)) {
         return STATUS_DEVICE_REMOVED;
     }
     PUSBD_INTERFACE_INFORMATION kept =
@@ -136,5 +162,15 @@ NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting) {
     }
 
     OrnixFreePool(select);
+    return status;
+}
+
+// IRQL: PASSIVE_LEVEL. On success the fresh pipe handles are copied into the
+// kept interface record; its transfer sizes and flags stay as configured.
+// Under PipeMutex, so that no deferred reset reads the tables meanwhile.
+NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting) {
+    KeWaitForSingleObject(&Ext->PipeMutex, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS status = OrnixSelectAltSettingLocked(Ext, AltSetting);
+    KeReleaseMutex(&Ext->PipeMutex, FALSE);
     return status;
 }

@@ -72,22 +72,28 @@ NTSTATUS OrnixControlVendorCommand(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, USH
     return status;
 }
 
-// IRQL: PASSIVE_LEVEL, on a system worker thread.
+// IRQL: PASSIVE_LEVEL, on a system worker thread. Once teardown has begun
+// the request is not sent: the callback gets STATUS_DEVICE_NOT_READY.
 VOID NTAPI OrnixControlVendorCommandWorker(PVOID Parameter) {
     PORNIX_VENDOR_WORK work = (PORNIX_VENDOR_WORK)Parameter;
-    NTSTATUS status =
-        OrnixControlVendorCommand(work->Device, work->Request, work->Value, work->Index,
-                                  work->Buffer, work->BufferLength, work->DirectionIn);
+    PORNIX_DEVICE_CONTEXT ext = work->Device;
+    NTSTATUS status = STATUS_DEVICE_NOT_READY;
+    if (!OrnixFlagIsSet(&ext->Uninitializing)) {
+        status = OrnixControlVendorCommand(ext, work->Request, work->Value, work->Index,
+                                           work->Buffer, work->BufferLength, work->DirectionIn);
+    }
     if (work->Callback != NULL) {
-        work->Callback(work->Device, work->Context, status);
+        work->Callback(ext, work->Context, status);
     }
     OrnixFreePool(work);
+    OrnixEndWorkItem(ext);
 }
 
 // IRQL: up to DISPATCH_LEVEL. Below DISPATCH_LEVEL the transfer runs at once
 // and the callback has run when this returns. At DISPATCH_LEVEL it moves to
 // a worker thread (STATUS_PENDING): buffer, length and context must then stay
-// valid until the callback.
+// valid until the callback. Once teardown no longer lets work items be queued
+// the answer is STATUS_DEVICE_NOT_READY, without the callback.
 NTSTATUS OrnixControlVendorCommand2(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, USHORT Value,
                                     USHORT Index, PVOID Buffer, PULONG BufferLength,
                                     BOOLEAN DirectionIn, PORNIX_VENDOR_CALLBACK Callback,
@@ -101,8 +107,12 @@ NTSTATUS OrnixControlVendorCommand2(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, US
         return status;
     }
 
+    if (!OrnixBeginWorkItem(Ext)) {
+        return STATUS_DEVICE_NOT_READY;
+    }
     PORNIX_VENDOR_WORK work = (PORNIX_VENDOR_WORK)OrnixAllocatePool(sizeof(ORNIX_VENDOR_WORK));
     if (work == NULL) {
+        OrnixEndWorkItem(Ext);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     work->Device = Ext;

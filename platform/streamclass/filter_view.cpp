@@ -249,7 +249,7 @@ bool ValidateStreamDescriptor(const HW_STREAM_HEADER& header, ULONG size) {
     }
     const uint64_t needed =
         sizeof(HW_STREAM_HEADER) + uint64_t{header.NumberOfStreams} * sizeof(HW_STREAM_INFORMATION);
-    if (header.NumberOfStreams == 0 || needed != size) {
+    if (needed != size) {
         check.Fail(
             "NumberOfStreams is " + std::to_string(header.NumberOfStreams) +
             " but the announced StreamDescriptorSize " + std::to_string(size) + " holds " +

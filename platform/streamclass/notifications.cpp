@@ -78,7 +78,7 @@ extern "C" void WINAPIV StreamClassDeviceNotification(
                 winsim::ReportViolation("SRB_UNKNOWN",
                                         "DeviceRequestComplete names another adapter's extension");
             }
-            srbs->Complete(srb, "DeviceRequestComplete");
+            srbs->Complete(srb, winsim::kDeviceRequestComplete);
             break;
         case SignalMultipleDeviceEvents:
             winsim::ReportDeviceEvent(HwDeviceExtension, eventSet, eventId);
@@ -115,7 +115,7 @@ StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICATION_TYPE Notific
             "SRB_UNKNOWN", "stream notification for an unknown stream object " + Hex(StreamObject));
         return;
     }
-    srbs->Complete(srb, "StreamRequestComplete");
+    srbs->Complete(srb, winsim::kStreamRequestComplete);
 }
 
 extern "C" void STREAMAPI StreamClassQueryMasterClockSync(HANDLE MasterClockHandle,

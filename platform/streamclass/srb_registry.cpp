@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "kernel/kernel.h"
 
@@ -17,10 +19,14 @@ std::string Describe(std::string_view what, const void* srb, std::string_view ho
 }  // namespace
 
 SrbRegistry::Entry& SrbRegistry::Create(SRB_COMMAND command, PVOID deviceExtension,
-                                        ULONG perRequestExtensionSize) {
+                                        ULONG perRequestExtensionSize,
+                                        PHW_STREAM_OBJECT streamObject,
+                                        std::function<void()> onCompleted) {
     auto entry = std::make_unique<Entry>();
+    entry->onCompleted = std::move(onCompleted);
     entry->srb.SizeOfThisPacket = sizeof(HW_STREAM_REQUEST_BLOCK);
     entry->srb.Command = command;
+    entry->srb.StreamObject = streamObject;
     entry->srb.Status = STATUS_PENDING;
     entry->srb.HwDeviceExtension = deviceExtension;
     if (perRequestExtensionSize != 0) {
@@ -60,8 +66,32 @@ bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how) {
                         Describe(SrbCommandName(command) + " completed a second time", srb, how));
         return false;
     }
+    // The checks of a completion that still counts: the SRB is done either way.
+    const bool streamSrb = entry->srb.StreamObject != nullptr;
+    const std::string name = SrbCommandName(entry->srb.Command);
+    std::vector<std::pair<const char*, std::string>> findings;
+    if (streamSrb != (how == kStreamRequestComplete)) {
+        findings.emplace_back(
+            "SRB_NOTIFICATION",
+            Describe(std::string(streamSrb ? "stream " : "adapter ") + "request " + name +
+                         " completed through " + std::string(how) + "; it takes " +
+                         std::string(streamSrb ? kStreamRequestComplete : kDeviceRequestComplete),
+                     srb, how));
+    }
+    if (entry->srb.Status == STATUS_PENDING) {
+        findings.emplace_back(
+            "SRB_STATUS_PENDING",
+            Describe(name + " completed with its Status still STATUS_PENDING", srb, how));
+    }
+    // Recorded before the sender can see the completion.
+    for (auto& [check, message] : findings) {
+        ReportViolation(check, std::move(message));
+    }
     entry->completed = true;
     ++completed_;
+    if (entry->onCompleted) {
+        entry->onCompleted();
+    }
     completedCv_.notify_all();
     return true;
 }
@@ -80,8 +110,9 @@ size_t SrbRegistry::ReportOutstanding(std::string_view when) {
         std::lock_guard lock(mutex_);
         for (auto& entry : entries_) {
             if (!entry->completed) {
-                messages.push_back(Describe(
-                    SrbCommandName(entry->srb.Command) + " was never completed", &entry->srb, when));
+                messages.push_back(
+                    Describe(SrbCommandName(entry->srb.Command) + " was never completed",
+                             &entry->srb, when));
                 // Count it as done so that it is reported once only.
                 entry->completed = true;
             }
@@ -104,23 +135,37 @@ uint64_t SrbRegistry::Completed() const {
 }
 
 std::string SrbCommandName(ULONG command) {
-    static constexpr const char* kStreamNames[] = {
-        "SRB_READ_DATA",          "SRB_WRITE_DATA",         "SRB_GET_STREAM_STATE",
-        "SRB_SET_STREAM_STATE",   "SRB_SET_STREAM_PROPERTY", "SRB_GET_STREAM_PROPERTY",
-        "SRB_OPEN_MASTER_CLOCK",  "SRB_INDICATE_MASTER_CLOCK", "SRB_UNKNOWN_STREAM_COMMAND",
-        "SRB_SET_STREAM_RATE",    "SRB_PROPOSE_DATA_FORMAT", "SRB_CLOSE_MASTER_CLOCK",
-        "SRB_PROPOSE_STREAM_RATE", "SRB_SET_DATA_FORMAT",   "SRB_GET_DATA_FORMAT",
-        "SRB_BEGIN_FLUSH",        "SRB_END_FLUSH"};
+    static constexpr const char* kStreamNames[] = {"SRB_READ_DATA",
+                                                   "SRB_WRITE_DATA",
+                                                   "SRB_GET_STREAM_STATE",
+                                                   "SRB_SET_STREAM_STATE",
+                                                   "SRB_SET_STREAM_PROPERTY",
+                                                   "SRB_GET_STREAM_PROPERTY",
+                                                   "SRB_OPEN_MASTER_CLOCK",
+                                                   "SRB_INDICATE_MASTER_CLOCK",
+                                                   "SRB_UNKNOWN_STREAM_COMMAND",
+                                                   "SRB_SET_STREAM_RATE",
+                                                   "SRB_PROPOSE_DATA_FORMAT",
+                                                   "SRB_CLOSE_MASTER_CLOCK",
+                                                   "SRB_PROPOSE_STREAM_RATE",
+                                                   "SRB_SET_DATA_FORMAT",
+                                                   "SRB_GET_DATA_FORMAT",
+                                                   "SRB_BEGIN_FLUSH",
+                                                   "SRB_END_FLUSH"};
     static constexpr const char* kAdapterNames[] = {
-        "SRB_GET_STREAM_INFO",       "SRB_OPEN_STREAM",          "SRB_CLOSE_STREAM",
-        "SRB_OPEN_DEVICE_INSTANCE",  "SRB_CLOSE_DEVICE_INSTANCE", "SRB_GET_DEVICE_PROPERTY",
-        "SRB_SET_DEVICE_PROPERTY",   "SRB_INITIALIZE_DEVICE",    "SRB_CHANGE_POWER_STATE",
-        "SRB_UNINITIALIZE_DEVICE",   "SRB_UNKNOWN_DEVICE_COMMAND", "SRB_PAGING_OUT_DRIVER",
-        "SRB_GET_DATA_INTERSECTION", "SRB_INITIALIZATION_COMPLETE", "SRB_SURPRISE_REMOVAL"};
+        "SRB_GET_STREAM_INFO",        "SRB_OPEN_STREAM",
+        "SRB_CLOSE_STREAM",           "SRB_OPEN_DEVICE_INSTANCE",
+        "SRB_CLOSE_DEVICE_INSTANCE",  "SRB_GET_DEVICE_PROPERTY",
+        "SRB_SET_DEVICE_PROPERTY",    "SRB_INITIALIZE_DEVICE",
+        "SRB_CHANGE_POWER_STATE",     "SRB_UNINITIALIZE_DEVICE",
+        "SRB_UNKNOWN_DEVICE_COMMAND", "SRB_PAGING_OUT_DRIVER",
+        "SRB_GET_DATA_INTERSECTION",  "SRB_INITIALIZATION_COMPLETE",
+        "SRB_SURPRISE_REMOVAL"};
     if (command < std::size(kStreamNames)) {
         return kStreamNames[command];
     }
-    if (command >= SRB_GET_STREAM_INFO && command - SRB_GET_STREAM_INFO < std::size(kAdapterNames)) {
+    if (command >= SRB_GET_STREAM_INFO &&
+        command - SRB_GET_STREAM_INFO < std::size(kAdapterNames)) {
         return kAdapterNames[command - SRB_GET_STREAM_INFO];
     }
     char name[32];

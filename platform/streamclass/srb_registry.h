@@ -1,6 +1,7 @@
 // Every SRB the stream class has handed to a minidriver, so that completions
 // can be matched to their senders and the verifier can catch an SRB that is
-// completed twice or never.
+// completed twice or never, through the wrong notification, or with its
+// Status still STATUS_PENDING.
 #pragma once
 
 #include <strmini.h>
@@ -8,6 +9,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,20 +17,34 @@
 
 namespace winsim {
 
+// How a minidriver completes SRBs: adapter SRBs with the device
+// notification, stream SRBs with the stream notification.
+inline constexpr std::string_view kDeviceRequestComplete = "DeviceRequestComplete";
+inline constexpr std::string_view kStreamRequestComplete = "StreamRequestComplete";
+
 class SrbRegistry {
-public:
+  public:
     struct Entry {
         HW_STREAM_REQUEST_BLOCK srb{};
-        std::unique_ptr<uint8_t[]> extension;  // per-request extension, if the minidriver asked for one
+        // The per-request extension, if the minidriver asked for one.
+        std::unique_ptr<uint8_t[]> extension;
         bool completed = false;
+        // Runs inside the first completion, on the completing thread, before
+        // the sender learns of it.
+        std::function<void()> onCompleted;
     };
 
     // A new, zeroed SRB that stays valid until the registry is destroyed, so a
-    // late or repeated completion never touches freed memory.
-    Entry& Create(SRB_COMMAND command, PVOID deviceExtension, ULONG perRequestExtensionSize);
+    // late or repeated completion never touches freed memory. With a stream
+    // object it is a stream SRB, else an adapter SRB.
+    Entry& Create(SRB_COMMAND command, PVOID deviceExtension, ULONG perRequestExtensionSize,
+                  PHW_STREAM_OBJECT streamObject = nullptr,
+                  std::function<void()> onCompleted = nullptr);
 
-    // Marks the SRB complete; reports SRB_COMPLETED_TWICE or SRB_UNKNOWN to the
-    // verifier. Returns true when this was the first, valid completion.
+    // Marks the SRB complete; `how` names the notification (kDeviceRequestComplete
+    // or kStreamRequestComplete). Reports SRB_COMPLETED_TWICE or SRB_UNKNOWN,
+    // and SRB_NOTIFICATION or SRB_STATUS_PENDING for a completion that still
+    // counts. Returns true when this was the first completion of a known SRB.
     bool Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how);
 
     // Waits until the SRB is complete or `simulatedTimeout100ns` passes.
@@ -43,7 +59,7 @@ public:
 
     bool Owns(PHW_STREAM_REQUEST_BLOCK srb) const;
 
-private:
+  private:
     Entry* Find(PHW_STREAM_REQUEST_BLOCK srb) const;
 
     mutable std::mutex mutex_;

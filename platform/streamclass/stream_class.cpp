@@ -1,7 +1,11 @@
 #include "streamclass/stream_class.h"
 
+#include <sanitizer/asan_interface.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <mutex>
 #include <stdexcept>
@@ -23,6 +27,11 @@ constexpr int64_t kAdapterSrbPatience100ns = 120LL * 10'000'000;
 constexpr size_t kGuardBytes = 256;
 constexpr uint8_t kGuardFill = 0xCD;
 
+// What a device extension holds once the class has freed it. It stays
+// allocated (and, under ASan, poisoned) so that a late touch is reported
+// instead of corrupting memory: a read by ASan, a write also by the verifier.
+constexpr uint8_t kFreedExtensionFill = 0xDE;
+
 const char16_t kDriverName[] = u"\\Driver\\ornix";
 const char16_t kRegistryPath[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ornix";
 
@@ -38,6 +47,10 @@ struct StreamClass::Impl {
     PDEVICE_OBJECT realPdo = nullptr;
     PDEVICE_OBJECT classDevice = nullptr;
     void* extension = nullptr;  // the minidriver's device extension (class-owned memory)
+    size_t extensionSize = 0;
+    // Set when SRB_UNINITIALIZE_DEVICE completed: the extension is freed for
+    // the minidriver and only kept here to catch late writes.
+    bool extensionFreed = false;
     bool started = false;
     ULONG streamDescriptorSize = 0;
     std::vector<uint8_t> streamDescriptor;
@@ -51,13 +64,54 @@ struct StreamClass::Impl {
 
     NTSTATUS GetStreamInfo();
 
+    // As soon as SRB_UNINITIALIZE_DEVICE completes, the real class releases
+    // the adapter and its device extension with it.
+    void FreeExtension() {
+        std::memset(extension, kFreedExtensionFill, extensionSize);
+        ASAN_POISON_MEMORY_REGION(extension, extensionSize);
+        extensionFreed = true;
+    }
+
+    // Reports a write into the freed extension, then really releases it.
+    void ReleaseExtension() {
+        if (extension == nullptr) {
+            return;
+        }
+        ForgetAdapter(extension);
+        if (extensionFreed) {
+            ASAN_UNPOISON_MEMORY_REGION(extension, extensionSize);
+            const auto* bytes = static_cast<const uint8_t*>(extension);
+            for (size_t i = 0; i < extensionSize; ++i) {
+                if (bytes[i] != kFreedExtensionFill) {
+                    char offset[32];
+                    std::snprintf(offset, sizeof offset, "0x%zx", i);
+                    ReportViolation("EXTENSION_USE_AFTER_FREE",
+                                    std::string("the minidriver wrote to its device extension "
+                                                "(first at offset ") +
+                                        offset +
+                                        ") after SRB_UNINITIALIZE_DEVICE completed, "
+                                        "when the stream class freed it");
+                    break;
+                }
+            }
+        }
+        std::free(extension);
+        extension = nullptr;
+        extensionFreed = false;
+    }
+
     SrbResult Send(SRB_COMMAND command, void* commandData, ULONG bytes, PIRP irp, bool isValue,
                    ULONG value) {
-        if (extension == nullptr) {
+        if (extension == nullptr || extensionFreed) {
             throw std::logic_error("StreamClass: no adapter; call AddDevice first");
         }
+        std::function<void()> onCompleted;
+        if (command == SRB_UNINITIALIZE_DEVICE) {
+            onCompleted = [this] { FreeExtension(); };
+        }
         SrbRegistry::Entry& entry =
-            srbs.Create(command, extension, registration.PerRequestExtensionSize);
+            srbs.Create(command, extension, registration.PerRequestExtensionSize, nullptr,
+                        std::move(onCompleted));
         PHW_STREAM_REQUEST_BLOCK srb = &entry.srb;
         if (isValue) {
             srb->CommandData.DeviceState = static_cast<DEVICE_POWER_STATE>(value);
@@ -90,9 +144,11 @@ NTSTATUS StreamClass::Impl::GetStreamInfo() {
     streamDescriptor.clear();
     filter = FilterView{};
     const ULONG size = streamDescriptorSize;
-    if (size < sizeof(HW_STREAM_HEADER) + sizeof(HW_STREAM_INFORMATION)) {
+    // A header alone is a filter without pins, as the real class builds it
+    // for a device with nothing to stream.
+    if (size < sizeof(HW_STREAM_HEADER)) {
         ReportViolation("STREAM_INFO", "StreamDescriptorSize " + std::to_string(size) +
-                                           " cannot hold a header and one stream");
+                                           " cannot hold a stream header");
         streamInfoStatus = STATUS_INVALID_PARAMETER;
         return streamInfoStatus;
     }
@@ -147,10 +203,7 @@ StreamClass::~StreamClass() {
         Stop();
     }
     impl_->srbs.ReportOutstanding("driver unload");
-    if (impl_->extension != nullptr) {
-        ForgetAdapter(impl_->extension);
-        std::free(impl_->extension);
-    }
+    impl_->ReleaseExtension();
     if (impl_->classDevice != nullptr) {
         DeleteDeviceObject(impl_->classDevice);
     }
@@ -172,8 +225,14 @@ void StreamClass::AddDevice(PDEVICE_OBJECT pdo, PDEVICE_OBJECT realPdo) {
     if (!NT_SUCCESS(impl_->entryStatus)) {
         throw std::logic_error("StreamClass: the minidriver did not register");
     }
-    if (impl_->extension != nullptr) {
+    if (impl_->extension != nullptr && !impl_->extensionFreed) {
         throw std::logic_error("StreamClass: the adapter exists already");
+    }
+    // The adapter before was torn down: a new device takes its place.
+    impl_->ReleaseExtension();
+    if (impl_->classDevice != nullptr) {
+        DeleteDeviceObject(impl_->classDevice);
+        impl_->classDevice = nullptr;
     }
     impl_->pdo = pdo;
     impl_->realPdo = realPdo;
@@ -183,6 +242,7 @@ void StreamClass::AddDevice(PDEVICE_OBJECT pdo, PDEVICE_OBJECT realPdo) {
     // Like the real class, the extension is class memory, not the minidriver's pool.
     const size_t size = (impl_->registration.DeviceExtensionSize + 15) / 16 * 16;
     impl_->extension = std::aligned_alloc(16, size);
+    impl_->extensionSize = size;
     std::memset(impl_->extension, 0, size);
     impl_->classDevice->DeviceExtension = impl_->extension;
     RememberAdapter(impl_->extension, &impl_->srbs);
@@ -276,7 +336,7 @@ PDEVICE_OBJECT StreamClass::ClassDeviceObject() const {
     return impl_->classDevice;
 }
 PVOID StreamClass::DeviceExtension() const {
-    return impl_->extension;
+    return impl_->extensionFreed ? nullptr : impl_->extension;
 }
 PDRIVER_OBJECT StreamClass::DriverObject() const {
     return impl_->driver;

@@ -41,7 +41,8 @@ class StreamClass {
 
     // Creates the adapter on top of `pdo`: the class device object (flags
     // DO_DEVICE_INITIALIZING set), the zeroed device extension. `realPdo`
-    // may be NULL, as the real class may pass none.
+    // may be NULL, as the real class may pass none. After Stop() this adds a
+    // new adapter in place of the one torn down.
     void AddDevice(PDEVICE_OBJECT pdo, PDEVICE_OBJECT realPdo = nullptr);
 
     // SRB_INITIALIZE_DEVICE with PORT_CONFIGURATION_INFORMATION; on success
@@ -50,7 +51,10 @@ class StreamClass {
     // fails the start after SRB_UNINITIALIZE_DEVICE, as on Windows. Returns
     // the first failure, else STATUS_SUCCESS.
     NTSTATUS Start();
-    // SRB_UNINITIALIZE_DEVICE; afterwards the extension is released.
+    // SRB_UNINITIALIZE_DEVICE. The moment the minidriver completes it, the
+    // device extension is freed, as on Windows: a later write into it is an
+    // EXTENSION_USE_AFTER_FREE finding (at unload or the next AddDevice),
+    // a later read or write an ASan report. The adapter is gone afterwards.
     NTSTATUS Stop();
 
     // The stream descriptor size announced by SRB_INITIALIZE_DEVICE.
@@ -77,6 +81,7 @@ class StreamClass {
     SrbResult SendUnknownDeviceCommand(UCHAR majorFunction, UCHAR minorFunction);
 
     PDEVICE_OBJECT ClassDeviceObject() const;
+    // NULL before AddDevice and once the extension has been freed.
     PVOID DeviceExtension() const;
     PDRIVER_OBJECT DriverObject() const;
 

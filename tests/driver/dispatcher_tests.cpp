@@ -66,7 +66,7 @@ TEST_F(DispatcherTest, PagingOutAndSurpriseRemovalStopTheInterruptPipe) {
 
 // Running: paused, then stopped; paused: stopped; acquiring, closed or beyond StreamCount: kept.
 TEST_F(DispatcherTest, SurpriseRemovalHaltsTheOpenStreams) {
-    FakeStreams streams(Ext());
+    FakeStreams streams(Class());
     PORNIX_STREAM_CONTEXT capture = streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_RUN);
     PORNIX_STREAM_CONTEXT still = streams.Open(ORNIX_STILL_STREAM, KSSTATE_PAUSE);
     EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);

@@ -119,19 +119,26 @@ std::vector<winsim::Violation> DriverTest::TakeViolations(std::string_view check
     return matching;
 }
 
-bool DriverTest::InterruptMutexTakenUnderRequestMutex() {
+bool DriverTest::TakenUnderRequestMutex(PKMUTEX mutex) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
-    KeWaitForSingleObject(&ext->InterruptMutex, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(mutex, Executive, KernelMode, FALSE, nullptr);
     KeWaitForSingleObject(&ext->RequestMutex, Executive, KernelMode, FALSE, nullptr);
     KeReleaseMutex(&ext->RequestMutex, FALSE);
-    KeReleaseMutex(&ext->InterruptMutex, FALSE);
+    KeReleaseMutex(mutex, FALSE);
     const bool inverted = !TakeViolations("LOCK_ORDER").empty();
-    KeInitializeMutex(&ext->InterruptMutex, 0);
+    KeInitializeMutex(mutex, 0);
     KeInitializeMutex(&ext->RequestMutex, 0);
     return inverted;
 }
 
+FakeStreams::FakeStreams(winsim::StreamClass& streamClass)
+    : class_(streamClass),
+      ext_(static_cast<PORNIX_DEVICE_CONTEXT>(streamClass.DeviceExtension())) {}
+
 FakeStreams::~FakeStreams() {
+    if (class_.DeviceExtension() != ext_) {
+        return;  // freed with the adapter
+    }
     for (ULONG i = 0; i < ORNIX_MAX_STREAMS; ++i) {
         if (ext_->StreamContexts[i] == &streams_[i]) {
             ext_->StreamContexts[i] = nullptr;

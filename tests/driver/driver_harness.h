@@ -85,10 +85,14 @@ class DriverTest : public ::testing::Test {
     std::vector<WireRequest> VendorRequests() const;
     std::vector<WireRequest> ControlRequests() const;
 
-    // Whether the driver has ever taken InterruptMutex while holding
-    // RequestMutex: taking them the other way round now is an inversion the
-    // verifier reports. Both mutexes start a fresh history afterwards.
-    bool InterruptMutexTakenUnderRequestMutex();
+    // Whether the driver has ever taken `mutex` (InterruptMutex, PipeMutex)
+    // while holding RequestMutex: taking them the other way round now is an
+    // inversion the verifier reports. Both mutexes start a fresh history
+    // afterwards.
+    bool TakenUnderRequestMutex(PKMUTEX mutex);
+    bool InterruptMutexTakenUnderRequestMutex() {
+        return TakenUnderRequestMutex(&Ext()->InterruptMutex);
+    }
 
     // Findings of the verifier so far that match `check`; the others stay
     // for TearDown to report.
@@ -104,14 +108,16 @@ class DriverTest : public ::testing::Test {
 };
 
 // Stream contexts as the stream class would allocate them, placed in the
-// stream table without opening a stream.
+// stream table of the class's adapter without opening a stream; taken out
+// again unless the adapter has been torn down meanwhile.
 class FakeStreams {
   public:
-    explicit FakeStreams(PORNIX_DEVICE_CONTEXT ext) : ext_(ext) {}
+    explicit FakeStreams(winsim::StreamClass& streamClass);
     ~FakeStreams();
     PORNIX_STREAM_CONTEXT Open(ULONG number, KSSTATE state);
 
   private:
+    winsim::StreamClass& class_;
     PORNIX_DEVICE_CONTEXT ext_;
     ORNIX_STREAM_CONTEXT streams_[ORNIX_MAX_STREAMS] = {};
 };

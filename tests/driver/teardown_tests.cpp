@@ -1,6 +1,13 @@
-// Adapter teardown: what it releases, what it tells the camera, and that running
-// it again finds nothing left to do. The bring-up fault sweep covers failed bring-ups.
+// Adapter teardown and surprise removal: what teardown releases, what it tells the
+// camera, that running it again finds nothing left to do, and how both deal with the
+// driver's work items (deferred pipe resets and vendor requests) still queued or on
+// the bus. The bring-up fault sweep covers failed bring-ups.
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "driver_harness.h"
@@ -13,6 +20,11 @@ using TeardownTest = DriverTest;
 PVOID DriverBlock(SIZE_T size) {
     return ExAllocatePoolWithTag(NonPagedPool, size, kDriverTag);
 }
+
+const WireRequest kUnconfigure{0x00, kSetConfiguration, 0, 0, 0, {}};
+const WireRequest kStopCapture{0x40,        ORNIX_REQUEST_REGISTER, 0, ORNIX_STREAM_CONTROL, 4,
+                               {0, 0, 0, 0}};
+const WireRequest kClearCaptureHalt{0x02, kClearFeature, 0, 0x81, 0, {}};
 
 // The first run frees every table and reference; the second finds nothing to free.
 TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
@@ -54,12 +66,258 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
 // Halting streams is tested with surprise removal; teardown must do it too, and
 // leave the camera unconfigured.
 TEST_F(TeardownTest, StopsOpenStreamsAndUnconfiguresTheCamera) {
-    FakeStreams streams(Ext());
+    FakeStreams streams(Class());
     PORNIX_STREAM_CONTEXT capture = streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
     Class().Stop();
     EXPECT_EQ(capture->State, KSSTATE_STOP);
-    EXPECT_TRUE(InterruptMutexTakenUnderRequestMutex());
     EXPECT_EQ(Camera().Configuration(), 0);
+    EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
+}
+
+// ---------------------------------------------------------------- work items
+
+// A one-shot gate between test threads.
+class Gate {
+  public:
+    void Open() {
+        std::lock_guard lock(mutex_);
+        open_ = true;
+        opened_.notify_all();
+    }
+    void Wait() {
+        std::unique_lock lock(mutex_);
+        opened_.wait(lock, [&] { return open_; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable opened_;
+    bool open_ = false;
+};
+
+// Keeps every system worker thread busy until released, so that work items queued
+// meanwhile wait in the queue.
+class WorkerBlockers {
+  public:
+    WorkerBlockers() {
+        for (WORK_QUEUE_ITEM& item : items_) {
+            ExInitializeWorkItem(&item, Block, &release_);
+            ExQueueWorkItem(&item, DelayedWorkQueue);
+        }
+    }
+    ~WorkerBlockers() {
+        release_.Open();
+        winsim::DrainWorkQueue();
+    }
+    void Release() { release_.Open(); }
+
+  private:
+    static VOID NTAPI Block(PVOID gate) { static_cast<Gate*>(gate)->Wait(); }
+    Gate release_;
+    WORK_QUEUE_ITEM items_[8];  // more than the platform has worker threads
+};
+
+// Calls `action` on the printing thread the first time the driver prints `line`.
+class OnDebugLine {
+  public:
+    OnDebugLine(std::string line, std::function<void()> action)
+        : line_(std::move(line)), action_(std::move(action)) {
+        winsim::SetDebugSink([this](std::string_view text) {
+            if (!fired_ && text.find(line_) != std::string_view::npos) {
+                fired_ = true;
+                action_();
+            }
+        });
+    }
+    ~OnDebugLine() { winsim::SetDebugSink(nullptr); }
+
+  private:
+    std::string line_;
+    std::function<void()> action_;
+    bool fired_ = false;  // the sink runs one output at a time
+};
+
+// Keeps the camera answering a write to register `index` until `release` returns
+// true: the request stays on the bus meanwhile.
+class BusHold {
+  public:
+    BusHold(ornixcam::Camera& camera, uint16_t index, std::function<bool()> release)
+        : camera_(camera), index_(index) {
+        camera_.SetWriteHook(index, [this, release](const ornixcam::RegisterWrite&) {
+            held_.Open();
+            while (!released_.load() && !release()) {
+                std::this_thread::yield();
+            }
+            return ornixcam::WriteOutcome::Store;
+        });
+    }
+    ~BusHold() { Release(); }
+    void WaitUntilHeld() { held_.Wait(); }
+    void Release() { released_ = true; }
+
+  private:
+    ornixcam::Camera& camera_;
+    uint16_t index_;
+    Gate held_;
+    std::atomic<bool> released_{false};
+};
+
+// What the callback of a work item saw.
+struct WorkRecord {
+    std::atomic<int> calls{0};
+    std::atomic<NTSTATUS> status{STATUS_PENDING};
+    void Done(NTSTATUS s) {
+        status = s;
+        ++calls;
+    }
+};
+
+VOID ResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context) {
+    static_cast<WorkRecord*>(context)->Done(status);
+}
+
+NTSTATUS VendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status) {
+    static_cast<WorkRecord*>(context)->Done(status);
+    return STATUS_SUCCESS;
+}
+
+enum class WorkKind { CaptureReset, StillReset, VendorWriteAtDispatchLevel };
+
+class WorkAtTeardownTest : public DriverTest, public ::testing::WithParamInterface<WorkKind> {
+  protected:
+    void Queue(WorkKind kind, WorkRecord& record) {
+        if (kind == WorkKind::VendorWriteAtDispatchLevel) {
+            NTSTATUS status = STATUS_SUCCESS;
+            winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+                status = OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0,
+                                                    ORNIX_STREAM_CONTROL, &data_, &length_, FALSE,
+                                                    VendorDone, &record);
+            });
+            EXPECT_EQ(status, STATUS_PENDING);
+            return;
+        }
+        const ULONG pipe = kind == WorkKind::CaptureReset ? Ext()->CapturePipe : Ext()->StillPipe;
+        OrnixResetPipeNoWait(Ext(), pipe, ResetDone, &record);
+    }
+
+    ULONG data_ = 0;
+    ULONG length_ = sizeof(ULONG);
+};
+
+// Teardown has begun when it reports the paused stream stopped; the item starts
+// only then. It must send nothing, and teardown must wait for it before it frees
+// anything and unconfigures the camera.
+TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
+    FakeStreams streams(Class());
+    streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
+    WorkRecord record;
+    int callsAtCompletion = 0;
+    {
+        WorkerBlockers blockers;
+        Queue(GetParam(), record);
+        OnDebugLine teardownBegun("ORNIX: S# 0 is stopped.", [&] { blockers.Release(); });
+        EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
+        callsAtCompletion = record.calls;
+    }
+    EXPECT_EQ(callsAtCompletion, 1) << "SRB_UNINITIALIZE_DEVICE completed before the work item";
+    EXPECT_EQ(record.calls, 1);
+    EXPECT_EQ(record.status, STATUS_DEVICE_NOT_READY);
+    EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
+}
+
+// Once teardown has closed the gate an item is refused at once.
+TEST_P(WorkAtTeardownTest, OneAskedForAfterTeardownIsRefused) {
+    EXPECT_EQ(OrnixUninitializeDevice(Ext()), STATUS_SUCCESS);
+    Camera().ClearRequests();
+    WorkRecord record;
+    if (GetParam() == WorkKind::VendorWriteAtDispatchLevel) {
+        NTSTATUS status = STATUS_SUCCESS;
+        winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+            status =
+                OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0, ORNIX_STREAM_CONTROL,
+                                           &data_, &length_, FALSE, VendorDone, &record);
+        });
+        EXPECT_EQ(status, STATUS_DEVICE_NOT_READY);
+        EXPECT_EQ(record.calls, 0);  // as when no work record can be had
+    } else {
+        Queue(GetParam(), record);
+        EXPECT_EQ(record.calls, 1);
+        EXPECT_EQ(record.status, STATUS_DEVICE_NOT_READY);
+    }
+    winsim::DrainWorkQueue();
+    EXPECT_TRUE(ControlRequests().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(EachKind, WorkAtTeardownTest,
+                         ::testing::Values(WorkKind::CaptureReset, WorkKind::StillReset,
+                                           WorkKind::VendorWriteAtDispatchLevel));
+
+// A reset already on the bus when teardown begins finishes first, on the pipe
+// tables as they were; only then are they freed and the camera unconfigured.
+TEST_F(TeardownTest, WaitsForAResetOnTheBusBeforeItUnconfigures) {
+    FakeStreams streams(Class());
+    streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
+    std::atomic<bool> teardownBegun{false};
+    BusHold hold(Camera(), ORNIX_STREAM_CONTROL, [&] { return teardownBegun.load(); });
+    WorkRecord record;
+    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, ResetDone, &record);
+    hold.WaitUntilHeld();
+    int callsAtCompletion = 0;
+    {
+        OnDebugLine begun("ORNIX: S# 0 is stopped.", [&] { teardownBegun = true; });
+        EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
+        callsAtCompletion = record.calls;
+    }
+    winsim::DrainWorkQueue();
+    EXPECT_EQ(callsAtCompletion, 1) << "SRB_UNINITIALIZE_DEVICE completed before the reset";
+    EXPECT_EQ(record.status, STATUS_SUCCESS);
+    EXPECT_EQ(ControlRequests(), (std::vector<WireRequest>{kStopCapture, kClearCaptureHalt,
+                                                           kClearCaptureHalt, kUnconfigure}));
+}
+
+// A reset on the bus when the camera is removed: nothing of it may reach the stack
+// once the removal request has completed. The reset holds PipeMutex from its look at
+// `Removed` to its last request, and removal takes that mutex after setting the flag,
+// so it cannot complete while the reset is on the bus; the reset, seeing the flag,
+// sends nothing more.
+TEST_F(TeardownTest, SurpriseRemovalWaitsForAResetOnTheBus) {
+    PORNIX_DEVICE_CONTEXT ext = Ext();
+    std::atomic<bool> pipeMutexHeldOnTheBus{false};
+    BusHold hold(Camera(), ORNIX_STREAM_CONTROL, [&] {
+        if (KeReadStateMutex(&ext->PipeMutex) != 1) {
+            pipeMutexHeldOnTheBus = true;
+        }
+        return OrnixFlagIsSet(&ext->Removed) != FALSE;
+    });
+    WorkRecord record;
+    OrnixResetPipeNoWait(ext, ext->CapturePipe, ResetDone, &record);
+    hold.WaitUntilHeld();
+    EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
+    const uint64_t submittedAtCompletion = Stack().Counts().submitted;
+    winsim::DrainWorkQueue();
+    EXPECT_TRUE(pipeMutexHeldOnTheBus);
+    EXPECT_TRUE(TakenUnderRequestMutex(&ext->PipeMutex)) << "removal did not wait for resets";
+    EXPECT_EQ(Stack().Counts().submitted, submittedAtCompletion);
+    EXPECT_EQ(record.calls, 1);
+    EXPECT_EQ(record.status, STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kStopCapture});
+}
+
+// A selection changes the pipe tables a deferred reset reads (the current setting,
+// the pipe handles) only under PipeMutex, which the reset holds for all its requests
+// (see above). Taking the semaphore and then PipeMutex inverts the order the
+// selection used; the verifier reports it.
+TEST_F(TeardownTest, SelectionChangesThePipeTablesUnderPipeMutex) {
+    PORNIX_DEVICE_CONTEXT ext = Ext();
+    KeInitializeMutex(&ext->PipeMutex, 0);  // a fresh lock-order history
+    ASSERT_EQ(OrnixSelectAltSetting(ext, ext->FpgaAltSetting), STATUS_SUCCESS);
+    KeWaitForSingleObject(&ext->UsbRequestSemaphore, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(&ext->PipeMutex, Executive, KernelMode, FALSE, nullptr);
+    KeReleaseMutex(&ext->PipeMutex, FALSE);
+    KeReleaseSemaphore(&ext->UsbRequestSemaphore, 0, 1, FALSE);
+    EXPECT_EQ(TakeViolations("LOCK_ORDER").size(), 1u);
+    KeInitializeMutex(&ext->PipeMutex, 0);
+    KeInitializeSemaphore(&ext->UsbRequestSemaphore, 1, 1);
 }
 
 }  // namespace

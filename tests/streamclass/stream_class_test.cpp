@@ -1,7 +1,11 @@
-// Loading a minidriver through its DriverEntry; adapter SRBs and their completion tracking.
+// Loading a minidriver through its DriverEntry; adapter SRBs and their completion
+// tracking; the device extension freed with the adapter.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include "stream_class_fixture.h"
+#include "streamclass/srb_registry.h"
 #include "streamclass/stream_class.h"
 
 namespace sctest {
@@ -48,6 +52,79 @@ TEST_F(StreamClassTest, ReportsSrbsCompletedTwiceNeverOrUnsentAndPoolLeftAtUnloa
         sc.SendAdapterSrb(SRB_PAGING_OUT_DRIVER);
     }
     ExpectViolation("POOL_LEAK", {"Wdm ", "1 block"});
+}
+
+// Each completion still counts (the sender goes on), and each flaw is one finding.
+TEST_F(StreamClassTest, ReportsACompletionStillPendingOrThroughTheWrongNotification) {
+    struct Flaw {
+        const char* check;
+        const char* gist;
+        void (*complete)(PHW_STREAM_REQUEST_BLOCK);
+    };
+    const Flaw flaws[] = {
+        {"SRB_STATUS_PENDING", "SRB_PAGING_OUT_DRIVER completed with its Status still",
+         [](PHW_STREAM_REQUEST_BLOCK srb) { CompleteAdapterSrb(srb, STATUS_PENDING); }},
+        {"SRB_NOTIFICATION",
+         "adapter request SRB_PAGING_OUT_DRIVER completed through "
+         "StreamRequestComplete",
+         [](PHW_STREAM_REQUEST_BLOCK srb) {
+             HW_STREAM_OBJECT stream{};
+             stream.HwDeviceExtension = srb->HwDeviceExtension;
+             srb->Status = STATUS_SUCCESS;
+             StreamClassStreamNotification(StreamRequestComplete, &stream, srb);
+         }},
+    };
+    for (const Flaw& flaw : flaws) {
+        SCOPED_TRACE(flaw.check);
+        fake.onSrb = flaw.complete;
+        winsim::StreamClass sc(FakeDriverEntry);
+        sc.AddDevice(pdo_);
+        EXPECT_TRUE(sc.SendAdapterSrb(SRB_PAGING_OUT_DRIVER).completed);
+        ExpectViolation(flaw.check, {flaw.gist});
+    }
+    // A stream request completed as if it were the adapter's.
+    winsim::SrbRegistry srbs;
+    HW_STREAM_OBJECT stream{};
+    winsim::SrbRegistry::Entry& read = srbs.Create(SRB_READ_DATA, nullptr, 0, &stream);
+    read.srb.Status = STATUS_SUCCESS;
+    EXPECT_TRUE(srbs.Complete(&read.srb, winsim::kDeviceRequestComplete));
+    ExpectViolation("SRB_NOTIFICATION",
+                    {"stream request SRB_READ_DATA completed through DeviceRequestComplete"});
+}
+
+// The extension dies the moment SRB_UNINITIALIZE_DEVICE completes: a minidriver that
+// still writes to it afterwards (say, to release a lock kept there) is caught, by
+// ASan at once, by the verifier when the adapter goes away.
+TEST_F(StreamClassTest, AMinidriverWritingItsExtensionAfterTeardownCompletedIsCaught) {
+    fake.onSrb = [](PHW_STREAM_REQUEST_BLOCK srb) {
+        auto* extension = static_cast<volatile uint8_t*>(srb->HwDeviceExtension);
+        CompleteAdapterSrb(srb, STATUS_SUCCESS);
+        if (srb->Command == SRB_UNINITIALIZE_DEVICE) {
+            extension[8] = 1;
+        }
+    };
+    const auto startAndStop = [this] {
+        winsim::StreamClass sc(FakeDriverEntry);
+        sc.AddDevice(pdo_);
+        sc.SendAdapterSrb(SRB_INITIALIZE_DEVICE);
+        EXPECT_NE(sc.DeviceExtension(), nullptr);
+        sc.SendAdapterSrb(SRB_UNINITIALIZE_DEVICE);
+        EXPECT_EQ(sc.DeviceExtension(), nullptr);
+    };
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(startAndStop(), "use-after-poison");
+#else
+    startAndStop();
+    ExpectViolation("EXTENSION_USE_AFTER_FREE",
+                    {"offset 0x8", "after SRB_UNINITIALIZE_DEVICE completed"});
+#endif
+    // Writing before completing is the minidriver's right.
+    fake.onSrb = [](PHW_STREAM_REQUEST_BLOCK srb) {
+        static_cast<volatile uint8_t*>(srb->HwDeviceExtension)[8] = 1;
+        CompleteAdapterSrb(srb, STATUS_SUCCESS);
+    };
+    startAndStop();
 }
 
 }  // namespace

@@ -135,13 +135,27 @@ TEST_F(StreamInfoTest, StartAsksForTheAnnouncedSizeAndDecodesTheView) {
     EXPECT_FALSE(set->items[1].set);
     EXPECT_FALSE(set->items[1].range.has_value());
 
-    // The raw descriptor dies with the minidriver's tables; the view stays.
+    // The raw descriptor dies with the minidriver's tables, the extension with the
+    // adapter; the view stays.
     ASSERT_EQ(sc.Stop(), STATUS_SUCCESS);
     EXPECT_EQ(sc.StreamHeader(), nullptr);
+    EXPECT_EQ(sc.DeviceExtension(), nullptr);
     EXPECT_EQ(sc.Filter().pins.size(), 2u);
     EXPECT_EQ(commands_,
               (std::vector<ULONG>{SRB_INITIALIZE_DEVICE, SRB_GET_STREAM_INFO,
                                   SRB_INITIALIZATION_COMPLETE, SRB_UNINITIALIZE_DEVICE}));
+}
+
+// A device with nothing to stream: a header alone, as the class builds a filter
+// without pins that still has its device property sets.
+TEST_F(StreamInfoTest, AHeaderWithoutStreamsGivesAFilterWithoutPins) {
+    Script(sizeof(HW_STREAM_HEADER), 0);
+    winsim::StreamClass sc(FakeDriverEntry);
+    sc.AddDevice(pdo_);
+    ASSERT_EQ(sc.Start(), STATUS_SUCCESS);
+    EXPECT_EQ(bytesOffered_, sizeof(HW_STREAM_HEADER));
+    EXPECT_TRUE(sc.Filter().pins.empty());
+    EXPECT_NE(sc.Filter().FindPropertySet(kPropertySet), nullptr);
 }
 
 // A failed SRB_GET_STREAM_INFO fails the start and is followed by one teardown only.
@@ -169,7 +183,7 @@ TEST_F(StreamInfoTest, RefusesAnUnusableDescriptor) {
     static PKSDATAFORMAT holey[2];
     static KSPROPERTY_SET itemless;
     const Refusal refusals[] = {
-        {"StreamDescriptorSize", sizeof(HW_STREAM_HEADER), 0, nullptr},
+        {"StreamDescriptorSize", sizeof(HW_STREAM_HEADER) - 4, 0, nullptr},
         {"wrote past", kOneStream, 2, nullptr},  // announces one stream but writes two
         {"NumberOfStreams is 1", kTwoStreams, 1, nullptr, "holds 2"},
         {"SizeOfHwStreamInformation is 72", kOneStream, 1,

@@ -167,6 +167,9 @@ void PrintTopology(const nlohmann::ordered_json& t, std::ostream& out) {
     for (size_t i = 0; i < t["pins"].size(); ++i) {
         out << (i ? ", " : "") << t["pins"][i].get<std::string>();
     }
+    if (t["pins"].empty()) {
+        out << "no pins: nothing to stream";
+    }
     out << ")\n\n";
     TextTable pipes({"Alt", "Pipe", "Role", "Endpoint", "Type", "Packet", "Max transfer"});
     for (const auto& p : t["pipes"]) {

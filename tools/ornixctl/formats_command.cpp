@@ -112,6 +112,9 @@ int RunFormats(Session& session, bool json, std::ostream& out) {
     }
 
     out << "Camera: " << session.ProfileName() << "\n";
+    if (doc["pins"].empty()) {
+        out << "\nNo pins: the camera has no bulk-in endpoint, so there is nothing to stream.\n";
+    }
     for (const auto& p : doc["pins"]) {
         out << "\nPin " << p["pin"].get<unsigned>() << ": " << p["name"].get<std::string>() << " ("
             << p["formats"].size() << " formats)\n";
