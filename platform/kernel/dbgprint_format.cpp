@@ -1,6 +1,7 @@
 // The kernel's printf dialect for DbgPrint: LLP64 lengths (%l is 32-bit),
 // Microsoft's I64/I32/I modifiers, 16-bit strings (%ws, %S, %wZ) and
 // upper-case pointers at full width. Unknown conversions print literally.
+#include "kernel/dbgprint.h"
 #include "kernel/kernel.h"
 
 #include <cstdint>
@@ -141,11 +142,31 @@ class Formatter {
             ++p;
             if (!Convert(out, spec, conversion))
                 out.append(start, p);
+            else if (unicode_.empty() && IsUnicode(spec, conversion))
+                unicode_.assign(start, p);
         }
         return out;
     }
 
+    // The first conversion that read a 16-bit string or character, if any.
+    const std::string& Unicode() const { return unicode_; }
+
   private:
+    static bool IsUnicode(const Spec& spec, char conversion) {
+        bool wideLength = spec.length == Length::Long || spec.length == Length::Wide;
+        switch (conversion) {
+            case 's':
+            case 'c':
+            case 'Z':
+                return wideLength;
+            case 'S':
+            case 'C':
+                return spec.length != Length::Short;
+            default:
+                return false;
+        }
+    }
+
     Spec ParseSpec(const char*& p) {
         Spec spec;
         for (;; ++p) {
@@ -350,14 +371,27 @@ class Formatter {
     }
 
     va_list args_;
+    std::string unicode_;
 };
 
 }  // namespace
 
 std::string FormatDbgPrint(const char* format, va_list args) {
+    std::string unicode;
+    return kernel::FormatDbgPrintNotingUnicode(format, args, unicode);
+}
+
+namespace kernel {
+
+std::string FormatDbgPrintNotingUnicode(const char* format, va_list args, std::string& unicode) {
     if (format == nullptr)
         return {};
-    return Formatter(args).Run(format);
+    Formatter formatter(args);
+    std::string text = formatter.Run(format);
+    unicode = formatter.Unicode();
+    return text;
 }
+
+}  // namespace kernel
 
 }  // namespace winsim

@@ -1,0 +1,13 @@
+// DbgPrint formatting for the kernel's own use.
+#pragma once
+
+#include <cstdarg>
+#include <string>
+
+namespace winsim::kernel {
+
+// As winsim::FormatDbgPrint; `unicode` receives the first conversion that read
+// a 16-bit string or character (e.g. "%ws"), or stays empty.
+std::string FormatDbgPrintNotingUnicode(const char* format, va_list args, std::string& unicode);
+
+}  // namespace winsim::kernel
