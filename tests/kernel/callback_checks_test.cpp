@@ -3,6 +3,7 @@
 // status of dispatch routines.
 #include "kernel_test.h"
 
+#include <string>
 #include <tuple>
 
 namespace kerneltest {
@@ -17,6 +18,14 @@ struct FaultCase {
     Fault fault;
     const char* gist;  // of the CALLBACK_RETURN finding; none for Fault::None
 };
+
+std::string CaseName(const testing::TestParamInfo<std::tuple<Callback, FaultCase>>& info) {
+    static const char* const callbacks[] = {"Completion", "Cancel", "WorkItem"};
+    static const char* const faults[] = {"None", "RaisedIrql", "SpinLockHeld", "MutexHeld",
+                                         "CancelSpinLockHeld"};
+    return std::string(callbacks[int(std::get<0>(info.param))]) +
+           faults[int(std::get<1>(info.param).fault)];
+}
 
 class CallbackReturn : public KernelTest,
                        public testing::WithParamInterface<std::tuple<Callback, FaultCase>> {
@@ -109,13 +118,15 @@ INSTANTIATE_TEST_SUITE_P(
                         FaultCase{Fault::RaisedIrql,
                                   "returned at DISPATCH_LEVEL, but was called at PASSIVE_LEVEL"},
                         FaultCase{Fault::SpinLockHeld, "holding spin lock"},
-                        FaultCase{Fault::MutexHeld, "holding mutex"})));
+                        FaultCase{Fault::MutexHeld, "holding mutex"})),
+    CaseName);
 
 // Only a cancel routine is given the cancel spin lock.
 INSTANTIATE_TEST_SUITE_P(CancelSpinLock, CallbackReturn,
                          testing::Combine(testing::Values(Callback::Cancel),
                                           testing::Values(FaultCase{Fault::CancelSpinLockHeld,
-                                                                    "(the cancel spin lock)"})));
+                                                                    "(the cancel spin lock)"})),
+                         CaseName);
 
 // ---------------------------------------------------------------- pending status
 
