@@ -170,6 +170,11 @@ void NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PS
 ULONG WINAPIV DbgPrint(PCSTR Format, ...);
 void NTAPI DbgBreakPoint(void);
 
+// Marks code that may be paged out: the verifier reports it running above
+// APC_LEVEL, where a page fault cannot be served.
+void NTAPI WinsimCheckPagedCode(PCSTR File, ULONG Line);
+#define PAGED_CODE() WinsimCheckPagedCode(__FILE__, __LINE__)
+
 // ---------------------------------------------------------------- IRPs and objects
 typedef struct _MDL {
     struct _MDL* Next;

@@ -1,6 +1,7 @@
 // The kernel's printf dialect for DbgPrint: LLP64 lengths (%l is 32-bit),
 // Microsoft's I64/I32/I modifiers, 16-bit strings (%ws, %S, %wZ) and
 // upper-case pointers at full width. Unknown conversions print literally.
+#include "kernel/dbgprint.h"
 #include "kernel/kernel.h"
 #include "kernel/win_var_args.h"
 
@@ -144,11 +145,31 @@ class Formatter {
             ++p;
             if (!Convert(out, spec, conversion))
                 out.append(start, p);
+            else if (unicode_.empty() && IsUnicode(spec, conversion))
+                unicode_.assign(start, p);
         }
         return out;
     }
 
+    // The first conversion that read a 16-bit string or character, if any.
+    const std::string& Unicode() const { return unicode_; }
+
   private:
+    static bool IsUnicode(const Spec& spec, char conversion) {
+        bool wideLength = spec.length == Length::Long || spec.length == Length::Wide;
+        switch (conversion) {
+            case 's':
+            case 'c':
+            case 'Z':
+                return wideLength;
+            case 'S':
+            case 'C':
+                return spec.length != Length::Short;
+            default:
+                return false;
+        }
+    }
+
     Spec ParseSpec(const char*& p) {
         Spec spec;
         for (;; ++p) {
@@ -353,6 +374,7 @@ class Formatter {
     }
 
     Args& args_;
+    std::string unicode_;
 };
 
 // A va_list of this host's own calling convention.
@@ -372,19 +394,36 @@ class VaListArgs {
     va_list args_;
 };
 
+template <class Args>
+std::string FormatNotingUnicode(const char* format, Args& args, std::string& unicode) {
+    if (format == nullptr)
+        return {};
+    Formatter<Args> formatter(args);
+    std::string text = formatter.Run(format);
+    unicode = formatter.Unicode();
+    return text;
+}
+
 }  // namespace
 
 std::string FormatDbgPrint(const char* format, va_list args) {
-    if (format == nullptr)
-        return {};
+    std::string unicode;
     VaListArgs source(args);
-    return Formatter<VaListArgs>(source).Run(format);
+    return FormatNotingUnicode(format, source, unicode);
 }
 
 std::string FormatDbgPrint(const char* format, WinVarArgs& args) {
-    if (format == nullptr)
-        return {};
-    return Formatter<WinVarArgs>(args).Run(format);
+    std::string unicode;
+    return FormatNotingUnicode(format, args, unicode);
 }
+
+namespace kernel {
+
+std::string FormatDbgPrintNotingUnicode(const char* format, WinVarArgs& args,
+                                        std::string& unicode) {
+    return FormatNotingUnicode(format, args, unicode);
+}
+
+}  // namespace kernel
 
 }  // namespace winsim

@@ -1,5 +1,7 @@
 // The kernel debugger's side of the machine: DbgPrint output, assertion
 // failures and breakpoints.
+#include "kernel/dbgprint.h"
+#include "kernel/describe.h"
 #include "kernel/kernel.h"
 #include "kernel/win_var_args.h"
 
@@ -80,10 +82,27 @@ void SetDebugSink(std::function<void(std::string_view)> sink) {
 
 ULONG WINAPIV DbgPrint(PCSTR Format, ...) {
     WINSIM_WIN_VA_BEGIN(args, Format);
-    std::string text = winsim::FormatDbgPrint(Format, args);
+    std::string unicode;
+    std::string text = winsim::kernel::FormatDbgPrintNotingUnicode(Format, args, unicode);
     WINSIM_WIN_VA_END(args);
+    // Unicode conversions may touch paged tables.
+    if (KIRQL irql = KeGetCurrentIrql(); !unicode.empty() && irql > PASSIVE_LEVEL) {
+        winsim::ReportViolation(
+            "DBGPRINT_IRQL", "DbgPrint with the Unicode conversion " + unicode + " at " +
+                                 winsim::kernel::IrqlName(irql) +
+                                 "; Unicode conversions need PASSIVE_LEVEL (\"" + Format + "\")");
+    }
     winsim::Emit(text);
     return STATUS_SUCCESS;
+}
+
+void NTAPI WinsimCheckPagedCode(PCSTR File, ULONG Line) {
+    if (KIRQL irql = KeGetCurrentIrql(); irql > APC_LEVEL) {
+        winsim::ReportViolation("PAGED_CODE", std::string("pageable code (PAGED_CODE) at ") + File +
+                                                  ":" + std::to_string(Line) + " runs at " +
+                                                  winsim::kernel::IrqlName(irql) +
+                                                  "; it may run at APC_LEVEL or below");
+    }
 }
 
 void NTAPI DbgBreakPoint(void) {

@@ -1,16 +1,45 @@
-// Events, mutexes and semaphores: initialisation, signalling and state reads.
-// Waiting on them lives in waits.cpp.
+// Events, mutexes and semaphores: initialisation, signalling and state reads,
+// each under the object's own lock. Waiting on them lives in waits.cpp.
 #include "kernel/describe.h"
 #include "kernel/dispatcher.h"
+#include "kernel/held_locks.h"
 #include "kernel/kernel.h"
 #include "kernel/lock_order.h"
+#include "kernel/sim_clock.h"
 #include "kernel/thread_identity.h"
+#include "kernel/untraced.h"
 
+#include <algorithm>
+#include <memory>
+#include <unordered_map>
 #include <utility>
 
 namespace {
 
 using namespace winsim::kernel;
+
+// Object locks by address. The table's own lock is untraced: looking an
+// object up must not order two threads that use different objects.
+struct ObjectTable {
+    UntracedMutex mutex;
+    std::unordered_map<const void*, std::unique_ptr<ObjectLock>> locks;
+};
+
+ObjectTable& Table() {
+    static auto* table = new ObjectTable;
+    return *table;
+}
+
+// Delayed threads sleep here; only the clock wakes them.
+struct DelayWakeup {
+    std::mutex mutex;
+    std::condition_variable wakeup;
+};
+
+DelayWakeup& Delays() {
+    static auto* delays = new DelayWakeup;
+    return *delays;
+}
 
 void InitializeHeader(DISPATCHER_HEADER& header, UCHAR type, size_t size, LONG signalState) {
     header.Type = type;
@@ -30,7 +59,7 @@ void CheckSignalIrql(const char* api) {
 }
 
 LONG ReadSignalState(const DISPATCHER_HEADER& header) {
-    std::lock_guard lock(DispatcherLock());
+    std::lock_guard lock(LockOf(&header).mutex);
     return header.SignalState;
 }
 
@@ -38,14 +67,39 @@ LONG ReadSignalState(const DISPATCHER_HEADER& header) {
 
 namespace winsim::kernel {
 
-std::mutex& DispatcherLock() {
-    static auto* lock = new std::mutex;
-    return *lock;
+ObjectLock& LockOf(const void* object) {
+    ObjectTable& table = Table();
+    std::lock_guard lock(table.mutex);
+    std::unique_ptr<ObjectLock>& entry = table.locks[object];
+    if (!entry)
+        entry = std::make_unique<ObjectLock>();
+    return *entry;
 }
 
-std::condition_variable& DispatcherWakeup() {
-    static auto* wakeup = new std::condition_variable;
-    return *wakeup;
+void WakeAllWaiters() {
+    // Taking each object's lock orders this thread with its waiters only in
+    // the detector's eyes, so the whole sweep is untraced.
+    UntracedScope untraced;
+    {
+        ObjectTable& table = Table();
+        std::lock_guard lock(table.mutex);
+        for (auto& [object, state] : table.locks) {
+            std::lock_guard objectLock(state->mutex);
+            state->wakeup.notify_all();
+        }
+    }
+    DelayWakeup& delays = Delays();
+    std::lock_guard lock(delays.mutex);
+    delays.wakeup.notify_all();
+}
+
+void SleepUntil(int64_t deadline) {
+    // A delay synchronises with nothing the driver can see.
+    UntracedScope untraced;
+    DelayWakeup& delays = Delays();
+    std::unique_lock lock(delays.mutex);
+    while (winsim::Now100ns() < deadline)
+        delays.wakeup.wait_until(lock, RealTimeAt(deadline));
 }
 
 }  // namespace winsim::kernel
@@ -53,7 +107,7 @@ std::condition_variable& DispatcherWakeup() {
 // ---------------------------------------------------------------- events
 
 void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
-    std::lock_guard lock(DispatcherLock());
+    std::lock_guard lock(LockOf(Event).mutex);
     InitializeHeader(
         Event->Header,
         Type == NotificationEvent ? kNotificationEventObject : kSynchronizationEventObject,
@@ -62,16 +116,17 @@ void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
 
 LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait) {
     CheckSignalIrql("KeSetEvent");
-    std::lock_guard lock(DispatcherLock());
+    ObjectLock& object = LockOf(Event);
+    std::lock_guard lock(object.mutex);
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 1;
-    DispatcherWakeup().notify_all();
+    object.wakeup.notify_all();
     return previous;
 }
 
 LONG NTAPI KeResetEvent(PRKEVENT Event) {
     CheckSignalIrql("KeResetEvent");
-    std::lock_guard lock(DispatcherLock());
+    std::lock_guard lock(LockOf(Event).mutex);
     return std::exchange(Event->Header.SignalState, 0);
 }
 
@@ -87,7 +142,7 @@ LONG NTAPI KeReadStateEvent(PRKEVENT Event) {
 
 void NTAPI KeInitializeMutex(PRKMUTEX Mutex, ULONG Level) {
     {
-        std::lock_guard lock(DispatcherLock());
+        std::lock_guard lock(LockOf(Mutex).mutex);
         InitializeHeader(Mutex->Header, kMutantObject, sizeof(KMUTEX), 1);
         Mutex->MutantListEntry.Flink = Mutex->MutantListEntry.Blink = &Mutex->MutantListEntry;
         Mutex->OwnerThread = nullptr;
@@ -108,13 +163,14 @@ LONG NTAPI KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait) {
     PKTHREAD owner;
     LONG previous;
     {
-        std::lock_guard lock(DispatcherLock());
+        ObjectLock& object = LockOf(Mutex);
+        std::lock_guard lock(object.mutex);
         previous = Mutex->Header.SignalState;
         owner = Mutex->OwnerThread;
         if (owner == self) {
             if (++Mutex->Header.SignalState == 1) {
                 Mutex->OwnerThread = nullptr;
-                DispatcherWakeup().notify_all();
+                object.wakeup.notify_all();
             }
         }
     }
@@ -124,6 +180,9 @@ LONG NTAPI KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait) {
                                ", which does not own it (owner: " + ThreadName(owner) + ")");
         return previous;
     }
+    std::vector<PKMUTEX>& held = HeldMutexes();
+    if (auto level = std::find(held.rbegin(), held.rend(), Mutex); level != held.rend())
+        held.erase(std::next(level).base());
     NoteReleased(Mutex, LockKind::Mutex);
     return previous;
 }
@@ -136,7 +195,7 @@ LONG NTAPI KeReadStateMutex(PRKMUTEX Mutex) {
 
 void NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit) {
     {
-        std::lock_guard lock(DispatcherLock());
+        std::lock_guard lock(LockOf(Semaphore).mutex);
         InitializeHeader(Semaphore->Header, kSemaphoreObject, sizeof(KSEMAPHORE), Count);
         Semaphore->Limit = Limit;
     }
@@ -150,13 +209,14 @@ LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY Increment, LONG 
     LONG limit;
     bool withinLimit;
     {
-        std::lock_guard lock(DispatcherLock());
+        ObjectLock& object = LockOf(Semaphore);
+        std::lock_guard lock(object.mutex);
         previous = Semaphore->Header.SignalState;
         limit = Semaphore->Limit;
         withinLimit = Adjustment > 0 && previous <= limit - Adjustment;
         if (withinLimit) {
             Semaphore->Header.SignalState += Adjustment;
-            DispatcherWakeup().notify_all();
+            object.wakeup.notify_all();
         }
     }
     if (!withinLimit) {

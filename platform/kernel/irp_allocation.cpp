@@ -6,6 +6,7 @@
 #include "kernel/pool.h"
 #include "kernel/recently_freed.h"
 #include "kernel/thread_identity.h"
+#include "kernel/untraced.h"
 
 #include <cstring>
 #include <mutex>
@@ -25,8 +26,9 @@ struct IrpRecord {
     PKTHREAD completingThread = nullptr;  // while the completion walk owns it
 };
 
+// Untraced: the I/O manager's bookkeeping orders no driver threads on Windows.
 struct IrpState {
-    std::mutex mutex;
+    UntracedMutex mutex;
     std::unordered_map<PIRP, IrpRecord> live;
     RecentlyFreed freed;
     std::vector<PIRP> forgotten;  // outstanding at a reset; kept, never freed
@@ -196,6 +198,7 @@ void NTAPI IoFreeIrp(PIRP Irp) {
         winsim::ReportViolation(check, problem);  // the IRP stays as it is
         return;
     }
+    ForgetDispatchCalls(Irp);
     ::operator delete(Irp, kIrpAlignment);
 }
 
@@ -207,6 +210,7 @@ void NTAPI IoReuseIrp(PIRP Irp, NTSTATUS Iostatus) {
                                 "IoReuseIrp of IRP " + Hex(Irp) + " " + busy);
         return;
     }
+    ForgetDispatchCalls(Irp);
     UCHAR allocationFlags = Irp->AllocationFlags;
     IoInitializeIrp(Irp, Irp->Size, Irp->StackCount);
     Irp->AllocationFlags = allocationFlags;

@@ -1,4 +1,6 @@
 // IRP cancellation under the global cancel spin lock.
+#include "kernel/describe.h"
+#include "kernel/held_locks.h"
 #include "kernel/kernel.h"
 #include "kernel/lock_order.h"
 
@@ -24,6 +26,9 @@ void NTAPI IoReleaseCancelSpinLock(KIRQL Irql) {
 }
 
 BOOLEAN NTAPI IoCancelIrp(PIRP Irp) {
+    // The routine returns as the caller was: the cancel spin lock released,
+    // back at the caller's IRQL.
+    winsim::kernel::CallbackEntry entry = winsim::kernel::EnterCallback();
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);
     __atomic_store_n(&Irp->Cancel, TRUE, __ATOMIC_RELEASE);
@@ -38,5 +43,9 @@ BOOLEAN NTAPI IoCancelIrp(PIRP Irp) {
                                 ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject
                                 : nullptr;
     routine(device, Irp);
+    winsim::kernel::CheckCallbackReturn(
+        entry,
+        winsim::kernel::DescribeRoutine("cancel routine", reinterpret_cast<const void*>(routine)) +
+            " of IRP " + winsim::kernel::Hex(Irp));
     return TRUE;
 }

@@ -23,6 +23,10 @@ bool ResumeCompletionWalk(PIRP irp);
 
 void EndCompletionWalk(PIRP irp);
 
+// The IRP's memory is freed or initialised again: dispatch calls still
+// waiting for its completion (see irp_dispatch.cpp) are dropped unchecked.
+void ForgetDispatchCalls(PIRP irp);
+
 // IRP_LEAK for IRPs allocated and never freed; true when none is left.
 bool ReportIrpLeaks(std::string_view when);
 

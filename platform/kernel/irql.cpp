@@ -2,7 +2,9 @@
 #include "kernel/irql.h"
 
 #include "kernel/describe.h"
+#include "kernel/held_locks.h"
 #include "kernel/kernel.h"
+#include "kernel/lock_order.h"
 
 namespace {
 thread_local KIRQL currentIrql = PASSIVE_LEVEL;
@@ -36,6 +38,14 @@ void NTAPI KeLowerIrql(KIRQL NewIrql) {
     if (NewIrql > currentIrql) {
         winsim::ReportViolation("IRQL", "KeLowerIrql to " + IrqlName(NewIrql) + " from the lower " +
                                             IrqlName(currentIrql) + "; use KeRaiseIrql to go up");
+        return;
+    }
+    if (NewIrql < DISPATCH_LEVEL && !winsim::kernel::HeldSpinLocks().empty()) {
+        winsim::ReportViolation(
+            "SPIN_LOCK_HELD",
+            "KeLowerIrql to " + IrqlName(NewIrql) + " while holding " +
+                winsim::kernel::LockLabel(winsim::kernel::HeldSpinLocks().back().lock) +
+                "; a spin lock keeps its holder at DISPATCH_LEVEL until released");
         return;
     }
     currentIrql = NewIrql;

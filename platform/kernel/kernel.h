@@ -44,7 +44,9 @@ struct Violation {
                         // "SRB_COMPLETED_TWICE", "SRB_NEVER_COMPLETED", "IRP_FREED_WHILE_PENDING",
                         // "ASSERT", "BAD_POOL_FREE", "SEMAPHORE_LIMIT", "IRP_LEAK",
                         // "IRP_STACK", "IRP_COMPLETION", "BAD_HANDLE", "HANDLE_LEAK",
-                        // "SPIN_LOCK", "WORK_ITEM", "BAD_OBJECT", "BREAKPOINT"
+                        // "SPIN_LOCK", "WORK_ITEM", "BAD_OBJECT", "BREAKPOINT",
+                        // "SPIN_LOCK_IRQL", "SPIN_LOCK_ORDER", "SPIN_LOCK_HELD",
+                        // "CALLBACK_RETURN", "IRP_PENDING", "PAGED_CODE", "DBGPRINT_IRQL"
     std::string message;
 };
 

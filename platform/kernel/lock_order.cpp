@@ -3,6 +3,7 @@
 #include "kernel/describe.h"
 #include "kernel/kernel.h"
 #include "kernel/thread_identity.h"
+#include "kernel/untraced.h"
 
 #include <algorithm>
 #include <deque>
@@ -21,8 +22,9 @@ struct HeldLock {
     uint64_t sequence;  // acquisition order, for semaphore claims
 };
 
+// Untraced: the table is the verifier's, not a lock Windows takes.
 struct LockOrderState {
-    std::mutex mutex;
+    UntracedMutex mutex;
     std::unordered_map<const void*, LockKind> kinds;
     std::unordered_map<const void*, std::string> names;
     std::unordered_map<const void*, std::set<const void*>> acquiredWhileHolding;
@@ -175,6 +177,12 @@ void ForgetLock(const void* lock) {
     for (auto& [thread, held] : state.held) {
         std::erase_if(held, [&](const HeldLock& h) { return h.lock == lock; });
     }
+}
+
+std::string LockLabel(const void* lock) {
+    LockOrderState& state = State();
+    std::lock_guard guard(state.mutex);
+    return Label(state, lock);
 }
 
 void NameLock(const void* lock, std::string name) {

@@ -25,6 +25,9 @@ void NoteReleased(const void* lock, LockKind kind);
 // The lock was (re)initialised: its history no longer applies.
 void ForgetLock(const void* lock);
 
+// "spin lock 0x... (the cancel spin lock)", for messages.
+std::string LockLabel(const void* lock);
+
 // A name for messages, e.g. "the cancel spin lock"; survives resets.
 void NameLock(const void* lock, std::string name);
 

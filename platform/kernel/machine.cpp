@@ -1,6 +1,7 @@
 // The simulated machine as a whole: resetting it between runs and checking
 // what a driver left behind.
 #include "kernel/device_registry.h"
+#include "kernel/held_locks.h"
 #include "kernel/irp_tracker.h"
 #include "kernel/irql.h"
 #include "kernel/kernel.h"
@@ -19,6 +20,8 @@ void ResetKernel() {
     kernel::ResetLockOrder();
     SetTimeScale(1.0);
     kernel::SetCurrentIrql(PASSIVE_LEVEL);
+    kernel::HeldSpinLocks().clear();
+    kernel::HeldMutexes().clear();
 }
 
 bool CheckPoolEmpty(std::string_view when) {

@@ -4,6 +4,7 @@
 
 #include "kernel/dispatcher.h"
 #include "kernel/kernel.h"
+#include "kernel/untraced.h"
 
 #include <algorithm>
 #include <mutex>
@@ -14,8 +15,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Untraced: reading the clock orders nothing on Windows.
 struct ClockState {
-    std::mutex mutex;
+    UntracedMutex mutex;
     Clock::time_point realBase = Clock::now();
     int64_t simulatedBase = 0;
     double scale = 1.0;
@@ -60,8 +62,7 @@ void SetTimeScale(double simulatedPerReal) {
         state.scale = simulatedPerReal;
     }
     // Timed waiters recompute their real deadlines.
-    std::lock_guard lock(kernel::DispatcherLock());
-    kernel::DispatcherWakeup().notify_all();
+    kernel::WakeAllWaiters();
 }
 
 double TimeScale() {

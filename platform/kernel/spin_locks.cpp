@@ -1,28 +1,37 @@
 // Spin locks: the lock word holds the owning KTHREAD, so that recursion and
-// foreign releases are caught; waiters spin at DISPATCH_LEVEL and yield.
+// foreign releases are caught; waiters spin at DISPATCH_LEVEL and yield. Each
+// thread keeps the locks it holds in the order taken, with the IRQL that
+// KeAcquireSpinLock saved, so that releases are checked against both.
 #include "kernel/describe.h"
+#include "kernel/held_locks.h"
+#include "kernel/irql.h"
 #include "kernel/kernel.h"
 #include "kernel/lock_order.h"
 #include "kernel/thread_identity.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace {
 
+using winsim::kernel::HeldSpinLock;
+using winsim::kernel::HeldSpinLocks;
 using winsim::kernel::Hex;
 using winsim::kernel::IrqlName;
+using winsim::kernel::LockLabel;
 
 ULONG_PTR SelfWord() {
     return reinterpret_cast<ULONG_PTR>(KeGetCurrentThread());
 }
 
-void Acquire(PKSPIN_LOCK lock, const char* api) {
+// False when the finding forbids taking it.
+bool Acquire(PKSPIN_LOCK lock, const char* api, std::optional<KIRQL> savedIrql) {
     ULONG_PTR self = SelfWord();
     if (__atomic_load_n(lock, __ATOMIC_RELAXED) == self) {
         winsim::ReportViolation("SPIN_LOCK", std::string(api) + " of spin lock " + Hex(lock) +
                                                  " that " + winsim::kernel::CurrentThreadName() +
                                                  " already holds");
-        return;
+        return false;
     }
     winsim::kernel::NoteAcquiring(lock, winsim::kernel::LockKind::SpinLock);
     ULONG_PTR expected = 0;
@@ -31,21 +40,68 @@ void Acquire(PKSPIN_LOCK lock, const char* api) {
         expected = 0;
         std::this_thread::yield();
     }
+    HeldSpinLocks().push_back(HeldSpinLock{lock, savedIrql});
     winsim::kernel::NoteAcquired(lock, winsim::kernel::LockKind::SpinLock);
+    return true;
 }
 
-void Release(PKSPIN_LOCK lock, const char* api) {
+// What the caller must know about the lock it released.
+struct Released {
+    bool held = false;     // it was this thread's
+    bool inOrder = false;  // it was the last one taken
+    std::optional<KIRQL> savedIrql;
+};
+
+Released Release(PKSPIN_LOCK lock, const char* api) {
     if (__atomic_load_n(lock, __ATOMIC_RELAXED) != SelfWord()) {
         winsim::ReportViolation("SPIN_LOCK", std::string(api) + " of spin lock " + Hex(lock) +
                                                  " that " + winsim::kernel::CurrentThreadName() +
                                                  " does not hold");
-        return;
+        return {};
+    }
+    Released released{true, true, std::nullopt};
+    std::vector<HeldSpinLock>& held = HeldSpinLocks();
+    auto record = std::find_if(held.rbegin(), held.rend(),
+                               [&](const HeldSpinLock& h) { return h.lock == lock; });
+    if (record != held.rend()) {
+        released.savedIrql = record->savedIrql;
+        if (record != held.rbegin()) {
+            released.inOrder = false;
+            winsim::ReportViolation(
+                "SPIN_LOCK_ORDER",
+                std::string(api) + " of " + LockLabel(lock) + " while " +
+                    LockLabel(held.back().lock) +
+                    ", taken after it, is still held; nested spin locks are released in the "
+                    "reverse order of acquisition");
+        }
+        held.erase(std::next(record).base());
     }
     winsim::kernel::NoteReleased(lock, winsim::kernel::LockKind::SpinLock);
     __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
+    return released;
+}
+
+void CheckAtDispatchLevel(const char* api, PKSPIN_LOCK lock) {
+    KIRQL current = KeGetCurrentIrql();
+    if (current < DISPATCH_LEVEL) {
+        winsim::ReportViolation("SPIN_LOCK_IRQL", std::string(api) + " of spin lock " + Hex(lock) +
+                                                      " at " + IrqlName(current) +
+                                                      "; it needs DISPATCH_LEVEL");
+    }
 }
 
 }  // namespace
+
+namespace winsim::kernel {
+
+void ForceReleaseSpinLock(PKSPIN_LOCK lock) {
+    std::vector<HeldSpinLock>& held = HeldSpinLocks();
+    std::erase_if(held, [&](const HeldSpinLock& h) { return h.lock == lock; });
+    NoteReleased(lock, LockKind::SpinLock);
+    __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
+}
+
+}  // namespace winsim::kernel
 
 void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     __atomic_store_n(SpinLock, 0, __ATOMIC_RELEASE);
@@ -61,23 +117,39 @@ void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
     } else {
         KeRaiseIrql(DISPATCH_LEVEL, OldIrql);
     }
-    Acquire(SpinLock, "KeAcquireSpinLock");
+    Acquire(SpinLock, "KeAcquireSpinLock", *OldIrql);
 }
 
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
-    Release(SpinLock, "KeReleaseSpinLock");
+    Released released = Release(SpinLock, "KeReleaseSpinLock");
+    if (!released.held) {
+        KeLowerIrql(NewIrql);
+        return;
+    }
+    if (!released.inOrder) {
+        // Reported; the locks still held keep the thread at DISPATCH_LEVEL.
+        if (HeldSpinLocks().empty())
+            KeLowerIrql(NewIrql);
+        return;
+    }
+    if (released.savedIrql && NewIrql != *released.savedIrql) {
+        winsim::ReportViolation("SPIN_LOCK_IRQL",
+                                "KeReleaseSpinLock of " + LockLabel(SpinLock) + " to " +
+                                    IrqlName(NewIrql) + ", but KeAcquireSpinLock saved " +
+                                    IrqlName(*released.savedIrql) +
+                                    "; pass the IRQL that the acquisition returned");
+        winsim::kernel::SetCurrentIrql(*released.savedIrql);
+        return;
+    }
     KeLowerIrql(NewIrql);
 }
 
 void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
-    KIRQL current = KeGetCurrentIrql();
-    if (current < DISPATCH_LEVEL) {
-        winsim::ReportViolation("IRQL", "KeAcquireSpinLockAtDpcLevel at " + IrqlName(current) +
-                                            "; it needs DISPATCH_LEVEL");
-    }
-    Acquire(SpinLock, "KeAcquireSpinLockAtDpcLevel");
+    CheckAtDispatchLevel("KeAcquireSpinLockAtDpcLevel", SpinLock);
+    Acquire(SpinLock, "KeAcquireSpinLockAtDpcLevel", std::nullopt);
 }
 
 void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
+    CheckAtDispatchLevel("KeReleaseSpinLockFromDpcLevel", SpinLock);
     Release(SpinLock, "KeReleaseSpinLockFromDpcLevel");
 }

@@ -3,6 +3,7 @@
 #include "kernel/thread_identity.h"
 
 #include "kernel/kernel.h"
+#include "kernel/untraced.h"
 
 #include <cstdint>
 #include <memory>
@@ -18,7 +19,7 @@ namespace winsim::kernel {
 namespace {
 
 struct ThreadRegistry {
-    std::mutex mutex;
+    UntracedMutex mutex;
     std::vector<std::unique_ptr<_KTHREAD>> threads;
 };
 

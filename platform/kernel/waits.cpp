@@ -1,6 +1,7 @@
 // KeWaitForSingleObject and KeDelayExecutionThread on the simulated clock.
 #include "kernel/describe.h"
 #include "kernel/dispatcher.h"
+#include "kernel/held_locks.h"
 #include "kernel/kernel.h"
 #include "kernel/lock_order.h"
 #include "kernel/sim_clock.h"
@@ -55,20 +56,32 @@ void Acquire(DISPATCHER_HEADER& header, PKTHREAD self) {
     }
 }
 
-// Blocks on the dispatcher condition until `ready` or the deadline; the
-// caller holds the dispatcher lock.
+// Blocks on the object's condition until `ready` or the deadline; the caller
+// holds the object's lock.
 template <typename Ready>
-bool WaitUntil(std::unique_lock<std::mutex>& lock, const std::optional<int64_t>& deadline,
-               Ready ready) {
+bool WaitUntil(ObjectLock& object, std::unique_lock<std::mutex>& lock,
+               const std::optional<int64_t>& deadline, Ready ready) {
     while (!ready()) {
         if (!deadline) {
-            DispatcherWakeup().wait(lock);
+            object.wakeup.wait(lock);
             continue;
         }
         if (winsim::Now100ns() >= *deadline)
             return false;
-        DispatcherWakeup().wait_until(lock, RealTimeAt(*deadline));
+        object.wakeup.wait_until(lock, RealTimeAt(*deadline));
     }
+    return true;
+}
+
+// A wait that may block, or a delay, with a spin lock held: the IRQL finding
+// would name only the symptom.
+bool ReportedSpinLockHeld(const char* api) {
+    const std::vector<HeldSpinLock>& held = HeldSpinLocks();
+    if (held.empty())
+        return false;
+    winsim::ReportViolation("SPIN_LOCK_HELD", std::string(api) + " while holding " +
+                                                  LockLabel(held.back().lock) +
+                                                  "; nothing may wait while a spin lock is held");
     return true;
 }
 
@@ -79,10 +92,11 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
                                      PLARGE_INTEGER Timeout) {
     auto& header = *static_cast<PDISPATCHER_HEADER>(Object);
     PKTHREAD self = KeGetCurrentThread();
+    ObjectLock& object = LockOf(Object);
     UCHAR type;
     bool ownedBySelf;
     {
-        std::lock_guard lock(DispatcherLock());
+        std::lock_guard lock(object.mutex);
         type = header.Type;
         ownedBySelf = type == kMutantObject && static_cast<PKMUTEX>(Object)->OwnerThread == self;
     }
@@ -97,7 +111,9 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
 
     bool blocking = Timeout == nullptr || Timeout->QuadPart != 0;
     KIRQL irql = KeGetCurrentIrql();
-    if (irql > APC_LEVEL && blocking) {
+    if (blocking && ReportedSpinLockHeld("KeWaitForSingleObject with a non-zero time-out")) {
+        // reported
+    } else if (irql > APC_LEVEL && blocking) {
         winsim::ReportViolation("IRQL", "KeWaitForSingleObject with a non-zero time-out at " +
                                             IrqlName(irql) +
                                             "; blocking waits need APC_LEVEL or below");
@@ -114,12 +130,14 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
 
     std::optional<int64_t> deadline = DeadlineOf(Timeout);
     {
-        std::unique_lock lock(DispatcherLock());
-        if (!WaitUntil(lock, deadline, [&] { return IsSignalled(header, self); })) {
+        std::unique_lock lock(object.mutex);
+        if (!WaitUntil(object, lock, deadline, [&] { return IsSignalled(header, self); })) {
             return STATUS_TIMEOUT;
         }
         Acquire(header, self);
     }
+    if (type == kMutantObject)
+        HeldMutexes().push_back(static_cast<PKMUTEX>(Object));
     if (isLock)
         NoteAcquired(Object, kind);
     return STATUS_SUCCESS;
@@ -128,7 +146,9 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
 NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
                                       PLARGE_INTEGER Interval) {
     KIRQL irql = KeGetCurrentIrql();
-    if (irql > APC_LEVEL) {
+    if (ReportedSpinLockHeld("KeDelayExecutionThread")) {
+        // reported
+    } else if (irql > APC_LEVEL) {
         winsim::ReportViolation("IRQL", "KeDelayExecutionThread at " + IrqlName(irql) +
                                             "; delays need APC_LEVEL or below");
     }
@@ -138,7 +158,6 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertabl
         std::this_thread::yield();
         return STATUS_SUCCESS;
     }
-    std::unique_lock lock(DispatcherLock());
-    WaitUntil(lock, deadline, [] { return false; });
+    SleepUntil(*deadline);
     return STATUS_SUCCESS;
 }

@@ -1,6 +1,7 @@
 // System worker threads: work items run at PASSIVE_LEVEL, started in FIFO
 // order per queue, the more critical queues first.
 #include "kernel/describe.h"
+#include "kernel/held_locks.h"
 #include "kernel/irql.h"
 #include "kernel/kernel.h"
 
@@ -70,11 +71,12 @@ void RunWorker(int index) {
         lock.unlock();
 
         winsim::kernel::SetCurrentIrql(PASSIVE_LEVEL);
+        winsim::kernel::CallbackEntry entry = winsim::kernel::EnterCallback();
         routine(parameter);
-        if (KIRQL irql = KeGetCurrentIrql(); irql != PASSIVE_LEVEL) {
-            winsim::ReportViolation("IRQL", "work item routine returned at " + IrqlName(irql) +
-                                                " instead of PASSIVE_LEVEL");
-        }
+        winsim::kernel::CheckCallbackReturn(
+            entry, winsim::kernel::DescribeRoutine("work item routine",
+                                                   reinterpret_cast<const void*>(routine)) +
+                       " of work item " + Hex(item));
 
         lock.lock();
         state.running--;

@@ -2,7 +2,10 @@
 // and time-outs on the simulated clock.
 #include "kernel_test.h"
 
+#include <atomic>
+#include <functional>
 #include <thread>
+#include <utility>
 
 namespace kerneltest {
 namespace {
@@ -115,6 +118,41 @@ TEST_F(DispatcherObjects, TimeOutsElapseOnTheSimulatedClock) {
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
     EXPECT_GE(now.QuadPart, deadline.QuadPart);
+}
+
+// A thread already asleep on a far deadline wakes when the clock speeds up: each object's
+// waiters and delayed threads are told to recompute. Were they not, this test would hang.
+TEST_F(DispatcherObjects, SpeedingTheClockUpWakesSleepersToRecomputeTheirDeadlines) {
+    KEVENT neverSet;
+    KeInitializeEvent(&neverSet, NotificationEvent, FALSE);
+    const std::pair<const char*, std::function<void()>> sleepers[] = {
+        {"wait",
+         [&] {
+             LARGE_INTEGER hour = RelativeTimeout(3600);
+             EXPECT_EQ(KeWaitForSingleObject(&neverSet, Executive, KernelMode, FALSE, &hour),
+                       STATUS_TIMEOUT);
+         }},
+        {"delay",
+         [] {
+             LARGE_INTEGER hour = RelativeTimeout(3600);
+             KeDelayExecutionThread(KernelMode, FALSE, &hour);
+         }},
+    };
+    for (const auto& [name, sleep] : sleepers) {
+        SCOPED_TRACE(name);
+        winsim::SetTimeScale(1);
+        std::atomic<bool> woke = false;
+        std::thread sleeper([&] {
+            sleep();
+            woke = true;
+        });
+        // Speed up until the sleeper is done: the first change may come before it sleeps.
+        for (int change = 0; !woke; ++change) {
+            winsim::SetTimeScale(change % 2 == 0 ? 1e6 : 2e6);
+            std::this_thread::yield();
+        }
+        sleeper.join();
+    }
 }
 
 }  // namespace

@@ -2,8 +2,11 @@
 #include "kernel_test.h"
 
 #include <functional>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace kerneltest {
 namespace {
@@ -51,15 +54,158 @@ TEST_F(VerifierChecks, IrqlMisusesAreReported) {
 
     KeLowerIrql(DISPATCH_LEVEL);
     ExpectViolation("IRQL", {"KeLowerIrql to DISPATCH_LEVEL from the lower PASSIVE_LEVEL"});
-    KSPIN_LOCK spinLock;
-    KeInitializeSpinLock(&spinLock);
-    KeAcquireSpinLockAtDpcLevel(&spinLock);
-    KeReleaseSpinLockFromDpcLevel(&spinLock);
-    ExpectViolation("IRQL", {"KeAcquireSpinLockAtDpcLevel at PASSIVE_LEVEL"});
-    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
 
     // Polling is what DISPATCH_LEVEL code may do: no finding.
     winsim::RunAtIrql(DISPATCH_LEVEL, [&] { EXPECT_EQ(Poll(&signalled), STATUS_SUCCESS); });
+}
+
+// Each misuse starts and ends at PASSIVE_LEVEL with both locks free.
+TEST_F(VerifierChecks, SpinLockMisusesAreReported) {
+    KSPIN_LOCK first, second;
+    KeInitializeSpinLock(&first);
+    KeInitializeSpinLock(&second);
+    KEVENT signalled;
+    KeInitializeEvent(&signalled, NotificationEvent, TRUE);
+    LARGE_INTEGER oneSecond = RelativeTimeout(1);
+    const std::string firstText = AddressText(&first), secondText = AddressText(&second);
+
+    struct Misuse {
+        const char* name;
+        std::function<void()> run;
+        const char* check;
+        std::vector<std::string> gists;
+    };
+    const Misuse misuses[] = {
+        {"release to another IRQL than saved",
+         [&] {
+             KIRQL old;
+             KeAcquireSpinLock(&first, &old);
+             KeReleaseSpinLock(&first, APC_LEVEL);
+         },
+         "SPIN_LOCK_IRQL",
+         {"KeReleaseSpinLock", firstText, "to APC_LEVEL", "saved PASSIVE_LEVEL"}},
+        {"nested locks released out of order",
+         [&] {
+             winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+                 KeAcquireSpinLockAtDpcLevel(&first);
+                 KeAcquireSpinLockAtDpcLevel(&second);
+                 KeReleaseSpinLockFromDpcLevel(&first);
+                 KeReleaseSpinLockFromDpcLevel(&second);
+             });
+         },
+         "SPIN_LOCK_ORDER",
+         {firstText + " while spin lock " + secondText + ", taken after it"}},
+        {"nested locks released out of order, raising",
+         [&] {
+             KIRQL outer, inner;
+             KeAcquireSpinLock(&first, &outer);
+             KeAcquireSpinLock(&second, &inner);
+             KeReleaseSpinLock(&first, outer);
+             EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL) << "the other lock still holds it";
+             KeReleaseSpinLock(&second, inner);
+             KeLowerIrql(outer);
+         },
+         "SPIN_LOCK_ORDER",
+         {"KeReleaseSpinLock of spin lock " + firstText}},
+        {"KeLowerIrql while held",
+         [&] {
+             KIRQL old;
+             KeAcquireSpinLock(&first, &old);
+             KeLowerIrql(PASSIVE_LEVEL);
+             EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+             KeReleaseSpinLock(&first, old);
+         },
+         "SPIN_LOCK_HELD",
+         {"KeLowerIrql to PASSIVE_LEVEL while holding spin lock " + firstText}},
+        {"wait while held",
+         [&] {
+             KIRQL old;
+             KeAcquireSpinLock(&first, &old);
+             KeWaitForSingleObject(&signalled, Executive, KernelMode, FALSE, &oneSecond);
+             KeReleaseSpinLock(&first, old);
+         },
+         "SPIN_LOCK_HELD",
+         {"KeWaitForSingleObject", "while holding spin lock " + firstText}},
+        {"delay while held",
+         [&] {
+             KIRQL old;
+             KeAcquireSpinLock(&first, &old);
+             LARGE_INTEGER zero = RelativeTimeout(0);
+             KeDelayExecutionThread(KernelMode, FALSE, &zero);
+             KeReleaseSpinLock(&first, old);
+         },
+         "SPIN_LOCK_HELD",
+         {"KeDelayExecutionThread while holding spin lock " + firstText}},
+        {"acquired at DPC level below DISPATCH_LEVEL",
+         [&] {
+             KeAcquireSpinLockAtDpcLevel(&first);
+             winsim::RunAtIrql(DISPATCH_LEVEL, [&] { KeReleaseSpinLockFromDpcLevel(&first); });
+         },
+         "SPIN_LOCK_IRQL",
+         {"KeAcquireSpinLockAtDpcLevel of spin lock " + firstText + " at PASSIVE_LEVEL"}},
+        {"released from DPC level below DISPATCH_LEVEL",
+         [&] {
+             winsim::RunAtIrql(DISPATCH_LEVEL, [&] { KeAcquireSpinLockAtDpcLevel(&first); });
+             KeReleaseSpinLockFromDpcLevel(&first);
+         },
+         "SPIN_LOCK_IRQL",
+         {"KeReleaseSpinLockFromDpcLevel of spin lock " + firstText + " at PASSIVE_LEVEL"}},
+    };
+    for (const Misuse& misuse : misuses) {
+        SCOPED_TRACE(misuse.name);
+        misuse.run();
+        std::vector<std::string_view> gists(misuse.gists.begin(), misuse.gists.end());
+        std::vector<winsim::Violation> found = winsim::TakeViolations();
+        ASSERT_EQ(found.size(), 1u);
+        EXPECT_EQ(found[0].check, misuse.check) << found[0].message;
+        for (std::string_view gist : gists)
+            EXPECT_NE(found[0].message.find(gist), std::string::npos) << found[0].message;
+        EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+        EXPECT_EQ(first, 0u);
+        EXPECT_EQ(second, 0u);
+    }
+
+    // Nested in order, each release with its own saved IRQL: no finding.
+    KIRQL outer, inner;
+    KeAcquireSpinLock(&first, &outer);
+    KeAcquireSpinLock(&second, &inner);
+    KeReleaseSpinLock(&second, inner);
+    KeReleaseSpinLock(&first, outer);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+}
+
+// PAGED_CODE and Unicode DbgPrint conversions at each IRQL; a null check means no finding.
+TEST_F(VerifierChecks, PageableCodeAndUnicodeDbgPrintAboveTheirIrqlAreReported) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(u"ornix"));
+    const auto* wide = reinterpret_cast<PCWSTR>(u"cam");
+    struct Case {
+        KIRQL irql;
+        std::function<void()> run;
+        const char* check;
+        const char* gist;
+    };
+    const Case cases[] = {
+        {APC_LEVEL, [] { PAGED_CODE(); }, nullptr, nullptr},
+        {DISPATCH_LEVEL, [] { PAGED_CODE(); }, "PAGED_CODE", "runs at DISPATCH_LEVEL"},
+        {PASSIVE_LEVEL, [&] { DbgPrint("%ws %wZ %S %ls\n", wide, &name, wide, wide); }, nullptr,
+         nullptr},
+        {APC_LEVEL, [&] { DbgPrint("id %ws\n", wide); }, "DBGPRINT_IRQL", "%ws at APC_LEVEL"},
+        {DISPATCH_LEVEL, [&] { DbgPrint("%wZ\n", &name); }, "DBGPRINT_IRQL", "%wZ at"},
+        {DISPATCH_LEVEL, [&] { DbgPrint("%-8S|\n", wide); }, "DBGPRINT_IRQL", "%-8S at"},
+        {DISPATCH_LEVEL, [&] { DbgPrint("%ls\n", wide); }, "DBGPRINT_IRQL", "%ls at"},
+        {DISPATCH_LEVEL, [&] { DbgPrint("%s %hS %%ws\n", "narrow", "narrow"); }, nullptr, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << (&c - cases));
+        winsim::RunAtIrql(c.irql, c.run);
+        if (c.check == nullptr) {
+            EXPECT_TRUE(winsim::TakeViolations().empty());
+        } else {
+            ExpectViolation(c.check, {c.gist});
+        }
+    }
+    EXPECT_EQ(winsim::DebugLog().back(), "narrow narrow %ws") << "output is still printed";
 }
 
 TEST_F(VerifierChecks, ObjectMisusesAndBadFreesAreReportedAndIgnored) {
