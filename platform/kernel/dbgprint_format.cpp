@@ -377,23 +377,6 @@ class Formatter {
     std::string unicode_;
 };
 
-// A va_list of this host's own calling convention.
-class VaListArgs {
-  public:
-    explicit VaListArgs(va_list args) { va_copy(args_, args); }
-    ~VaListArgs() { va_end(args_); }
-    VaListArgs(const VaListArgs&) = delete;
-    VaListArgs& operator=(const VaListArgs&) = delete;
-
-    template <class T>
-    T Next() {
-        return va_arg(args_, T);
-    }
-
-  private:
-    va_list args_;
-};
-
 template <class Args>
 std::string FormatNotingUnicode(const char* format, Args& args, std::string& unicode) {
     if (format == nullptr)
@@ -410,11 +393,6 @@ std::string FormatDbgPrint(const char* format, va_list args) {
     std::string unicode;
     VaListArgs source(args);
     return FormatNotingUnicode(format, source, unicode);
-}
-
-std::string FormatDbgPrint(const char* format, WinVarArgs& args) {
-    std::string unicode;
-    return FormatNotingUnicode(format, args, unicode);
 }
 
 namespace kernel {

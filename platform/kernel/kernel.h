@@ -108,9 +108,6 @@ void SetDebugSink(std::function<void(std::string_view)> sink);
 // Formats like the kernel's DbgPrint: %lx and %ld are 32-bit, %I64x 64-bit,
 // %ws and %S are 16-bit strings, %wZ a UNICODE_STRING, %p pointer width.
 std::string FormatDbgPrint(const char* format, va_list args);
-// The same for the arguments of a Windows-convention caller (DbgPrint itself).
-class WinVarArgs;
-std::string FormatDbgPrint(const char* format, WinVarArgs& args);
 
 // ---------------------------------------------------------------- objects
 

@@ -12,6 +12,23 @@
 
 namespace winsim {
 
+// Arguments passed with this host's own C convention.
+class VaListArgs {
+  public:
+    explicit VaListArgs(va_list args) { va_copy(args_, args); }
+    ~VaListArgs() { va_end(args_); }
+    VaListArgs(const VaListArgs&) = delete;
+    VaListArgs& operator=(const VaListArgs&) = delete;
+
+    template <class T>
+    T Next() {
+        return va_arg(args_, T);
+    }
+
+  private:
+    va_list args_;
+};
+
 #if defined(__x86_64__)
 
 class WinVarArgs {
@@ -41,21 +58,7 @@ class WinVarArgs {
 
 #else
 
-class WinVarArgs {
-  public:
-    explicit WinVarArgs(va_list args) { va_copy(args_, args); }
-    ~WinVarArgs() { va_end(args_); }
-    WinVarArgs(const WinVarArgs&) = delete;
-    WinVarArgs& operator=(const WinVarArgs&) = delete;
-
-    template <class T>
-    T Next() {
-        return va_arg(args_, T);
-    }
-
-  private:
-    va_list args_;
-};
+using WinVarArgs = VaListArgs;
 
 #define WINSIM_WIN_VA_BEGIN(args, last) \
     va_list args##_list;                \
