@@ -183,7 +183,7 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     KMUTEX PipeMutex;
 
     // Work items of the driver (deferred pipe resets and vendor requests):
-    // one count per item queued and not finished, plus 1 while new items may
+    // one count per item queued and not finished, plus 1 while more items may
     // be queued. Teardown drops that 1 once and waits for WorkItemsDone.
     LONG volatile WorkItemCount;
     LONG volatile WorkItemsClosed;
