@@ -1,4 +1,5 @@
-// IRPs down two drivers and back through completion routines; cancel; IRP checks.
+// IRPs down two drivers and back through completion routines; cancel; IRP checks,
+// and the pending status of dispatch routines.
 #include "kernel_test.h"
 
 #include <vector>
@@ -13,15 +14,22 @@ struct CompletionSeen {
     NTSTATUS status;
 };
 
-// A filter over a bus that keeps every IRP pending (cancelable) until the test
-// completes it; the filter passes IRPs down with a completion routine of its own.
+// How the bus's dispatch routine treats an IRP; the first two leave it held.
+enum class Bus { MarkAndPend, PendUnmarked, MarkCompleteAndSucceed, CompleteAndPendUnmarked };
+// Whether the filter passes IRPs down with a completion routine, and whether that
+// propagates the pending mark.
+enum class Filter { Propagates, Drops, NoRoutine };
+
+// A filter over a bus that by default keeps every IRP pending (cancelable) until the
+// test completes it; the filter passes IRPs down with a completion routine of its own.
 class IrpStack : public KernelTest {
   protected:
     void SetUp() override {
         KernelTest::SetUp();
         seen.clear();
         pending = nullptr;
-        filterWatches = true;
+        busMode = Bus::MarkAndPend;
+        filterMode = Filter::Propagates;
         bus = Device(u"\\Driver\\Bus", BusDispatch, 1);
         filter = Device(u"\\Driver\\Filter", FilterDispatch, 2);
     }
@@ -42,10 +50,25 @@ class IrpStack : public KernelTest {
     }
 
     static NTSTATUS NTAPI BusDispatch(PDEVICE_OBJECT, PIRP irp) {
-        IoMarkIrpPending(irp);
-        IoSetCancelRoutine(irp, BusCancel);
-        pending = irp;
-        return STATUS_PENDING;
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        switch (busMode) {
+            case Bus::MarkAndPend:
+                IoMarkIrpPending(irp);
+                IoSetCancelRoutine(irp, BusCancel);
+                pending = irp;
+                return STATUS_PENDING;
+            case Bus::PendUnmarked:
+                pending = irp;
+                return STATUS_PENDING;
+            case Bus::MarkCompleteAndSucceed:
+                IoMarkIrpPending(irp);
+                IoCompleteRequest(irp, IO_NO_INCREMENT);
+                return STATUS_SUCCESS;
+            case Bus::CompleteAndPendUnmarked:
+                IoCompleteRequest(irp, IO_NO_INCREMENT);
+                return STATUS_PENDING;
+        }
+        return STATUS_SUCCESS;
     }
 
     static void NTAPI BusCancel(PDEVICE_OBJECT device, PIRP irp) {
@@ -59,14 +82,14 @@ class IrpStack : public KernelTest {
 
     static NTSTATUS NTAPI FilterDispatch(PDEVICE_OBJECT, PIRP irp) {
         IoCopyCurrentIrpStackLocationToNext(irp);
-        if (filterWatches)
+        if (filterMode != Filter::NoRoutine)
             IoSetCompletionRoutine(irp, FilterCompletion, nullptr, TRUE, TRUE, TRUE);
         return IoCallDriver(bus, irp);
     }
 
     static NTSTATUS NTAPI FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID) {
         seen.push_back({device, irp->PendingReturned, irp->IoStatus.Status});
-        if (irp->PendingReturned)
+        if (irp->PendingReturned && filterMode == Filter::Propagates)
             IoMarkIrpPending(irp);
         return STATUS_SUCCESS;
     }
@@ -80,8 +103,9 @@ class IrpStack : public KernelTest {
         PIRP irp = IoAllocateIrp(filter->StackSize, FALSE);
         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
         IoSetCompletionRoutine(irp, OwnerCompletion, nullptr, onSuccess, onError, onCancel);
-        EXPECT_EQ(IoCallDriver(filter, irp), STATUS_PENDING);
-        EXPECT_EQ(pending, irp);
+        EXPECT_EQ(IoCallDriver(filter, irp),
+                  busMode == Bus::MarkCompleteAndSucceed ? STATUS_SUCCESS : STATUS_PENDING);
+        EXPECT_EQ(pending, busMode <= Bus::PendUnmarked ? irp : nullptr);
         return irp;
     }
 
@@ -95,7 +119,8 @@ class IrpStack : public KernelTest {
 
     static inline std::vector<CompletionSeen> seen;
     static inline PIRP pending;
-    static inline bool filterWatches;
+    static inline Bus busMode;
+    static inline Filter filterMode;
     static inline PDEVICE_OBJECT bus;
     static inline PDEVICE_OBJECT cancelSawDevice;
     static inline KIRQL cancelSawIrql;
@@ -114,7 +139,7 @@ TEST_F(IrpStack, CompletionUnwindsThroughBothLevelsWithPendingReturnedBeforeTheF
 
     // Without a routine of the filter's, its level passes the pending mark up. While the
     // bus holds the IRP, it may not be freed.
-    filterWatches = false;
+    filterMode = Filter::NoRoutine;
     seen.clear();
     irp = SendToFilter();
     IoFreeIrp(irp);
@@ -175,6 +200,52 @@ TEST_F(IrpStack, IrpLeftAtUnloadIsReported) {
     IoFreeIrp(irp);
     EXPECT_TRUE(winsim::CheckPoolEmpty("test end"));
 }
+
+struct PendingCase {
+    const char* name;
+    Bus bus;
+    Filter filter;
+    const char* culprit;  // the driver named by the IRP_PENDING finding; none when correct
+    const char* gist;
+};
+
+class PendingStatus : public IrpStack, public testing::WithParamInterface<PendingCase> {};
+
+// The finding comes when both the dispatch routine has returned and the IRP has
+// completed past its level, whichever is later.
+TEST_P(PendingStatus, PendingIsReturnedExactlyWhenMarked) {
+    const PendingCase& c = GetParam();
+    busMode = c.bus;
+    filterMode = c.filter;
+    PIRP irp = SendToFilter();
+    if (pending != nullptr) {
+        EXPECT_TRUE(winsim::TakeViolations().empty()) << "nothing to judge before completion";
+        CompletePending(STATUS_SUCCESS);
+    }
+    if (c.culprit == nullptr) {
+        EXPECT_TRUE(winsim::TakeViolations().empty());
+    } else {
+        ExpectViolation(
+            "IRP_PENDING",
+            {"dispatch routine", "of device " + AddressText(c.culprit[0] == 'b' ? bus : filter),
+             AddressText(irp), c.gist});
+    }
+    IoFreeIrp(irp);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, PendingStatus,
+    testing::Values(PendingCase{"Correct", Bus::MarkAndPend, Filter::Propagates, nullptr, nullptr},
+                    PendingCase{"BusPendsUnmarked", Bus::PendUnmarked, Filter::Propagates, "bus",
+                                "returned STATUS_PENDING for IRP"},
+                    PendingCase{"BusMarksButSucceeds", Bus::MarkCompleteAndSucceed,
+                                Filter::Propagates, "bus",
+                                "pending (IoMarkIrpPending) but returned 0x00000000"},
+                    PendingCase{"BusCompletesAndPendsUnmarked", Bus::CompleteAndPendUnmarked,
+                                Filter::Propagates, "bus", "without marking it pending"},
+                    PendingCase{"FilterDropsTheMark", Bus::MarkAndPend, Filter::Drops, "filter",
+                                "without marking it pending"}),
+    [](const testing::TestParamInfo<PendingCase>& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace kerneltest

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,14 +28,14 @@ class KernelTest : public ::testing::Test {
 
     // Takes the findings so far: exactly one, of `check`, holding every one of `gists`.
     static void ExpectViolation(std::string_view check,
-                                std::initializer_list<std::string_view> gists = {}) {
+                                const std::vector<std::string>& gists = {}) {
         std::vector<winsim::Violation> found = winsim::TakeViolations();
         std::string all;
         for (const auto& v : found)
             all += v.check + ": " + v.message + "\n";
         ASSERT_EQ(found.size(), 1u) << (all.empty() ? "no findings" : all);
         EXPECT_EQ(found[0].check, check) << found[0].message;
-        for (std::string_view gist : gists) {
+        for (const std::string& gist : gists) {
             EXPECT_NE(found[0].message.find(gist), std::string::npos)
                 << "'" << gist << "' not in: " << found[0].message;
         }

@@ -8,8 +8,7 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstring>
-#include <functional>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -20,67 +19,52 @@ int unguardedValue = 0;
 // atomics are invisible to the detector.
 std::atomic<int> firstDone{0};
 
+// Each thread's own objects, and what it does with them around its access.
 struct Objects {
     KEVENT event;
     KMUTEX mutex;
     KSEMAPHORE semaphore;
-    Objects() {
-        KeInitializeEvent(&event, SynchronizationEvent, FALSE);
-        KeInitializeMutex(&mutex, 0);
-        KeInitializeSemaphore(&semaphore, 0, 1);
+    LARGE_INTEGER tick{.QuadPart = -1};
+
+    void Use(std::string_view mode) {
+        if (mode == "event") {
+            KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+            KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+            KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        } else if (mode == "mutex") {
+            KeInitializeMutex(&mutex, 0);
+            KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
+            KeReleaseMutex(&mutex, FALSE);
+        } else {
+            KeInitializeSemaphore(&semaphore, 0, 1);
+            KeWaitForSingleObject(&semaphore, Executive, KernelMode, FALSE, &tick);
+            KeQuerySystemTime(&tick);
+        }
     }
 };
-
-// What each thread does with its own objects around its access.
-void UseEvent(Objects& own) {
-    KeSetEvent(&own.event, IO_NO_INCREMENT, FALSE);
-    KeWaitForSingleObject(&own.event, Executive, KernelMode, FALSE, nullptr);
-}
-
-void UseMutex(Objects& own) {
-    KeWaitForSingleObject(&own.mutex, Executive, KernelMode, FALSE, nullptr);
-    KeReleaseMutex(&own.mutex, FALSE);
-}
-
-void UseTimedWait(Objects& own) {
-    LARGE_INTEGER tick;
-    tick.QuadPart = -1;
-    KeWaitForSingleObject(&own.semaphore, Executive, KernelMode, FALSE, &tick);
-    KeQuerySystemTime(&tick);
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::function<void(Objects&)> use;
-    const char* mode = argc > 1 ? argv[1] : "";
-    if (std::strcmp(mode, "event") == 0) {
-        use = UseEvent;
-    } else if (std::strcmp(mode, "mutex") == 0) {
-        use = UseMutex;
-    } else if (std::strcmp(mode, "timed-wait") == 0) {
-        use = UseTimedWait;
-    } else {
+    const std::string_view mode = argc > 1 ? argv[1] : "";
+    if (mode != "event" && mode != "mutex" && mode != "timed-wait") {
         std::fprintf(stderr, "usage: %s event|mutex|timed-wait\n", argv[0]);
         return 2;
     }
     // The kernel's one-time initialisations order the first threads that pass
     // through them; make them here, as a test fixture would.
     winsim::ResetKernel();
-    Objects warmUp;
-    use(warmUp);
+    Objects().Use(mode);
 
     std::thread first([&] {
-        Objects own;
         unguardedValue = 1;
-        use(own);
+        Objects().Use(mode);
         firstDone.store(1, std::memory_order_relaxed);
     });
     std::thread second([&] {
-        Objects own;
         while (firstDone.load(std::memory_order_relaxed) == 0)
             std::this_thread::yield();
-        use(own);
+        Objects().Use(mode);
         std::printf("second thread read %d\n", unguardedValue);
     });
     first.join();

@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -154,12 +153,7 @@ TEST_F(VerifierChecks, SpinLockMisusesAreReported) {
     for (const Misuse& misuse : misuses) {
         SCOPED_TRACE(misuse.name);
         misuse.run();
-        std::vector<std::string_view> gists(misuse.gists.begin(), misuse.gists.end());
-        std::vector<winsim::Violation> found = winsim::TakeViolations();
-        ASSERT_EQ(found.size(), 1u);
-        EXPECT_EQ(found[0].check, misuse.check) << found[0].message;
-        for (std::string_view gist : gists)
-            EXPECT_NE(found[0].message.find(gist), std::string::npos) << found[0].message;
+        ExpectViolation(misuse.check, misuse.gists);
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
         EXPECT_EQ(first, 0u);
         EXPECT_EQ(second, 0u);
