@@ -146,18 +146,6 @@ TEST_F(StreamInfoTest, StartAsksForTheAnnouncedSizeAndDecodesTheView) {
                                   SRB_INITIALIZATION_COMPLETE, SRB_UNINITIALIZE_DEVICE}));
 }
 
-// A device with nothing to stream: a header alone, as the class builds a filter
-// without pins that still has its device property sets.
-TEST_F(StreamInfoTest, AHeaderWithoutStreamsGivesAFilterWithoutPins) {
-    Script(sizeof(HW_STREAM_HEADER), 0);
-    winsim::StreamClass sc(FakeDriverEntry);
-    sc.AddDevice(pdo_);
-    ASSERT_EQ(sc.Start(), STATUS_SUCCESS);
-    EXPECT_EQ(bytesOffered_, sizeof(HW_STREAM_HEADER));
-    EXPECT_TRUE(sc.Filter().pins.empty());
-    EXPECT_NE(sc.Filter().FindPropertySet(kPropertySet), nullptr);
-}
-
 // A failed SRB_GET_STREAM_INFO fails the start and is followed by one teardown only.
 TEST_F(StreamInfoTest, AFailedRequestFailsTheStart) {
     Script(kOneStream, 1, SRB_GET_STREAM_INFO);
