@@ -186,18 +186,13 @@ TEST_F(IrpStack, CancelCallsTheCancelRoutineUnderTheCancelSpinLock) {
     IoFreeIrp(irp);
 }
 
-TEST_F(IrpStack, CallWithoutAStackLocationLeftIsRefused) {
+TEST_F(IrpStack, CallWithoutAStackLocationLeftIsRefusedAndAnIrpLeftAtUnloadReported) {
     PIRP noRoom = IoAllocateIrp(0, FALSE);
     EXPECT_EQ(IoCallDriver(bus, noRoom), STATUS_INVALID_DEVICE_REQUEST);
     ExpectViolation("IRP_STACK", {"no stack location left", "StackCount 0"});
-    IoFreeIrp(noRoom);
-}
-
-TEST_F(IrpStack, IrpLeftAtUnloadIsReported) {
-    PIRP irp = IoAllocateIrp(3, FALSE);
     EXPECT_FALSE(winsim::CheckPoolEmpty("driver unload"));
     ExpectViolation("IRP_LEAK", {"driver unload", "1 IRP "});
-    IoFreeIrp(irp);
+    IoFreeIrp(noRoom);
     EXPECT_TRUE(winsim::CheckPoolEmpty("test end"));
 }
 
