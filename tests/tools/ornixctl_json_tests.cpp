@@ -1,20 +1,17 @@
 // ornixctl's JSON on the default camera: the documented fields, carrying
-// what the driver computed and reported to the stream class.
-#include <gtest/gtest.h>
+// what the driver computed and reported to the stream class; and on a camera
+// without a bulk-in endpoint, a filter without pins and nothing to stream.
 #include <ksmedia.h>
 
 #include <cstddef>
-#include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
-#include "ornixctl/session.h"
+#include "ornixctl_test_support.h"
 
+namespace ornixtest {
 namespace {
-
-using Json = nlohmann::json;
 
 // The eight digits of the profile's serial-number string, as a number.
 uint32_t ProfileSerial(const ornixcam::Profile& profile) {
@@ -26,21 +23,9 @@ uint32_t ProfileSerial(const ornixcam::Profile& profile) {
     return value;
 }
 
-class OrnixctlJsonTest : public ::testing::Test {
+class OrnixctlJsonTest : public SessionTest {
   protected:
-    void SetUp() override {
-        session_ = std::make_unique<ornixctl::Session>(ornixctl::GlobalOptions{});
-        ASSERT_EQ(session_->StartStatus(), STATUS_SUCCESS);
-    }
-    void TearDown() override { session_.reset(); }
-
-    Json Run(int (*command)(ornixctl::Session&, bool, std::ostream&)) {
-        std::ostringstream out;
-        EXPECT_EQ(command(*session_, true, out), 0);
-        return Json::parse(out.str());
-    }
-
-    std::unique_ptr<ornixctl::Session> session_;
+    void SetUp() override { Start(); }
 };
 
 TEST_F(OrnixctlJsonTest, FormatsCarryTheDriversDataRanges) {
@@ -71,19 +56,22 @@ TEST_F(OrnixctlJsonTest, FormatsCarryTheDriversDataRanges) {
 
     // The 1280x1024 Bayer bank at 12000..48000 Hz, now 24000 Hz.
     const Json& bayer = doc["pins"][0]["formats"][0];
-    EXPECT_EQ(bayer["subtype"], "RAW8");
-    EXPECT_EQ(bayer["fourcc"], "RGGB");
-    EXPECT_EQ(bayer["width"], 1280);
-    EXPECT_EQ(bayer["height"], 1024);
-    EXPECT_EQ(bayer["minFrameInterval"], 266240);
-    EXPECT_EQ(bayer["maxFrameInterval"], 1066240);
-    EXPECT_EQ(bayer["frameInterval"], 532480);
-    EXPECT_EQ(bayer["minBitsPerSecond"], 12288000);
-    EXPECT_EQ(bayer["maxBitsPerSecond"], 49152000);
-    EXPECT_EQ(bayer["bitRate"], 24576000);
-    EXPECT_EQ(bayer["sampleSize"], 1310720);
-    EXPECT_EQ(bayer["fixedSizeSamples"], true);
-    EXPECT_EQ(bayer["palette"], true);
+    const Json expected = {{"subtype", "RAW8"},
+                           {"fourcc", "RGGB"},
+                           {"width", 1280},
+                           {"height", 1024},
+                           {"minFrameInterval", 266240},
+                           {"maxFrameInterval", 1066240},
+                           {"frameInterval", 532480},
+                           {"minBitsPerSecond", 12288000},
+                           {"maxBitsPerSecond", 49152000},
+                           {"bitRate", 24576000},
+                           {"sampleSize", 1310720},
+                           {"fixedSizeSamples", true},
+                           {"palette", true}};
+    for (const auto& [key, value] : expected.items()) {
+        EXPECT_EQ(bayer[key], value) << key;
+    }
 }
 
 TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
@@ -160,4 +148,24 @@ TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
     EXPECT_FALSE(doc["registers"].empty());
 }
 
+class PinlessOrnixctlTest : public SessionTest {
+  protected:
+    void SetUp() override {
+        Start(R"({"name": "no bulk-in", "configuration": {"alternateSettings": [
+            {"endpoints": [{"address": "0x83", "type": "interrupt", "maxPacketSize": 8, "interval": 4}]},
+            {"endpoints": [{"address": "0x02", "type": "bulk", "maxPacketSize": 512}]}]}})");
+    }
+};
+
+TEST_F(PinlessOrnixctlTest, SaysThereIsNothingToStream) {
+    EXPECT_NE(Text(ornixctl::RunFormats).find("nothing to stream"), std::string::npos);
+    EXPECT_TRUE(Run(ornixctl::RunFormats)["pins"].empty());
+    EXPECT_NE(Text(ornixctl::RunInfo).find("Streams: 0 (no pins: nothing to stream)"),
+              std::string::npos);
+    const Json info = Run(ornixctl::RunInfo);
+    EXPECT_EQ(info["topology"]["streams"], 0);
+    EXPECT_TRUE(info["topology"]["pins"].empty());
+}
+
 }  // namespace
+}  // namespace ornixtest

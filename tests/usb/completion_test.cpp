@@ -1,6 +1,5 @@
 // How requests come back: later on a host-controller thread at DISPATCH_LEVEL,
 // short; cancelled, held, removed or dropped with the stack.
-#include <future>
 #include <tuple>
 
 #include "usb_stack_fixture.h"
@@ -54,7 +53,7 @@ TEST_F(CompletionTest, CancelledRequestCompletesLaterOnAHostControllerThread) {
     Configure();
     constexpr int64_t kLatency = 2'000'000;  // 0.2 simulated seconds
     stack->SetCancellationLatency(kLatency);
-    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    device.SetNak(kBulkIn, true);
     URB transfer = BulkIn();
     UrbCall call(Pdo(), &transfer);
     ASSERT_EQ(call.Send(), STATUS_PENDING);
@@ -62,7 +61,7 @@ TEST_F(CompletionTest, CancelledRequestCompletesLaterOnAHostControllerThread) {
 
     const int64_t cancelledAt = winsim::Now100ns();
     EXPECT_TRUE(IoCancelIrp(call.irp));
-    URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(FakeUsbDevice::kBulkIn));
+    URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(kBulkIn));
     UrbCall aborting(Pdo(), &abort);
     ASSERT_EQ(aborting.Send(), STATUS_PENDING);
     EXPECT_EQ(call.Wait(), STATUS_CANCELLED);
@@ -92,26 +91,21 @@ TEST_F(CompletionTest, FreeingACancelledIrpBeforeItCompletesIsCaught) {
 
 TEST_F(CompletionTest, RequestOnTheBusFinishesNormallyDespiteCancel) {
     Configure();
-    std::promise<void> onBus, release;
-    std::shared_future<void> released = release.get_future().share();
-    device.onTransfer = [&, released](uint8_t) {
-        onBus.set_value();
-        released.wait();
-    };
+    HoldOnBus(kBulkIn);
     URB urb = BulkIn();
     UrbCall call(Pdo(), &urb);
     ASSERT_EQ(call.Send(), STATUS_PENDING);
-    onBus.get_future().wait();
+    WaitOnBus();
 
     EXPECT_FALSE(IoCancelIrp(call.irp));  // no cancel routine while the device has it
-    release.set_value();
+    Release();
     EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
     EXPECT_EQ(urb.UrbBulkOrInterruptTransfer.TransferBufferLength, 512u);
 }
 
 TEST_F(CompletionTest, RemovalFailsPendingAndLaterRequestsWithDeviceGone) {
     Configure();
-    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    device.SetNak(kBulkIn, true);
     stack->AddFault({.kind = RequestKind::VendorDevice, .action = FaultAction::NeverComplete});
     URB transfer = BulkIn(), read = RegisterRead();
     UrbCall bulk(Pdo(), &transfer), control(Pdo(), &read);
@@ -132,7 +126,7 @@ TEST_F(CompletionTest, RemovalFailsPendingAndLaterRequestsWithDeviceGone) {
 
 TEST_F(CompletionTest, DestroyingTheStackCancelsWhatIsPending) {
     Configure();
-    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    device.SetNak(kBulkIn, true);
     URB transfer = BulkIn();
     UrbCall bulk(Pdo(), &transfer);
     ASSERT_EQ(bulk.Send(), STATUS_PENDING);
