@@ -4,6 +4,7 @@
 #include <ksmedia.h>
 
 #include <cstddef>
+#include <map>
 
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
@@ -77,11 +78,15 @@ TEST_F(OrnixctlJsonTest, FormatsCarryTheDriversDataRanges) {
 TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
     const Json doc = Run(ornixctl::RunControls);
     std::vector<std::string> names;
+    Json exposure;  // follows the driver's stepping record
     for (const Json& set : doc["propertySets"]) {
         names.push_back(set["name"]);
         for (const Json& item : set["items"]) {
             for (const char* key : {"id", "name", "get", "set", "minProperty", "minData"}) {
                 EXPECT_TRUE(item.contains(key)) << key;
+            }
+            if (set["name"] == "CameraControl" && item["name"] == "Exposure") {
+                exposure = item;
             }
         }
     }
@@ -89,23 +94,13 @@ TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
     EXPECT_EQ(names.back(), "TevrinSgl");
     EXPECT_EQ(names[names.size() - 2], "VideoControl");
     EXPECT_EQ(names[names.size() - 3], "OxCustom");
-
-    // Exposure follows the driver's stepping record.
-    const PKSPROPERTY_STEPPING_LONG exposure = session_->Device()->ExposureRange;
-    ASSERT_NE(exposure, nullptr);
-    bool found = false;
-    for (const Json& set : doc["propertySets"]) {
-        for (const Json& item : set["items"]) {
-            if (set["name"] == "CameraControl" && item["name"] == "Exposure") {
-                found = true;
-                EXPECT_EQ(item["minimum"], exposure->Bounds.SignedMinimum);
-                EXPECT_EQ(item["maximum"], exposure->Bounds.SignedMaximum);
-                EXPECT_EQ(item["step"], 1);
-                EXPECT_TRUE(item.contains("default"));
-            }
-        }
-    }
-    EXPECT_TRUE(found);
+    const PKSPROPERTY_STEPPING_LONG range = session_->Device()->ExposureRange;
+    ASSERT_NE(range, nullptr);
+    ASSERT_FALSE(exposure.is_null());
+    EXPECT_EQ(exposure["minimum"], range->Bounds.SignedMinimum);
+    EXPECT_EQ(exposure["maximum"], range->Bounds.SignedMaximum);
+    EXPECT_EQ(exposure["step"], 1);
+    EXPECT_TRUE(exposure.contains("default"));
 }
 
 TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
@@ -126,19 +121,15 @@ TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
     EXPECT_EQ(t["streams"], ext->StreamCount);
     EXPECT_EQ(t["categories"].size(), 3u);
     // Every pipe the driver maps appears with its role and endpoint.
-    const Json& pipes = t["pipes"];
-    auto role = [&](const char* name) {
-        for (const Json& p : pipes) {
-            if (p["role"] == name)
-                return p;
-        }
-        return Json();
-    };
-    ASSERT_FALSE(role("capture").is_null());
-    EXPECT_EQ(role("capture")["endpointAddress"].get<int>() & 0x80, 0x80);
-    EXPECT_EQ(role("capture")["type"], "bulk");
-    EXPECT_EQ(role("fpga")["endpointAddress"].get<int>() & 0x80, 0);
-    EXPECT_EQ(role("interrupt")["type"], "interrupt");
+    std::map<std::string, Json> role;
+    for (const Json& pipe : t["pipes"]) {
+        role[pipe["role"]] = pipe;
+    }
+    ASSERT_TRUE(role.contains("capture"));
+    EXPECT_EQ(role["capture"]["endpointAddress"].get<int>() & 0x80, 0x80);
+    EXPECT_EQ(role["capture"]["type"], "bulk");
+    EXPECT_EQ(role["fpga"]["endpointAddress"].get<int>() & 0x80, 0);
+    EXPECT_EQ(role["interrupt"]["type"], "interrupt");
     EXPECT_EQ(t["openPipes"].size(), session_->Rig().Usb().OpenPipes().size());
 
     ASSERT_EQ(t["eventSets"].size(), ext->EventSetCount);

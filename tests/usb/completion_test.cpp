@@ -74,9 +74,15 @@ TEST_F(CompletionTest, CancelledRequestCompletesLaterOnAHostControllerThread) {
 }
 
 // A client that frees the IRP right after IoCancelIrp, without waiting for
-// its completion routine, is caught; destroying the stack completes it.
+// its completion routine, is caught; destroying the stack completes it, and
+// cancels a transfer waiting for its endpoint at once.
 TEST_F(CompletionTest, FreeingACancelledIrpBeforeItCompletesIsCaught) {
     ExpectViolation("IRP_FREED_WHILE_PENDING");
+    Configure();
+    device.SetNak(kBulkIn, true);
+    URB transfer = BulkIn();
+    UrbCall bulk(Pdo(), &transfer);
+    ASSERT_EQ(bulk.Send(), STATUS_PENDING);
     stack->SetCancellationLatency(864'000'000'000);  // a simulated day
     stack->AddFault({.kind = RequestKind::VendorDevice, .action = FaultAction::NeverComplete});
     URB urb = RegisterRead();
@@ -86,6 +92,8 @@ TEST_F(CompletionTest, FreeingACancelledIrpBeforeItCompletesIsCaught) {
     IoFreeIrp(call.irp);  // refused: the stack still holds it
     EXPECT_FALSE(call.Completed());
     stack.reset();
+    EXPECT_TRUE(bulk.Completed());
+    EXPECT_EQ(bulk.Wait(), STATUS_CANCELLED);
     EXPECT_EQ(call.Wait(), STATUS_CANCELLED);
 }
 
@@ -122,17 +130,6 @@ TEST_F(CompletionTest, RemovalFailsPendingAndLaterRequestsWithDeviceGone) {
     URB later = RegisterRead();
     EXPECT_EQ(SubmitUrb(Pdo(), &later), STATUS_DEVICE_REMOVED);
     EXPECT_EQ(later.UrbHeader.Status, USBD_STATUS_DEVICE_GONE);
-}
-
-TEST_F(CompletionTest, DestroyingTheStackCancelsWhatIsPending) {
-    Configure();
-    device.SetNak(kBulkIn, true);
-    URB transfer = BulkIn();
-    UrbCall bulk(Pdo(), &transfer);
-    ASSERT_EQ(bulk.Send(), STATUS_PENDING);
-    stack.reset();
-    EXPECT_TRUE(bulk.Completed());
-    EXPECT_EQ(bulk.Wait(), STATUS_CANCELLED);
 }
 
 }  // namespace

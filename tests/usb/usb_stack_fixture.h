@@ -7,6 +7,7 @@
 #include <usbdlib.h>
 #include <usbioctl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <future>
@@ -283,15 +284,11 @@ class UsbStackTest : public ::testing::Test {
     }
     USBD_PIPE_HANDLE PipeFor(uint8_t endpoint) const { return StatusOf(endpoint).handle; }
     usbsim::PipeStatus StatusOf(uint8_t endpoint) const {
-        for (const usbsim::PipeStatus& pipe : stack->OpenPipes()) {
-            if (pipe.endpointAddress == endpoint) {
-                return pipe;
-            }
-        }
-        ADD_FAILURE() << "no open pipe for endpoint " << int{endpoint};
-        return {};
+        const std::vector<usbsim::PipeStatus> pipes = stack->OpenPipes();
+        const auto pipe = std::ranges::find(pipes, endpoint, &usbsim::PipeStatus::endpointAddress);
+        EXPECT_NE(pipe, pipes.end()) << "no open pipe for endpoint " << int{endpoint};
+        return pipe != pipes.end() ? *pipe : usbsim::PipeStatus{};
     }
-
     // Sends each URB in a call of its own; each must pend.
     void SendAll(std::span<URB> urbs, std::list<UrbCall>& calls) {
         for (URB& urb : urbs) {
