@@ -23,8 +23,7 @@ using Json = nlohmann::json;
 
 struct RunResult {
     int status;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 inline RunResult Ornixctl(const std::vector<std::string>& args) {

@@ -51,9 +51,4 @@ TEST(Rig, TheProfilesHostControllerDecidesWhetherAShortReadFails) {
     }
 }
 
-TEST(Rig, RegistryValuesMustBeText) {
-    EXPECT_THROW(ornixcam::ParseProfile(R"({"registry": {"TevrinKey": 5}})"),
-                 ornixcam::ProfileError);
-}
-
 }  // namespace

@@ -5,14 +5,7 @@
 namespace usbtest {
 namespace {
 
-class ConfigurationTest : public UsbStackTest {
-  protected:
-    NTSTATUS Transfer(USBD_PIPE_HANDLE pipe, bool in, ULONG length) {
-        std::vector<uint8_t> buffer(length);
-        URB urb = TransferUrb(pipe, in, buffer.data(), length);
-        return SubmitUrb(Pdo(), &urb);
-    }
-};
+using ConfigurationTest = UsbStackTest;
 
 TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTransferSizes) {
     UrbBuffer urb = SelectUrb(&descriptor, nullptr, 0, 3);

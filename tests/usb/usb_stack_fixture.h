@@ -306,6 +306,11 @@ class UsbStackTest : public ::testing::Test {
     }
     void WaitOnBus() { onBus_.get_future().wait(); }
     void Release() { release_.set_value(); }
+    NTSTATUS Transfer(USBD_PIPE_HANDLE pipe, bool in, ULONG length) {
+        std::vector<uint8_t> buffer(length);
+        URB urb = TransferUrb(pipe, in, buffer.data(), length);
+        return SubmitUrb(Pdo(), &urb);
+    }
     void ExpectStale(USBD_PIPE_HANDLE pipe) {
         URB stale = TransferUrb(pipe, true, data, sizeof data);
         EXPECT_EQ(SubmitUrb(Pdo(), &stale), STATUS_INVALID_PARAMETER);
