@@ -56,10 +56,8 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
         return R"({"configuration": {"alternateSettings": [{}, {"endpoints": [)" +
                std::string(list) + "]}]}}";
     };
-    std::string banks = "{}";
-    for (int i = 1; i < 33; ++i) {
-        banks += ",{}";
-    }
+    const std::string banks =  // 33 empty banks
+        nlohmann::json(std::vector<nlohmann::json>(33, nlohmann::json::object())).dump();
     struct BadProfile {
         std::string json;
         const char* blamed;  // what the error message must mention
@@ -110,7 +108,7 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
          "productData.eepromImages.0xA2: cannot open"},
         {R"({"formatBanks": {}})", "formatBanks: expected an array"},
         {R"({"formatBanks": [{"position": [-32769, 0]}]})", "formatBanks[0].position[0]"},
-        {R"({"formatBanks": [)" + banks + "]}", "formatBanks: at most 32"},
+        {R"({"formatBanks": )" + banks + "}", "formatBanks: at most 32"},
         {R"({"properties": {"brightnes": {}}})", "properties.brightnes: not a property"},
         {R"({"properties": {"record57": {}}})", "properties.record57"}};
     for (const BadProfile& c : cases) {
