@@ -28,19 +28,15 @@ void Leave(Camera& camera) {
     EXPECT_FALSE(camera.FpgaProgramMode());
 }
 
-uint32_t Mode(Camera& camera) {
-    return Read(camera, reg::kFpgaMode);
-}
-
 TEST(Fpga, TheRightImageConfiguresAfterTheBusyPolls) {
     Camera camera(ParseProfile(R"({"fpga": {"busyPolls": 2, "version": "0x00020001"}})"));
     Program(camera, {Image()});
     // The driver's order: busy polls while still in program mode, then leave it.
-    EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
-    EXPECT_EQ(Mode(camera), reg::kFpgaBusy);
-    EXPECT_EQ(Mode(camera), 0u);
+    EXPECT_EQ(Read(camera, reg::kFpgaMode), reg::kFpgaBusy);
+    EXPECT_EQ(Read(camera, reg::kFpgaMode), reg::kFpgaBusy);
+    EXPECT_EQ(Read(camera, reg::kFpgaMode), 0u);
     Leave(camera);
-    EXPECT_EQ(Mode(camera), reg::kFpgaConfigured);
+    EXPECT_EQ(Read(camera, reg::kFpgaMode), reg::kFpgaConfigured);
     EXPECT_EQ(Read(camera, reg::kFpgaVersion), 0x00020001u);
 }
 
@@ -58,7 +54,7 @@ TEST(Fpga, AWrongShortSplitOrRepeatedImageLeavesItUnconfigured) {
         Camera camera;
         Program(camera, transfers);
         Leave(camera);
-        EXPECT_EQ(Mode(camera), 0u);
+        EXPECT_EQ(Read(camera, reg::kFpgaMode), 0u);
     }
 }
 
@@ -74,7 +70,7 @@ TEST(Fpga, OnlyImagesSentInProgramModeCountAndAnAbsentFpgaRefusesAll) {
     WriteRegister(camera, reg::kFpgaMode, 0x1234);
     EXPECT_TRUE(camera.FpgaProgramMode());
     Leave(camera);
-    EXPECT_EQ(Mode(camera), 0u);
+    EXPECT_EQ(Read(camera, reg::kFpgaMode), 0u);
 
     Camera none(ParseProfile(R"({"fpga": {"present": false}})"));
     EXPECT_EQ(Probe(none, reg::kFpgaMode), kStall);

@@ -1,46 +1,22 @@
 // ornixctl's JSON on the default camera: the documented fields, carrying
-// what the driver computed and reported to the stream class.
-#include <gtest/gtest.h>
+// what the driver computed and reported to the stream class; and on a camera
+// without a bulk-in endpoint, a filter without pins and nothing to stream.
 #include <ksmedia.h>
 
 #include <cstddef>
-#include <nlohmann/json.hpp>
-#include <sstream>
+#include <map>
 
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
-#include "ornixctl/session.h"
+#include "ornixctl_test_support.h"
 
+namespace ornixtest {
 namespace {
 
-using Json = nlohmann::json;
-
-// The eight digits of the profile's serial-number string, as a number.
-uint32_t ProfileSerial(const ornixcam::Profile& profile) {
-    const uint8_t index = profile.device.iSerialNumber != 0 ? profile.device.iSerialNumber : 3;
-    uint32_t value = 0;
-    for (char16_t c : profile.strings.at(index)) {
-        value = value * 10 + static_cast<uint32_t>(c - u'0');
-    }
-    return value;
-}
-
-class OrnixctlJsonTest : public ::testing::Test {
+class OrnixctlJsonTest : public SessionTest {
   protected:
-    void SetUp() override {
-        session_ = std::make_unique<ornixctl::Session>(ornixctl::GlobalOptions{});
-        ASSERT_EQ(session_->StartStatus(), STATUS_SUCCESS);
-    }
-    void TearDown() override { session_.reset(); }
-
-    Json Run(int (*command)(ornixctl::Session&, bool, std::ostream&)) {
-        std::ostringstream out;
-        EXPECT_EQ(command(*session_, true, out), 0);
-        return Json::parse(out.str());
-    }
-
-    std::unique_ptr<ornixctl::Session> session_;
+    void SetUp() override { Start(); }
 };
 
 TEST_F(OrnixctlJsonTest, FormatsCarryTheDriversDataRanges) {
@@ -71,29 +47,36 @@ TEST_F(OrnixctlJsonTest, FormatsCarryTheDriversDataRanges) {
 
     // The 1280x1024 Bayer bank at 12000..48000 Hz, now 24000 Hz.
     const Json& bayer = doc["pins"][0]["formats"][0];
-    EXPECT_EQ(bayer["subtype"], "RAW8");
-    EXPECT_EQ(bayer["fourcc"], "RGGB");
-    EXPECT_EQ(bayer["width"], 1280);
-    EXPECT_EQ(bayer["height"], 1024);
-    EXPECT_EQ(bayer["minFrameInterval"], 266240);
-    EXPECT_EQ(bayer["maxFrameInterval"], 1066240);
-    EXPECT_EQ(bayer["frameInterval"], 532480);
-    EXPECT_EQ(bayer["minBitsPerSecond"], 12288000);
-    EXPECT_EQ(bayer["maxBitsPerSecond"], 49152000);
-    EXPECT_EQ(bayer["bitRate"], 24576000);
-    EXPECT_EQ(bayer["sampleSize"], 1310720);
-    EXPECT_EQ(bayer["fixedSizeSamples"], true);
-    EXPECT_EQ(bayer["palette"], true);
+    const Json expected = {{"subtype", "RAW8"},
+                           {"fourcc", "RGGB"},
+                           {"width", 1280},
+                           {"height", 1024},
+                           {"minFrameInterval", 266240},
+                           {"maxFrameInterval", 1066240},
+                           {"frameInterval", 532480},
+                           {"minBitsPerSecond", 12288000},
+                           {"maxBitsPerSecond", 49152000},
+                           {"bitRate", 24576000},
+                           {"sampleSize", 1310720},
+                           {"fixedSizeSamples", true},
+                           {"palette", true}};
+    for (const auto& [key, value] : expected.items()) {
+        EXPECT_EQ(bayer[key], value) << key;
+    }
 }
 
 TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
     const Json doc = Run(ornixctl::RunControls);
     std::vector<std::string> names;
+    Json exposure;  // follows the driver's stepping record
     for (const Json& set : doc["propertySets"]) {
         names.push_back(set["name"]);
         for (const Json& item : set["items"]) {
             for (const char* key : {"id", "name", "get", "set", "minProperty", "minData"}) {
                 EXPECT_TRUE(item.contains(key)) << key;
+            }
+            if (set["name"] == "CameraControl" && item["name"] == "Exposure") {
+                exposure = item;
             }
         }
     }
@@ -101,23 +84,13 @@ TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
     EXPECT_EQ(names.back(), "TevrinSgl");
     EXPECT_EQ(names[names.size() - 2], "VideoControl");
     EXPECT_EQ(names[names.size() - 3], "OxCustom");
-
-    // Exposure follows the driver's stepping record.
-    const PKSPROPERTY_STEPPING_LONG exposure = session_->Device()->ExposureRange;
-    ASSERT_NE(exposure, nullptr);
-    bool found = false;
-    for (const Json& set : doc["propertySets"]) {
-        for (const Json& item : set["items"]) {
-            if (set["name"] == "CameraControl" && item["name"] == "Exposure") {
-                found = true;
-                EXPECT_EQ(item["minimum"], exposure->Bounds.SignedMinimum);
-                EXPECT_EQ(item["maximum"], exposure->Bounds.SignedMaximum);
-                EXPECT_EQ(item["step"], 1);
-                EXPECT_TRUE(item.contains("default"));
-            }
-        }
-    }
-    EXPECT_TRUE(found);
+    const PKSPROPERTY_STEPPING_LONG range = session_->Device()->ExposureRange;
+    ASSERT_NE(range, nullptr);
+    ASSERT_FALSE(exposure.is_null());
+    EXPECT_EQ(exposure["minimum"], range->Bounds.SignedMinimum);
+    EXPECT_EQ(exposure["maximum"], range->Bounds.SignedMaximum);
+    EXPECT_EQ(exposure["step"], 1);
+    EXPECT_TRUE(exposure.contains("default"));
 }
 
 TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
@@ -127,7 +100,7 @@ TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
     EXPECT_EQ(id["vendorId"], ext->DeviceDescriptor->idVendor);
     EXPECT_EQ(id["productId"], ext->DeviceDescriptor->idProduct);
     EXPECT_EQ(id["bcdDevice"], ext->DeviceDescriptor->bcdDevice);
-    EXPECT_EQ(id["serialNumber"], ProfileSerial(session_->Rig().Camera().GetProfile()));
+    EXPECT_EQ(id["serialNumber"], 12345);  // the default camera's "00012345"
     EXPECT_EQ(id["cameraId"], ext->CameraId);
     EXPECT_EQ(id["specVersion"], ext->SpecVersion);
     for (const char* key : {"fpgaConfigured", "fpgaBusy", "fpgaVersion", "highSpeed"}) {
@@ -138,19 +111,15 @@ TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
     EXPECT_EQ(t["streams"], ext->StreamCount);
     EXPECT_EQ(t["categories"].size(), 3u);
     // Every pipe the driver maps appears with its role and endpoint.
-    const Json& pipes = t["pipes"];
-    auto role = [&](const char* name) {
-        for (const Json& p : pipes) {
-            if (p["role"] == name)
-                return p;
-        }
-        return Json();
-    };
-    ASSERT_FALSE(role("capture").is_null());
-    EXPECT_EQ(role("capture")["endpointAddress"].get<int>() & 0x80, 0x80);
-    EXPECT_EQ(role("capture")["type"], "bulk");
-    EXPECT_EQ(role("fpga")["endpointAddress"].get<int>() & 0x80, 0);
-    EXPECT_EQ(role("interrupt")["type"], "interrupt");
+    std::map<std::string, Json> role;
+    for (const Json& pipe : t["pipes"]) {
+        role[pipe["role"]] = pipe;
+    }
+    ASSERT_TRUE(role.contains("capture"));
+    EXPECT_EQ(role["capture"]["endpointAddress"].get<int>() & 0x80, 0x80);
+    EXPECT_EQ(role["capture"]["type"], "bulk");
+    EXPECT_EQ(role["fpga"]["endpointAddress"].get<int>() & 0x80, 0);
+    EXPECT_EQ(role["interrupt"]["type"], "interrupt");
     EXPECT_EQ(t["openPipes"].size(), session_->Rig().Usb().OpenPipes().size());
 
     ASSERT_EQ(t["eventSets"].size(), ext->EventSetCount);
@@ -160,4 +129,24 @@ TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
     EXPECT_FALSE(doc["registers"].empty());
 }
 
+class PinlessOrnixctlTest : public SessionTest {
+  protected:
+    void SetUp() override {
+        Start(R"({"name": "no bulk-in", "configuration": {"alternateSettings": [
+            {"endpoints": [{"address": "0x83", "type": "interrupt", "maxPacketSize": 8, "interval": 4}]},
+            {"endpoints": [{"address": "0x02", "type": "bulk", "maxPacketSize": 512}]}]}})");
+    }
+};
+
+TEST_F(PinlessOrnixctlTest, SaysThereIsNothingToStream) {
+    EXPECT_NE(Text(ornixctl::RunFormats).find("nothing to stream"), std::string::npos);
+    EXPECT_TRUE(Run(ornixctl::RunFormats)["pins"].empty());
+    EXPECT_NE(Text(ornixctl::RunInfo).find("Streams: 0 (no pins: nothing to stream)"),
+              std::string::npos);
+    const Json info = Run(ornixctl::RunInfo);
+    EXPECT_EQ(info["topology"]["streams"], 0);
+    EXPECT_TRUE(info["topology"]["pins"].empty());
+}
+
 }  // namespace
+}  // namespace ornixtest

@@ -1,23 +1,13 @@
 // Selecting configurations and settings (the URB, the handles that work afterwards,
 // unconfiguring); stalls until a pipe reset, NAKs until ready, and pipe aborts.
-#include <future>
-
 #include "usb_stack_fixture.h"
 
 namespace usbtest {
 namespace {
 
-class ConfigurationTest : public UsbStackTest {
-  protected:
-    NTSTATUS Transfer(USBD_PIPE_HANDLE pipe, bool in, ULONG length) {
-        std::vector<uint8_t> buffer(length);
-        URB urb = TransferUrb(pipe, in, buffer.data(), length);
-        return SubmitUrb(Pdo(), &urb);
-    }
-};
+using ConfigurationTest = UsbStackTest;
 
 TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTransferSizes) {
-    std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
     UrbBuffer urb = SelectUrb(&descriptor, nullptr, 0, 3);
     PUSBD_PIPE_INFORMATION pipes = InterfaceOf(urb)->Pipes;
     pipes[1].MaximumTransferSize = 97991;  // the bulk-out pipe takes one FPGA image
@@ -43,9 +33,9 @@ TEST_F(ConfigurationTest, SelectConfigurationFillsHandlesAndKeepsTheClientsTrans
 TEST_F(ConfigurationTest,
        SelectInterfaceReplacesThePipesCancellingTransfersAndUnconfiguringDropsThem) {
     Configure();
-    const USBD_PIPE_HANDLE oldInterrupt = PipeFor(FakeUsbDevice::kInterruptIn);
-    device.SetNak(FakeUsbDevice::kInterruptIn, true);
-    URB pending = TransferOn(FakeUsbDevice::kInterruptIn, 4);
+    const USBD_PIPE_HANDLE oldInterrupt = PipeFor(kInterruptIn);
+    device.SetNak(kInterruptIn, true);
+    URB pending = TransferOn(kInterruptIn, 4);
     UrbCall transfer(Pdo(), &pending);
     ASSERT_EQ(transfer.Send(), STATUS_PENDING);
     stack->WaitIdle();
@@ -58,10 +48,8 @@ TEST_F(ConfigurationTest,
     EXPECT_EQ(pending.UrbHeader.Status, USBD_STATUS_CANCELED);
     EXPECT_EQ(stack->AlternateSetting(0), 1);
     const USBD_PIPE_HANDLE fresh = (InterfaceOf(select)->Pipes + 1)->PipeHandle;
-    EXPECT_EQ(PipeFor(FakeUsbDevice::kSecondBulkIn), fresh);
-    URB stale = TransferUrb(oldInterrupt, true, data, sizeof data);
-    EXPECT_EQ(SubmitUrb(Pdo(), &stale), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(stale.UrbHeader.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
+    EXPECT_EQ(PipeFor(kSecondBulkIn), fresh);
+    ExpectStale(oldInterrupt);
     EXPECT_EQ(Transfer(fresh, true, 512), STATUS_SUCCESS);
 
     // Only the header, descriptor and handle matter when the descriptor is null.
@@ -77,26 +65,16 @@ TEST_F(ConfigurationTest,
 // completes after all of them.
 TEST_F(ConfigurationTest, SelectingAConfigurationCancelsWaitingTransfersOfTheOldPipesFirst) {
     Configure();
-    const USBD_PIPE_HANDLE oldIn = PipeFor(FakeUsbDevice::kBulkIn);
-    device.SetNak(FakeUsbDevice::kBulkIn, true);
-    device.SetNak(FakeUsbDevice::kInterruptIn, true);
-    std::promise<void> onBus, release;
-    std::shared_future<void> released = release.get_future().share();
-    device.onTransfer = [&, released](uint8_t endpoint) {
-        if (endpoint == FakeUsbDevice::kBulkOut) {
-            onBus.set_value();
-            released.wait();
-        }
-    };
-    URB urbs[3] = {BulkIn(), TransferOn(FakeUsbDevice::kInterruptIn, 4),
-                   TransferUrb(PipeFor(FakeUsbDevice::kBulkOut), false, data, sizeof data)};
+    const USBD_PIPE_HANDLE oldIn = PipeFor(kBulkIn);
+    device.SetNak(kBulkIn, true);
+    device.SetNak(kInterruptIn, true);
+    HoldOnBus(kBulkOut);
+    URB urbs[3] = {BulkIn(), TransferOn(kInterruptIn, 4),
+                   TransferUrb(PipeFor(kBulkOut), false, data, sizeof data)};
     std::list<UrbCall> transfers;
-    for (URB& urb : urbs) {
-        ASSERT_EQ(transfers.emplace_back(Pdo(), &urb).Send(), STATUS_PENDING);
-    }
-    onBus.get_future().wait();
+    SendAll(urbs, transfers);
+    WaitOnBus();
 
-    std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
     UrbBuffer select = SelectUrb(&descriptor, nullptr, 0, 3);
     UrbCall call(Pdo(), select.get());
     ASSERT_EQ(call.Send(), STATUS_PENDING);
@@ -104,15 +82,13 @@ TEST_F(ConfigurationTest, SelectingAConfigurationCancelsWaitingTransfersOfTheOld
     EXPECT_EQ((++transfers.begin())->Wait(), STATUS_CANCELLED);
     EXPECT_EQ(urbs[1].UrbHeader.Status, USBD_STATUS_CANCELED);
     EXPECT_FALSE(call.Completed());  // the OUT transfer is still on the bus
-    release.set_value();
+    Release();
     EXPECT_EQ(transfers.back().Wait(), STATUS_SUCCESS);
     EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
     for (const UrbCall& transfer : transfers) {
         EXPECT_LT(transfer.completedAs.load(), call.completedAs.load());
     }
-    URB stale = TransferUrb(oldIn, true, data, sizeof data);
-    EXPECT_EQ(SubmitUrb(Pdo(), &stale), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(stale.UrbHeader.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
+    ExpectStale(oldIn);
 }
 
 using PipeTest = UsbStackTest;
@@ -121,46 +97,45 @@ TEST_F(PipeTest, StallHaltsTheEndpointUntilThePipeIsReset) {
     Configure();
     URB ok = BulkIn();
     ASSERT_EQ(SubmitUrb(Pdo(), &ok), STATUS_SUCCESS);
-    EXPECT_EQ(StatusOf(FakeUsbDevice::kBulkIn).dataToggle, 1);  // one packet went by
+    EXPECT_EQ(StatusOf(kBulkIn).dataToggle, 1);  // one packet went by
 
-    device.QueueAnswer(FakeUsbDevice::kBulkIn, TransferResult::Stall());
+    device.QueueAnswer(kBulkIn, TransferResult::Stall());
     URB stalled = BulkIn();
     EXPECT_EQ(SubmitUrb(Pdo(), &stalled), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(stalled.UrbHeader.Status, USBD_STATUS_STALL_PID);
-    EXPECT_TRUE(StatusOf(FakeUsbDevice::kBulkIn).halted);
+    EXPECT_TRUE(StatusOf(kBulkIn).halted);
 
     URB refused = BulkIn();
     EXPECT_EQ(SubmitUrb(Pdo(), &refused), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(refused.UrbHeader.Status, USBD_STATUS_ENDPOINT_HALTED);
     EXPECT_EQ(device.TransferLog().size(), 2u);  // the halted pipe sent nothing
 
-    URB reset =
-        PipeUrb(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, PipeFor(FakeUsbDevice::kBulkIn));
+    URB reset = PipeUrb(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, PipeFor(kBulkIn));
     UrbCall call(Pdo(), &reset);
     ASSERT_EQ(call.Send(), STATUS_PENDING);
     EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
-    EXPECT_FALSE(StatusOf(FakeUsbDevice::kBulkIn).halted);
-    EXPECT_EQ(StatusOf(FakeUsbDevice::kBulkIn).dataToggle, 0);
+    EXPECT_FALSE(StatusOf(kBulkIn).halted);
+    EXPECT_EQ(StatusOf(kBulkIn).dataToggle, 0);
     URB again = BulkIn();
     EXPECT_EQ(SubmitUrb(Pdo(), &again), STATUS_SUCCESS);
 }
 
 TEST_F(PipeTest, NakedTransferWaitsForTheReadinessOfItsEndpointEvenDuringTheNak) {
     Configure();
-    device.SetNak(FakeUsbDevice::kInterruptIn, true);
-    URB urb = TransferOn(FakeUsbDevice::kInterruptIn, 4);
+    device.SetNak(kInterruptIn, true);
+    URB urb = TransferOn(kInterruptIn, 4);
     UrbCall call(Pdo(), &urb);
     ASSERT_EQ(call.Send(), STATUS_PENDING);
     stack->WaitIdle();  // a NAKed transfer does not keep the stack busy
-    device.SignalReady(FakeUsbDevice::kBulkIn);
+    device.SignalReady(kBulkIn);
     stack->WaitIdle();
     EXPECT_FALSE(call.Completed());
     EXPECT_EQ(device.TransferLog().size(), 1u);  // not retried for another endpoint
 
     // The device has data just as it answers Nak once more: that readiness is not lost.
-    device.SetNak(FakeUsbDevice::kInterruptIn, false);
-    device.QueueAnswer(FakeUsbDevice::kInterruptIn, TransferResult::Nak());
-    device.QueueAnswer(FakeUsbDevice::kInterruptIn, TransferResult::Ack(4), {0x08, 0, 0, 0});
+    device.SetNak(kInterruptIn, false);
+    device.QueueAnswer(kInterruptIn, TransferResult::Nak());
+    device.QueueAnswer(kInterruptIn, TransferResult::Ack(4), {0x08, 0, 0, 0});
     bool signalled = false;
     device.onTransfer = [&](uint8_t endpoint) {
         if (!signalled) {
@@ -175,16 +150,14 @@ TEST_F(PipeTest, NakedTransferWaitsForTheReadinessOfItsEndpointEvenDuringTheNak)
 
 TEST_F(PipeTest, AbortCancelsEveryPendingTransferBeforeCompletingItself) {
     Configure();
-    device.SetNak(FakeUsbDevice::kBulkIn, true);
+    device.SetNak(kBulkIn, true);
     URB urbs[3] = {BulkIn(), BulkIn(), BulkIn()};
     std::list<UrbCall> transfers;
-    for (URB& urb : urbs) {
-        ASSERT_EQ(transfers.emplace_back(Pdo(), &urb).Send(), STATUS_PENDING);
-    }
+    SendAll(urbs, transfers);
     stack->WaitIdle();
 
     // Aborts may come at DISPATCH_LEVEL; TearDown fails on any verifier finding.
-    URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(FakeUsbDevice::kBulkIn));
+    URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(kBulkIn));
     UrbCall call(Pdo(), &abort);
     winsim::RunAtIrql(DISPATCH_LEVEL, [&] { EXPECT_EQ(call.Send(), STATUS_PENDING); });
     EXPECT_EQ(call.Wait(), STATUS_SUCCESS);
@@ -196,7 +169,7 @@ TEST_F(PipeTest, AbortCancelsEveryPendingTransferBeforeCompletingItself) {
     for (const URB& urb : urbs) {
         EXPECT_EQ(urb.UrbHeader.Status, USBD_STATUS_CANCELED);
     }
-    device.SetNak(FakeUsbDevice::kBulkIn, false);
+    device.SetNak(kBulkIn, false);
     URB after = BulkIn();
     EXPECT_EQ(SubmitUrb(Pdo(), &after), STATUS_SUCCESS);
 }

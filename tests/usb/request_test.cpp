@@ -17,13 +17,12 @@ UrbBuffer Copy(const URB& urb, USHORT lengthCut = 0, USHORT function = 0) {
 TEST_F(RequestTest, MalformedUrbsAreRefusedAtOnceWithTheirOwnStatus) {
     Configure();
     const size_t controlBefore = device.ControlLog().size();
-    std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
     std::vector<uint8_t> notConfiguration = descriptor;
     notConfiguration[1] = USB_INTERFACE_DESCRIPTOR_TYPE;
     UrbBuffer tooShortForPipes = SelectUrb(&descriptor, nullptr, 0, 3);
     tooShortForPipes->UrbHeader.Length -= sizeof(USBD_PIPE_INFORMATION);
     const auto stray = reinterpret_cast<USBD_PIPE_HANDLE>(0x1234);
-    const USBD_PIPE_HANDLE in = PipeFor(FakeUsbDevice::kBulkIn);
+    const USBD_PIPE_HANDLE in = PipeFor(kBulkIn);
     const auto otherConfiguration = reinterpret_cast<USBD_CONFIGURATION_HANDLE>(0x99);
     constexpr USBD_STATUS kInvalid = USBD_STATUS_INVALID_PARAMETER;
     struct Case {
@@ -35,7 +34,7 @@ TEST_F(RequestTest, MalformedUrbsAreRefusedAtOnceWithTheirOwnStatus) {
         {"unknown function", Copy(RegisterRead(), 0, 0x7F), USBD_STATUS_INVALID_URB_FUNCTION},
         {"pipe never issued", Copy(TransferUrb(stray, true, data, 4)),
          USBD_STATUS_INVALID_PIPE_HANDLE},
-        {"IN transfer on an OUT endpoint", Copy(TransferOn(FakeUsbDevice::kBulkOut)), kInvalid},
+        {"IN transfer on an OUT endpoint", Copy(TransferOn(kBulkOut)), kInvalid},
         {"length without buffer or MDL", Copy(TransferUrb(in, true, nullptr, 16)), kInvalid},
         {"no such setting", SelectUrb(nullptr, configurationHandle, 7, 2),
          USBD_STATUS_INTERFACE_NOT_FOUND},

@@ -7,8 +7,10 @@
 #include <usbdlib.h>
 #include <usbioctl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
+#include <future>
 #include <list>
 #include <map>
 #include <mutex>
@@ -27,14 +29,13 @@ using usbsim::RequestKind;
 using usbsim::SetupPacket;
 using usbsim::TransferResult;
 
+constexpr uint8_t kBulkIn = 0x81, kBulkOut = 0x02, kInterruptIn = 0x83, kSecondBulkIn = 0x84;
+
 // Configuration 1, interface 0: setting 0 has bulk 0x81, bulk 0x02 and interrupt 0x83
 // (4 bytes, interval 8), setting 1 bulk 0x81 and 0x84. Unscripted requests
 // move every byte asked for.
 class FakeUsbDevice final : public usbsim::UsbDevice {
   public:
-    static constexpr uint8_t kBulkIn = 0x81, kBulkOut = 0x02, kInterruptIn = 0x83,
-                             kSecondBulkIn = 0x84;
-
     static std::vector<uint8_t> ConfigurationDescriptor() {
         // clang-format off
         return {9, 2, 62, 0, 1, 1, 0, 0x80, 50,  // configuration 1, one interface
@@ -277,34 +278,61 @@ class UsbStackTest : public ::testing::Test {
     }
 
     void Configure(uint8_t alternate = 0) {
-        std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
         UrbBuffer urb = SelectUrb(&descriptor, nullptr, alternate, alternate == 0 ? 3 : 2);
         ASSERT_EQ(SubmitUrb(Pdo(), urb.get()), STATUS_SUCCESS);
         configurationHandle = urb->UrbSelectConfiguration.ConfigurationHandle;
     }
     USBD_PIPE_HANDLE PipeFor(uint8_t endpoint) const { return StatusOf(endpoint).handle; }
     usbsim::PipeStatus StatusOf(uint8_t endpoint) const {
-        for (const usbsim::PipeStatus& pipe : stack->OpenPipes()) {
-            if (pipe.endpointAddress == endpoint) {
-                return pipe;
-            }
+        const std::vector<usbsim::PipeStatus> pipes = stack->OpenPipes();
+        const auto pipe = std::ranges::find(pipes, endpoint, &usbsim::PipeStatus::endpointAddress);
+        EXPECT_NE(pipe, pipes.end()) << "no open pipe for endpoint " << int{endpoint};
+        return pipe != pipes.end() ? *pipe : usbsim::PipeStatus{};
+    }
+    // Sends each URB in a call of its own; each must pend.
+    void SendAll(std::span<URB> urbs, std::list<UrbCall>& calls) {
+        for (URB& urb : urbs) {
+            ASSERT_EQ(calls.emplace_back(Pdo(), &urb).Send(), STATUS_PENDING);
         }
-        ADD_FAILURE() << "no open pipe for endpoint " << int{endpoint};
-        return {};
+    }
+    // The next transfer on `endpoint` stays on the bus until Release().
+    void HoldOnBus(uint8_t endpoint) {
+        device.onTransfer = [this, endpoint, released = release_.get_future().share()](uint8_t e) {
+            if (e == endpoint) {
+                onBus_.set_value();
+                released.wait();
+            }
+        };
+    }
+    void WaitOnBus() { onBus_.get_future().wait(); }
+    void Release() { release_.set_value(); }
+    NTSTATUS Transfer(USBD_PIPE_HANDLE pipe, bool in, ULONG length) {
+        std::vector<uint8_t> buffer(length);
+        URB urb = TransferUrb(pipe, in, buffer.data(), length);
+        return SubmitUrb(Pdo(), &urb);
+    }
+    void ExpectStale(USBD_PIPE_HANDLE pipe) {
+        URB stale = TransferUrb(pipe, true, data, sizeof data);
+        EXPECT_EQ(SubmitUrb(Pdo(), &stale), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(stale.UrbHeader.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
     }
 
     URB RegisterRead() { return VendorUrb(true, 0x12, kRegister, data, sizeof data); }
     URB TransferOn(uint8_t endpoint, ULONG length = 512) {
         return TransferUrb(PipeFor(endpoint), true, buffers.emplace_back(length).data(), length);
     }
-    URB BulkIn(ULONG length = 512) { return TransferOn(FakeUsbDevice::kBulkIn, length); }
+    URB BulkIn(ULONG length = 512) { return TransferOn(kBulkIn, length); }
 
     FakeUsbDevice device;
+    std::vector<uint8_t> descriptor = FakeUsbDevice::ConfigurationDescriptor();
     std::unique_ptr<usbsim::UsbStack> stack;
     USBD_CONFIGURATION_HANDLE configurationHandle = nullptr;
     std::set<std::string> expectedViolations;
     uint8_t data[4] = {};
     std::list<std::vector<uint8_t>> buffers;
+
+  private:
+    std::promise<void> onBus_, release_;
 };
 
 }  // namespace usbtest
