@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "camera/camera.h"
@@ -21,6 +23,7 @@
 namespace ornixtest {
 
 using winsim::SrbResult;
+using Bytes = std::vector<uint8_t>;
 
 // Simulated seconds per real second. The 5-second limit of a USB request
 // must stay far above any scheduling delay of a loaded test machine (at
@@ -48,6 +51,16 @@ struct WireRequest {
     bool operator==(const WireRequest&) const = default;
 };
 std::ostream& operator<<(std::ostream& out, const WireRequest& request);
+
+// What the callback of a deferred vendor request or pipe reset saw; the two
+// callbacks below fill the record passed as their context.
+struct CallbackRecord {
+    std::atomic<int> calls{0};
+    std::atomic<NTSTATUS> status{STATUS_PENDING};
+    std::atomic<std::thread::id> thread{};
+};
+NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
+VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
 
 class DriverTest : public ::testing::Test {
   protected:

@@ -162,42 +162,25 @@ class BusHold {
     std::atomic<bool> released_{false};
 };
 
-// What the callback of a work item saw.
-struct WorkRecord {
-    std::atomic<int> calls{0};
-    std::atomic<NTSTATUS> status{STATUS_PENDING};
-    void Done(NTSTATUS s) {
-        status = s;
-        ++calls;
-    }
-};
-
-VOID ResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context) {
-    static_cast<WorkRecord*>(context)->Done(status);
-}
-
-NTSTATUS VendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status) {
-    static_cast<WorkRecord*>(context)->Done(status);
-    return STATUS_SUCCESS;
-}
-
 enum class WorkKind { CaptureReset, StillReset, VendorWriteAtDispatchLevel };
 
 class WorkAtTeardownTest : public DriverTest, public ::testing::WithParamInterface<WorkKind> {
   protected:
-    void Queue(WorkKind kind, WorkRecord& record) {
-        if (kind == WorkKind::VendorWriteAtDispatchLevel) {
-            NTSTATUS status = STATUS_SUCCESS;
-            winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
-                status = OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0,
-                                                    ORNIX_STREAM_CONTROL, &data_, &length_, FALSE,
-                                                    VendorDone, &record);
-            });
-            EXPECT_EQ(status, STATUS_PENDING);
-            return;
+    // Asks for one item of `kind`: the vendor write's status (a reset returns nothing).
+    NTSTATUS Queue(WorkKind kind, CallbackRecord& record) {
+        if (kind != WorkKind::VendorWriteAtDispatchLevel) {
+            const ULONG pipe =
+                kind == WorkKind::CaptureReset ? Ext()->CapturePipe : Ext()->StillPipe;
+            OrnixResetPipeNoWait(Ext(), pipe, RecordResetDone, &record);
+            return STATUS_PENDING;
         }
-        const ULONG pipe = kind == WorkKind::CaptureReset ? Ext()->CapturePipe : Ext()->StillPipe;
-        OrnixResetPipeNoWait(Ext(), pipe, ResetDone, &record);
+        NTSTATUS status = STATUS_SUCCESS;
+        winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+            status =
+                OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0, ORNIX_STREAM_CONTROL,
+                                           &data_, &length_, FALSE, RecordVendorDone, &record);
+        });
+        return status;
     }
 
     ULONG data_ = 0;
@@ -210,11 +193,11 @@ class WorkAtTeardownTest : public DriverTest, public ::testing::WithParamInterfa
 TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
     FakeStreams streams(Class());
     streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
-    WorkRecord record;
+    CallbackRecord record;
     int callsAtCompletion = 0;
     {
         WorkerBlockers blockers;
-        Queue(GetParam(), record);
+        EXPECT_EQ(Queue(GetParam(), record), STATUS_PENDING);
         OnDebugLine teardownBegun("ORNIX: S# 0 is stopped.", [&] { blockers.Release(); });
         EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
         callsAtCompletion = record.calls;
@@ -225,25 +208,16 @@ TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
     EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
 }
 
-// Once teardown has closed the gate an item is refused at once.
+// Once teardown has closed the gate an item is refused at once; a refused vendor
+// write calls nothing back, as when no work record can be had.
 TEST_P(WorkAtTeardownTest, OneAskedForAfterTeardownIsRefused) {
     EXPECT_EQ(OrnixUninitializeDevice(Ext()), STATUS_SUCCESS);
     Camera().ClearRequests();
-    WorkRecord record;
-    if (GetParam() == WorkKind::VendorWriteAtDispatchLevel) {
-        NTSTATUS status = STATUS_SUCCESS;
-        winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
-            status =
-                OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0, ORNIX_STREAM_CONTROL,
-                                           &data_, &length_, FALSE, VendorDone, &record);
-        });
-        EXPECT_EQ(status, STATUS_DEVICE_NOT_READY);
-        EXPECT_EQ(record.calls, 0);  // as when no work record can be had
-    } else {
-        Queue(GetParam(), record);
-        EXPECT_EQ(record.calls, 1);
-        EXPECT_EQ(record.status, STATUS_DEVICE_NOT_READY);
-    }
+    CallbackRecord record;
+    const bool vendor = GetParam() == WorkKind::VendorWriteAtDispatchLevel;
+    const NTSTATUS status = Queue(GetParam(), record);
+    EXPECT_EQ(record.calls, vendor ? 0 : 1);
+    EXPECT_EQ(vendor ? status : record.status.load(), STATUS_DEVICE_NOT_READY);
     winsim::DrainWorkQueue();
     EXPECT_TRUE(ControlRequests().empty());
 }
@@ -259,8 +233,8 @@ TEST_F(TeardownTest, WaitsForAResetOnTheBusBeforeItUnconfigures) {
     streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
     std::atomic<bool> teardownBegun{false};
     BusHold hold(Camera(), ORNIX_STREAM_CONTROL, [&] { return teardownBegun.load(); });
-    WorkRecord record;
-    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, ResetDone, &record);
+    CallbackRecord record;
+    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, RecordResetDone, &record);
     hold.WaitUntilHeld();
     int callsAtCompletion = 0;
     {
@@ -289,8 +263,8 @@ TEST_F(TeardownTest, SurpriseRemovalWaitsForAResetOnTheBus) {
         }
         return OrnixFlagIsSet(&ext->Removed) != FALSE;
     });
-    WorkRecord record;
-    OrnixResetPipeNoWait(ext, ext->CapturePipe, ResetDone, &record);
+    CallbackRecord record;
+    OrnixResetPipeNoWait(ext, ext->CapturePipe, RecordResetDone, &record);
     hold.WaitUntilHeld();
     EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
     const uint64_t submittedAtCompletion = Stack().Counts().submitted;
