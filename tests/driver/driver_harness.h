@@ -103,9 +103,6 @@ class DriverTest : public ::testing::Test {
     // inversion the verifier reports. Both mutexes start a fresh history
     // afterwards.
     bool TakenUnderRequestMutex(PKMUTEX mutex);
-    bool InterruptMutexTakenUnderRequestMutex() {
-        return TakenUnderRequestMutex(&Ext()->InterruptMutex);
-    }
 
     // Findings of the verifier so far that match `check`; the others stay
     // for TearDown to report.
@@ -118,6 +115,12 @@ class DriverTest : public ::testing::Test {
     std::unique_ptr<winsim::StreamClass> class_;
     std::vector<usbsim::RequestCounts> countsAtStart_;
     bool added_ = false;
+};
+
+// For tests that prepare the registry, the PDOs or the camera before the adapter starts.
+class UnstartedDriverTest : public DriverTest {
+  protected:
+    bool StartsAdapterInSetUp() const override { return false; }
 };
 
 // Stream contexts as the stream class would allocate them, placed in the

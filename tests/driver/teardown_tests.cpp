@@ -3,9 +3,7 @@
 // driver's work items (deferred pipe resets and vendor requests) still queued or on
 // the bus. The bring-up fault sweep covers failed bring-ups.
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,36 +61,16 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
     EXPECT_EQ(counts, std::vector<ULONG>(counts.size(), 0));
 }
 
-// Halting streams is tested with surprise removal; teardown must do it too, and
-// leave the camera unconfigured.
-TEST_F(TeardownTest, StopsOpenStreamsAndUnconfiguresTheCamera) {
-    FakeStreams streams(Class());
-    PORNIX_STREAM_CONTEXT capture = streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
-    Class().Stop();
-    EXPECT_EQ(capture->State, KSSTATE_STOP);
-    EXPECT_EQ(Camera().Configuration(), 0);
-    EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
-}
-
 // ---------------------------------------------------------------- work items
 
 // A one-shot gate between test threads.
-class Gate {
-  public:
+struct Gate {
+    std::atomic<bool> open{false};
     void Open() {
-        std::lock_guard lock(mutex_);
-        open_ = true;
-        opened_.notify_all();
+        open = true;
+        open.notify_all();
     }
-    void Wait() {
-        std::unique_lock lock(mutex_);
-        opened_.wait(lock, [&] { return open_; });
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable opened_;
-    bool open_ = false;
+    void Wait() { open.wait(false); }
 };
 
 // Keeps every system worker thread busy until released, so that work items queued
@@ -141,9 +119,8 @@ class OnDebugLine {
 // true: the request stays on the bus meanwhile.
 class BusHold {
   public:
-    BusHold(ornixcam::Camera& camera, uint16_t index, std::function<bool()> release)
-        : camera_(camera), index_(index) {
-        camera_.SetWriteHook(index, [this, release](const ornixcam::RegisterWrite&) {
+    BusHold(ornixcam::Camera& camera, uint16_t index, std::function<bool()> release) {
+        camera.SetWriteHook(index, [this, release](const ornixcam::RegisterWrite&) {
             held_.Open();
             while (!released_.load() && !release()) {
                 std::this_thread::yield();
@@ -156,8 +133,6 @@ class BusHold {
     void Release() { released_ = true; }
 
   private:
-    ornixcam::Camera& camera_;
-    uint16_t index_;
     Gate held_;
     std::atomic<bool> released_{false};
 };
@@ -187,12 +162,13 @@ class WorkAtTeardownTest : public DriverTest, public ::testing::WithParamInterfa
     ULONG length_ = sizeof(ULONG);
 };
 
-// Teardown has begun when it reports the paused stream stopped; the item starts
-// only then. It must send nothing, and teardown must wait for it before it frees
-// anything and unconfigures the camera.
+// Teardown stops open streams (as surprise removal does) and has begun when it
+// reports the paused stream stopped; the item starts only then. It must send
+// nothing, and teardown must wait for it before it frees anything and leaves
+// the camera unconfigured.
 TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
     FakeStreams streams(Class());
-    streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
+    PORNIX_STREAM_CONTEXT capture = streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
     CallbackRecord record;
     int callsAtCompletion = 0;
     {
@@ -205,6 +181,8 @@ TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
     EXPECT_EQ(callsAtCompletion, 1) << "SRB_UNINITIALIZE_DEVICE completed before the work item";
     EXPECT_EQ(record.calls, 1);
     EXPECT_EQ(record.status, STATUS_DEVICE_NOT_READY);
+    EXPECT_EQ(capture->State, KSSTATE_STOP);
+    EXPECT_EQ(Camera().Configuration(), 0);
     EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
 }
 
