@@ -186,16 +186,10 @@ TEST_F(ConfigurationTest, UnusualCameraIsBroughtUpAndBrokenDescriptorsFailLeavin
 // transfers, and keeps the answer: the video pipes hold their size, capped by bus
 // speed, their flag and their handles after bring-up.
 TEST_F(ConfigurationTest, VideoPipesKeepTheirAssignedTransferSizesAfterBringUp) {
-    const auto withBanks = [](std::vector<ornixcam::FormatBankProfile> banks) {
-        ornixcam::Profile profile = ornixcam::DefaultProfile();
-        profile.formatBanks = std::move(banks);
-        return profile;
-    };
-    ornixcam::FormatBankProfile small = ornixcam::DefaultProfile().formatBanks.at(0);
-    small.maxSize = small.size = {320, 240};
-    small.colorInquiry = 8;  // 8 bits only
-    ornixcam::FormatBankProfile wrapping = ornixcam::DefaultProfile().formatBanks.at(1);
-    wrapping.maxSize = {32768, 32768};  // 2 GiB at 16 bits: 0 in 32 bits
+    ornixcam::Profile small = ornixcam::DefaultProfile();  // one bank, of 8 bits only
+    small.formatBanks.resize(1);
+    small.formatBanks[0].maxSize = small.formatBanks[0].size = {320, 240};
+    small.formatBanks[0].colorInquiry = 8;
     ornixcam::Profile fullSpeed = ornixcam::DefaultProfile();
     fullSpeed.device.speed = usbsim::BusSpeed::Full;
     for (ornixcam::AlternateSettingProfile& setting : fullSpeed.configuration.alternateSettings) {
@@ -213,8 +207,7 @@ TEST_F(ConfigurationTest, VideoPipesKeepTheirAssignedTransferSizesAfterBringUp) 
     } cases[] = {
         {"largest frame above the 2 MiB cap", ornixcam::DefaultProfile(), 0x200000},
         {"full speed: 256 KiB cap", fullSpeed, 0x40000},
-        {"largest frame below the cap", withBanks({small}), 320 * 240},
-        {"largest frame wraps in 32 bits", withBanks({small, wrapping}), 320 * 240},
+        {"largest frame below the cap", small, 320 * 240},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
