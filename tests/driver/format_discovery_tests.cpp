@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "camera_capabilities.h"
+#include "driver_harness.h"
 
 namespace ornixtest {
 namespace {

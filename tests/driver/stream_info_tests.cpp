@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "camera/profile.h"
-#include "camera_capabilities.h"
+#include "driver_harness.h"
 
 namespace ornixtest {
 namespace {
