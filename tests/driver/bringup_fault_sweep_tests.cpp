@@ -67,10 +67,7 @@ std::vector<SweepCase> ExpectedOutcomes() {
 // The default camera's banks offer 8, 128 and 129; 8 and 12; 0 and 5.
 constexpr ULONG kFormats = 7;
 
-class BringUpFaultSweepTest : public DriverTest {
-  protected:
-    bool StartsAdapterInSetUp() const override { return false; }
-};
+using BringUpFaultSweepTest = UnstartedDriverTest;
 
 // What a full adapter holds: the table's cases that succeed check it.
 TEST_F(BringUpFaultSweepTest, TableCoversEveryRequestOfASuccessfulBringUp) {
@@ -111,7 +108,7 @@ TEST_P(BringUpFaultTest, EndsAsTheFailedRequestDecides) {
         // unconfigured, and told so once.
         EXPECT_EQ(ext->Uninitializing, 1);
         EXPECT_EQ(Stack().Counts(RequestKind::AbortPipe).submitted, 0u);
-        EXPECT_FALSE(InterruptMutexTakenUnderRequestMutex());
+        EXPECT_FALSE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
         EXPECT_LE(CountLogged("ORNIX: Unconfiguring device"), 1u);
         EXPECT_EQ(Camera().Configuration(), 0);
         if (c.kind == RequestKind::SelectConfiguration) {

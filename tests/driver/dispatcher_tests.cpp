@@ -50,15 +50,15 @@ TEST_F(DispatcherTest, UnknownRequestsCompleteNotImplementedWithTheirMessage) {
 // Paging out only if it was set up; the teardown after removal sends nothing.
 TEST_F(DispatcherTest, PagingOutAndSurpriseRemovalStopTheInterruptPipe) {
     EXPECT_EQ(Class().SendAdapterSrb(SRB_PAGING_OUT_DRIVER).status, STATUS_SUCCESS);
-    EXPECT_FALSE(InterruptMutexTakenUnderRequestMutex());
+    EXPECT_FALSE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
     URB interruptUrb{};
     Ext()->InterruptUrb = &interruptUrb;
     EXPECT_EQ(Class().SendAdapterSrb(SRB_PAGING_OUT_DRIVER).status, STATUS_SUCCESS);
-    EXPECT_TRUE(InterruptMutexTakenUnderRequestMutex());
+    EXPECT_TRUE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
     Ext()->InterruptUrb = nullptr;
     EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
     EXPECT_EQ(Ext()->Removed, 1);
-    EXPECT_TRUE(InterruptMutexTakenUnderRequestMutex());
+    EXPECT_TRUE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
     EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
     EXPECT_TRUE(ControlRequests().empty());
     EXPECT_FALSE(Logged("ORNIX: Unconfiguring device"));

@@ -18,6 +18,18 @@ std::ostream& operator<<(std::ostream& out, const WireRequest& request) {
     return out << std::dec << '}';
 }
 
+NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT ext, PVOID context, NTSTATUS status) {
+    RecordResetDone(ext, status, context);
+    return STATUS_SUCCESS;
+}
+
+VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context) {
+    auto* record = static_cast<CallbackRecord*>(context);
+    record->status = status;
+    record->thread = std::this_thread::get_id();
+    ++record->calls;  // last: a test waiting on it sees the rest
+}
+
 void DriverTest::SetUp() {
     winsim::ResetKernel();
     winsim::SetVerifierMode(winsim::VerifierMode::Record);

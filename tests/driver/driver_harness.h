@@ -6,10 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "camera/camera.h"
@@ -21,6 +24,7 @@
 namespace ornixtest {
 
 using winsim::SrbResult;
+using Bytes = std::vector<uint8_t>;
 
 // Simulated seconds per real second. The 5-second limit of a USB request
 // must stay far above any scheduling delay of a loaded test machine (at
@@ -48,6 +52,16 @@ struct WireRequest {
     bool operator==(const WireRequest&) const = default;
 };
 std::ostream& operator<<(std::ostream& out, const WireRequest& request);
+
+// What the callback of a deferred vendor request or pipe reset saw; the two
+// callbacks below fill the record passed as their context.
+struct CallbackRecord {
+    std::atomic<int> calls{0};
+    std::atomic<NTSTATUS> status{STATUS_PENDING};
+    std::atomic<std::thread::id> thread{};
+};
+NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
+VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
 
 class DriverTest : public ::testing::Test {
   protected:
@@ -90,9 +104,6 @@ class DriverTest : public ::testing::Test {
     // inversion the verifier reports. Both mutexes start a fresh history
     // afterwards.
     bool TakenUnderRequestMutex(PKMUTEX mutex);
-    bool InterruptMutexTakenUnderRequestMutex() {
-        return TakenUnderRequestMutex(&Ext()->InterruptMutex);
-    }
 
     // Findings of the verifier so far that match `check`; the others stay
     // for TearDown to report.
@@ -105,6 +116,12 @@ class DriverTest : public ::testing::Test {
     std::unique_ptr<winsim::StreamClass> class_;
     std::vector<usbsim::RequestCounts> countsAtStart_;
     bool added_ = false;
+};
+
+// For tests that prepare the registry, the PDOs or the camera before the adapter starts.
+class UnstartedDriverTest : public DriverTest {
+  protected:
+    bool StartsAdapterInSetUp() const override { return false; }
 };
 
 // Stream contexts as the stream class would allocate them, placed in the
@@ -120,6 +137,43 @@ class FakeStreams {
     winsim::StreamClass& class_;
     PORNIX_DEVICE_CONTEXT ext_;
     ORNIX_STREAM_CONTEXT streams_[ORNIX_MAX_STREAMS] = {};
+};
+
+// The registry form of a GUID, to compare with the published value.
+inline std::string GuidText(const GUID* guid) {
+    if (guid == nullptr) {
+        return "none";
+    }
+    char text[40];
+    std::snprintf(text, sizeof(text), "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+                  guid->Data1, guid->Data2, guid->Data3, guid->Data4[0], guid->Data4[1],
+                  guid->Data4[2], guid->Data4[3], guid->Data4[4], guid->Data4[5], guid->Data4[6],
+                  guid->Data4[7]);
+    return text;
+}
+
+// Tables built from the camera's capabilities: on a running adapter, each test sets
+// the facts bring-up found (streams, interrupt pipe) and rebuilds.
+class CapabilityTest : public DriverTest {
+  protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        savedStreamCount_ = Ext()->StreamCount;
+        savedInterruptPipe_ = Ext()->InterruptPipe;
+    }
+    // Bring-up's own facts go back for teardown.
+    void TearDown() override {
+        Ext()->StreamCount = savedStreamCount_;
+        Ext()->InterruptPipe = savedInterruptPipe_;
+        DriverTest::TearDown();
+    }
+
+    void SetStreams(ULONG count) { Ext()->StreamCount = count; }
+    void SetInterruptPipe(bool present) { Ext()->InterruptPipe = present ? 2 : ORNIX_NO_PIPE; }
+
+  private:
+    ULONG savedStreamCount_ = 0;
+    ULONG savedInterruptPipe_ = ORNIX_NO_PIPE;
 };
 
 }  // namespace ornixtest

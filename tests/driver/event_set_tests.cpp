@@ -5,7 +5,7 @@
 
 #include <ksmedia.h>
 
-#include "camera_capabilities.h"
+#include "driver_harness.h"
 #include "streamclass/device_events.h"
 
 namespace ornixtest {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "camera_capabilities.h"
+#include "driver_harness.h"
 
 namespace ornixtest {
 namespace {
@@ -43,16 +43,26 @@ struct Bank {
     uint32_t curFreq = 24000;
 };
 
+// (register index, value) of each register of `bank` holding `b`.
+std::vector<std::pair<uint16_t, uint32_t>> BankRegisters(ULONG bank, const Bank& b) {
+    std::vector<std::pair<uint16_t, uint32_t>> registers;
+    for (auto [reg, value] : {std::pair<ULONG, uint32_t>{ORNIX_FMT_MAX_SIZE, b.maxSize},
+                              {ORNIX_FMT_UNIT_SIZE, b.unitSize},
+                              {ORNIX_FMT_SIZE, b.size},
+                              {ORNIX_FMT_COLOR_ID, b.colourId},
+                              {ORNIX_FMT_COLOR_INQ, b.colourInquiry},
+                              {ORNIX_FMT_FREQ_PARA, b.freqPara},
+                              {ORNIX_FMT_CUR_FREQ, b.curFreq}}) {
+        registers.emplace_back(uint16_t(ORNIX_BANK_REGISTER(reg, bank)), value);
+    }
+    return registers;
+}
+
 class FormatDiscoveryTest : public DriverTest {
   protected:
     void SetBank(ULONG bank, const Bank& b) {
-        const ULONG regs[] = {ORNIX_FMT_MAX_SIZE, ORNIX_FMT_UNIT_SIZE, ORNIX_FMT_SIZE,
-                              ORNIX_FMT_COLOR_ID, ORNIX_FMT_COLOR_INQ, ORNIX_FMT_FREQ_PARA,
-                              ORNIX_FMT_CUR_FREQ};
-        const uint32_t values[] = {b.maxSize,       b.unitSize, b.size,   b.colourId,
-                                   b.colourInquiry, b.freqPara, b.curFreq};
-        for (size_t i = 0; i < std::size(regs); ++i) {
-            Camera().PokeRegister(USHORT(ORNIX_BANK_REGISTER(regs[i], bank)), values[i]);
+        for (auto [index, value] : BankRegisters(bank, b)) {
+            Camera().PokeRegister(index, value);
         }
     }
     void SetBankCount(uint32_t count) { Camera().PokeRegister(ORNIX_FORMAT_COUNT, count); }
@@ -95,6 +105,10 @@ class FormatDiscoveryTest : public DriverTest {
             indices.push_back(request.wIndex);
         }
         return indices;
+    }
+    size_t TimesRead(uint16_t index) const {
+        const std::vector<uint16_t> reads = RegistersRead();
+        return std::count(reads.begin(), reads.end(), index);
     }
 };
 
@@ -235,8 +249,7 @@ TEST_F(FormatDiscoveryTest, EqualLimitsNeedNoCurrentFrequency) {
     ASSERT_EQ(Count(), 1u);
     EXPECT_EQ(Range(0).VideoInfoHeader.AvgTimePerFrame, 640000);  // (500 x 10,485,760) div 8192
     EXPECT_EQ(Range(0).VideoInfoHeader.dwBitRate, 20000u * 1024u);
-    std::vector<uint16_t> reads = RegistersRead();
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), ORNIX_FMT_CUR_FREQ), 0);
+    EXPECT_EQ(TimesRead(ORNIX_FMT_CUR_FREQ), 0u);
 }
 
 // ---------------------------------------------------------------- the table
@@ -270,9 +283,8 @@ TEST_F(FormatDiscoveryTest, CountIsCutWhereBankRegistersRepeat) {
     ASSERT_EQ(Build(), STATUS_SUCCESS);
     EXPECT_EQ(Formats().front(), (std::pair<ULONG, ULONG>{0, 8}));
     EXPECT_TRUE(Logged("ORNIX:  format count 4294967295 beyond the register window, using 512"));
-    std::vector<uint16_t> reads = RegistersRead();
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x1000), 1);  // bank 0's largest size
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x0F80), 1);  // bank 511's
+    EXPECT_EQ(TimesRead(0x1000), 1u);  // bank 0's largest size
+    EXPECT_EQ(TimesRead(0x0F80), 1u);  // bank 511's
     for (const WireRequest& request : VendorRequests()) {
         ASSERT_EQ(request.wLength, 4u);  // plain register reads only
     }
@@ -313,12 +325,9 @@ TEST_F(FormatDiscoveryTest, OddBanksArePublishedAsTheCameraStatesThem) {
     // What is published: W x H and its sample size (8 bits, colour id 8), the smallest
     // and largest size and the step, the intervals at Fmax, Fmin and Fcur, and the bit
     // rates at Fmin, Fmax and Fcur.
-    struct Published {
-        std::vector<LONGLONG> sizes;      // W, H, SampleSize
-        std::vector<LONGLONG> limits;     // Wu, Hu, Wmax, Hmax, step x, step y
-        std::vector<LONGLONG> intervals;  // T(Fmax), T(Fmin), T(Fcur)
-        std::vector<LONGLONG> rates;      // Fmin, Fmax, Fcur x 1024
-    };
+    // Rows: W, H, SampleSize; Wu, Hu, Wmax, Hmax, step x, step y; T(Fmax), T(Fmin),
+    // T(Fcur); Fmin, Fmax, Fcur x 1024.
+    using Published = std::vector<std::vector<LONGLONG>>;
     const auto published = [&]() {
         const KS_DATARANGE_VIDEO& r = Range(0);
         const KS_VIDEO_STREAM_CONFIG_CAPS& c = r.ConfigCaps;
@@ -372,11 +381,7 @@ TEST_F(FormatDiscoveryTest, OddBanksArePublishedAsTheCameraStatesThem) {
         SCOPED_TRACE(&c - kept);
         ASSERT_EQ(BuildOne(c.bank), STATUS_SUCCESS);
         ASSERT_EQ(ColourIds(), Ids{8});
-        const Published actual = published();
-        EXPECT_EQ(actual.sizes, c.expected.sizes);
-        EXPECT_EQ(actual.limits, c.expected.limits);
-        EXPECT_EQ(actual.intervals, c.expected.intervals);
-        EXPECT_EQ(actual.rates, c.expected.rates);
+        EXPECT_EQ(published(), c.expected);
     }
     // The intervals come from the colour id now set: 16 bits here, where 32,768 x
     // 12,288 x 16 wraps to 2^31 bits, and the 8-bit format's sample size is exact.
@@ -394,16 +399,8 @@ class ManyBanksTest : public FormatDiscoveryTest {
     ornixcam::Profile CameraProfile() const override {
         ornixcam::Profile profile = ornixcam::DefaultProfile();
         profile.registers[ORNIX_FORMAT_COUNT] = 34;
-        const Bank bank{.maxSize = Pack(2048, 1536), .size = Pack(2048, 1536)};
-        const std::pair<ULONG, uint32_t> values[] = {{ORNIX_FMT_MAX_SIZE, bank.maxSize},
-                                                     {ORNIX_FMT_UNIT_SIZE, bank.unitSize},
-                                                     {ORNIX_FMT_SIZE, bank.size},
-                                                     {ORNIX_FMT_COLOR_ID, bank.colourId},
-                                                     {ORNIX_FMT_COLOR_INQ, bank.colourInquiry},
-                                                     {ORNIX_FMT_FREQ_PARA, bank.freqPara},
-                                                     {ORNIX_FMT_CUR_FREQ, bank.curFreq}};
-        for (auto [reg, value] : values) {
-            const auto index = uint16_t(ORNIX_BANK_REGISTER(reg, 33));
+        for (auto [index, value] :
+             BankRegisters(33, {.maxSize = Pack(2048, 1536), .size = Pack(2048, 1536)})) {
             profile.registerAccess[index] = ornixcam::Access::Read;
             profile.registers[index] = value;
         }
@@ -419,9 +416,8 @@ TEST_F(ManyBanksTest, BanksBeyondThirtyTwoAreOffered) {
     EXPECT_EQ(Range(Count() - 1).ConfigCaps.MaxOutputSize.cx, 2048);
     ASSERT_EQ(Build(), STATUS_SUCCESS);
     EXPECT_EQ(CountLogged("ORNIX: Failed to read max size reg"), 1u);  // bank 32
-    std::vector<uint16_t> reads = RegistersRead();
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x2080), 1);
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), 0x2100), 0);  // no bank 34
+    EXPECT_EQ(TimesRead(0x2080), 1u);
+    EXPECT_EQ(TimesRead(0x2100), 0u);  // no bank 34
 }
 
 // Without a record its format is left out; without the pointer array nothing is kept.

@@ -135,10 +135,6 @@ struct FailureCase {
     std::string modeReads = "";  // as ScriptModeReads takes them; empty: the camera's FPGA
 };
 
-void PrintTo(const FailureCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
 class FpgaFailureTest : public FpgaTest, public ::testing::WithParamInterface<FailureCase> {};
 
 // Failed requests complete with STATUS_DEVICE_REMOVED, unlike the driver's own failures.

@@ -13,10 +13,7 @@ using Lines = std::vector<std::string>;
 
 constexpr std::u16string_view kValueName = u"TevrinKey";
 
-class InitializeTest : public DriverTest {
-  protected:
-    bool StartsAdapterInSetUp() const override { return false; }
-};
+using InitializeTest = UnstartedDriverTest;
 
 // The driver serialises adapter requests itself, so that handlers may block; a driver
 // taking the leftover mutex would release one that initialisation recreated.

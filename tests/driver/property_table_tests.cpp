@@ -7,7 +7,7 @@
 
 #include <ksmedia.h>
 
-#include "camera_capabilities.h"
+#include "driver_harness.h"
 
 namespace ornixtest {
 namespace {

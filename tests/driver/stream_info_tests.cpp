@@ -1,10 +1,12 @@
-// SRB_GET_STREAM_INFO: the stream descriptor, its pins and topology.
+// SRB_GET_STREAM_INFO: the stream descriptor, its pins and topology; a camera
+// without pins.
 #include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "camera_capabilities.h"
+#include "camera/profile.h"
+#include "driver_harness.h"
 
 namespace ornixtest {
 namespace {
@@ -87,6 +89,34 @@ TEST_F(StreamInfoTest, AdapterNotReadyOrBufferTooSmallWritesNothing) {
     EXPECT_EQ(Query(2, -8).status, STATUS_BUFFER_TOO_SMALL);
     EXPECT_TRUE(Untouched());
     EXPECT_EQ(TakeViolations("ASSERT").size(), 1u);  // the size check
+}
+
+// A camera without a bulk-in endpoint has nothing to stream: the adapter still
+// starts, as a filter without pins that keeps its controls and events. Events on
+// interrupt IN 0x83 in setting 0, the FPGA pipe in setting 1.
+class PinlessCameraTest : public DriverTest {
+  protected:
+    ornixcam::Profile CameraProfile() const override {
+        return ornixcam::ParseProfile(R"({
+  "name": "camera without a bulk-in endpoint",
+  "configuration": {
+    "alternateSettings": [
+      {"endpoints": [{"address": "0x83", "type": "interrupt", "maxPacketSize": 8, "interval": 4}]},
+      {"endpoints": [{"address": "0x02", "type": "bulk", "maxPacketSize": 512}]}
+    ]
+  }
+})");
+    }
+};
+
+TEST_F(PinlessCameraTest, StartsAsAFilterWithoutPins) {
+    EXPECT_EQ(Ext()->StreamCount, 0u);
+    EXPECT_EQ(Class().StreamDescriptorSize(), sizeof(HW_STREAM_HEADER));
+    ASSERT_NE(Class().StreamHeader(), nullptr);
+    EXPECT_EQ(Class().StreamHeader()->NumberOfStreams, 0u);
+    EXPECT_TRUE(Class().Filter().pins.empty());
+    EXPECT_FALSE(Class().Filter().propertySets.empty());
+    EXPECT_FALSE(Class().Filter().eventSets.empty());
 }
 
 }  // namespace

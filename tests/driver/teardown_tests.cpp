@@ -3,9 +3,7 @@
 // driver's work items (deferred pipe resets and vendor requests) still queued or on
 // the bus. The bring-up fault sweep covers failed bring-ups.
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,36 +61,16 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
     EXPECT_EQ(counts, std::vector<ULONG>(counts.size(), 0));
 }
 
-// Halting streams is tested with surprise removal; teardown must do it too, and
-// leave the camera unconfigured.
-TEST_F(TeardownTest, StopsOpenStreamsAndUnconfiguresTheCamera) {
-    FakeStreams streams(Class());
-    PORNIX_STREAM_CONTEXT capture = streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
-    Class().Stop();
-    EXPECT_EQ(capture->State, KSSTATE_STOP);
-    EXPECT_EQ(Camera().Configuration(), 0);
-    EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
-}
-
 // ---------------------------------------------------------------- work items
 
 // A one-shot gate between test threads.
-class Gate {
-  public:
+struct Gate {
+    std::atomic<bool> open{false};
     void Open() {
-        std::lock_guard lock(mutex_);
-        open_ = true;
-        opened_.notify_all();
+        open = true;
+        open.notify_all();
     }
-    void Wait() {
-        std::unique_lock lock(mutex_);
-        opened_.wait(lock, [&] { return open_; });
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable opened_;
-    bool open_ = false;
+    void Wait() { open.wait(false); }
 };
 
 // Keeps every system worker thread busy until released, so that work items queued
@@ -141,9 +119,8 @@ class OnDebugLine {
 // true: the request stays on the bus meanwhile.
 class BusHold {
   public:
-    BusHold(ornixcam::Camera& camera, uint16_t index, std::function<bool()> release)
-        : camera_(camera), index_(index) {
-        camera_.SetWriteHook(index, [this, release](const ornixcam::RegisterWrite&) {
+    BusHold(ornixcam::Camera& camera, uint16_t index, std::function<bool()> release) {
+        camera.SetWriteHook(index, [this, release](const ornixcam::RegisterWrite&) {
             held_.Open();
             while (!released_.load() && !release()) {
                 std::this_thread::yield();
@@ -156,65 +133,47 @@ class BusHold {
     void Release() { released_ = true; }
 
   private:
-    ornixcam::Camera& camera_;
-    uint16_t index_;
     Gate held_;
     std::atomic<bool> released_{false};
 };
-
-// What the callback of a work item saw.
-struct WorkRecord {
-    std::atomic<int> calls{0};
-    std::atomic<NTSTATUS> status{STATUS_PENDING};
-    void Done(NTSTATUS s) {
-        status = s;
-        ++calls;
-    }
-};
-
-VOID ResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context) {
-    static_cast<WorkRecord*>(context)->Done(status);
-}
-
-NTSTATUS VendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status) {
-    static_cast<WorkRecord*>(context)->Done(status);
-    return STATUS_SUCCESS;
-}
 
 enum class WorkKind { CaptureReset, StillReset, VendorWriteAtDispatchLevel };
 
 class WorkAtTeardownTest : public DriverTest, public ::testing::WithParamInterface<WorkKind> {
   protected:
-    void Queue(WorkKind kind, WorkRecord& record) {
-        if (kind == WorkKind::VendorWriteAtDispatchLevel) {
-            NTSTATUS status = STATUS_SUCCESS;
-            winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
-                status = OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0,
-                                                    ORNIX_STREAM_CONTROL, &data_, &length_, FALSE,
-                                                    VendorDone, &record);
-            });
-            EXPECT_EQ(status, STATUS_PENDING);
-            return;
+    // Asks for one item of `kind`: the vendor write's status (a reset returns nothing).
+    NTSTATUS Queue(WorkKind kind, CallbackRecord& record) {
+        if (kind != WorkKind::VendorWriteAtDispatchLevel) {
+            const ULONG pipe =
+                kind == WorkKind::CaptureReset ? Ext()->CapturePipe : Ext()->StillPipe;
+            OrnixResetPipeNoWait(Ext(), pipe, RecordResetDone, &record);
+            return STATUS_PENDING;
         }
-        const ULONG pipe = kind == WorkKind::CaptureReset ? Ext()->CapturePipe : Ext()->StillPipe;
-        OrnixResetPipeNoWait(Ext(), pipe, ResetDone, &record);
+        NTSTATUS status = STATUS_SUCCESS;
+        winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+            status =
+                OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0, ORNIX_STREAM_CONTROL,
+                                           &data_, &length_, FALSE, RecordVendorDone, &record);
+        });
+        return status;
     }
 
     ULONG data_ = 0;
     ULONG length_ = sizeof(ULONG);
 };
 
-// Teardown has begun when it reports the paused stream stopped; the item starts
-// only then. It must send nothing, and teardown must wait for it before it frees
-// anything and unconfigures the camera.
+// Teardown stops open streams (as surprise removal does) and has begun when it
+// reports the paused stream stopped; the item starts only then. It must send
+// nothing, and teardown must wait for it before it frees anything and leaves
+// the camera unconfigured.
 TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
     FakeStreams streams(Class());
-    streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
-    WorkRecord record;
+    PORNIX_STREAM_CONTEXT capture = streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
+    CallbackRecord record;
     int callsAtCompletion = 0;
     {
         WorkerBlockers blockers;
-        Queue(GetParam(), record);
+        EXPECT_EQ(Queue(GetParam(), record), STATUS_PENDING);
         OnDebugLine teardownBegun("ORNIX: S# 0 is stopped.", [&] { blockers.Release(); });
         EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
         callsAtCompletion = record.calls;
@@ -222,28 +181,21 @@ TEST_P(WorkAtTeardownTest, OneQueuedBeforeTeardownSendsNothingAndIsWaitedFor) {
     EXPECT_EQ(callsAtCompletion, 1) << "SRB_UNINITIALIZE_DEVICE completed before the work item";
     EXPECT_EQ(record.calls, 1);
     EXPECT_EQ(record.status, STATUS_DEVICE_NOT_READY);
+    EXPECT_EQ(capture->State, KSSTATE_STOP);
+    EXPECT_EQ(Camera().Configuration(), 0);
     EXPECT_EQ(ControlRequests(), std::vector<WireRequest>{kUnconfigure});
 }
 
-// Once teardown has closed the gate an item is refused at once.
+// Once teardown has closed the gate an item is refused at once; a refused vendor
+// write calls nothing back, as when no work record can be had.
 TEST_P(WorkAtTeardownTest, OneAskedForAfterTeardownIsRefused) {
     EXPECT_EQ(OrnixUninitializeDevice(Ext()), STATUS_SUCCESS);
     Camera().ClearRequests();
-    WorkRecord record;
-    if (GetParam() == WorkKind::VendorWriteAtDispatchLevel) {
-        NTSTATUS status = STATUS_SUCCESS;
-        winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
-            status =
-                OrnixControlVendorCommand2(Ext(), ORNIX_REQUEST_REGISTER, 0, ORNIX_STREAM_CONTROL,
-                                           &data_, &length_, FALSE, VendorDone, &record);
-        });
-        EXPECT_EQ(status, STATUS_DEVICE_NOT_READY);
-        EXPECT_EQ(record.calls, 0);  // as when no work record can be had
-    } else {
-        Queue(GetParam(), record);
-        EXPECT_EQ(record.calls, 1);
-        EXPECT_EQ(record.status, STATUS_DEVICE_NOT_READY);
-    }
+    CallbackRecord record;
+    const bool vendor = GetParam() == WorkKind::VendorWriteAtDispatchLevel;
+    const NTSTATUS status = Queue(GetParam(), record);
+    EXPECT_EQ(record.calls, vendor ? 0 : 1);
+    EXPECT_EQ(vendor ? status : record.status.load(), STATUS_DEVICE_NOT_READY);
     winsim::DrainWorkQueue();
     EXPECT_TRUE(ControlRequests().empty());
 }
@@ -259,8 +211,8 @@ TEST_F(TeardownTest, WaitsForAResetOnTheBusBeforeItUnconfigures) {
     streams.Open(ORNIX_CAPTURE_STREAM, KSSTATE_PAUSE);
     std::atomic<bool> teardownBegun{false};
     BusHold hold(Camera(), ORNIX_STREAM_CONTROL, [&] { return teardownBegun.load(); });
-    WorkRecord record;
-    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, ResetDone, &record);
+    CallbackRecord record;
+    OrnixResetPipeNoWait(Ext(), Ext()->CapturePipe, RecordResetDone, &record);
     hold.WaitUntilHeld();
     int callsAtCompletion = 0;
     {
@@ -289,8 +241,8 @@ TEST_F(TeardownTest, SurpriseRemovalWaitsForAResetOnTheBus) {
         }
         return OrnixFlagIsSet(&ext->Removed) != FALSE;
     });
-    WorkRecord record;
-    OrnixResetPipeNoWait(ext, ext->CapturePipe, ResetDone, &record);
+    CallbackRecord record;
+    OrnixResetPipeNoWait(ext, ext->CapturePipe, RecordResetDone, &record);
     hold.WaitUntilHeld();
     EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
     const uint64_t submittedAtCompletion = Stack().Counts().submitted;
