@@ -150,10 +150,17 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     ULONG VideoAltSetting;
     ULONG FpgaAltSetting;
 
-    // Interrupt pipe.
+    // Interrupt pipe. InterruptPending is written by the completion routine
+    // while InterruptStop reads it: set and read it as a one-way flag
+    // (OrnixSetFlag / OrnixFlagIsSet), clear it with InterlockedExchange.
     PURB InterruptUrb;
     PIRP InterruptIrp;
-    BOOLEAN InterruptPending;
+    LONG volatile InterruptPending;
+    // Receives the interrupt packet: as long as the pipe's largest transfer
+    // (never less than the event word), so a longer packet cannot overrun it.
+    PUCHAR InterruptBuffer;
+    ULONG InterruptBufferLength;
+    ULONG EventWord;  // the first four bytes of the last packet received
     KEVENT StopEvent;
     KMUTEX InterruptMutex;  // start, stop and release of the interrupt transfer
 
@@ -238,15 +245,16 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     ULONG StillWindowHeight;
     LONG StillStartX;
     LONG StillStartY;
-    // Binning and start asked for, applied at the next selection.
+    // Binning and start asked for, applied at the next selection. A start
+    // may be negative; the window validation then moves it to 0.
     ULONG RequestedBinX;
     ULONG RequestedBinY;
-    ULONG RequestedStartX;
-    ULONG RequestedStartY;
+    LONG RequestedStartX;
+    LONG RequestedStartY;
     ULONG RequestedStillBinX;
     ULONG RequestedStillBinY;
-    ULONG RequestedStillStartX;
-    ULONG RequestedStillStartY;
+    LONG RequestedStillStartX;
+    LONG RequestedStillStartY;
     // Frame-rate chart of the capture format: frequencies, ascending.
     PUSHORT KFreqChart;  // NULL when not built
     LONG KFreqChartCount;
@@ -264,8 +272,11 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     // then the device-event items.
     PKSEVENT_SET EventSets;    // NULL when no event set exists
     ULONG EventSetCount;       // 0 to 2
-    LONG StiEventCount;        // enables minus disables while the still-trigger set exists
-    LONG DeviceEventCount;     // the same while the device-event set exists
+    // Enables minus disables while the still-trigger set exists, and the same
+    // while the device-event set exists. Changed by interlocked operations:
+    // completion routines read them beside the stream class's enables.
+    LONG volatile StiEventCount;
+    LONG volatile DeviceEventCount;
     BOOLEAN NoEventRegisters;  // the camera reported no events: write no enable mask
 } ORNIX_DEVICE_CONTEXT, *PORNIX_DEVICE_CONTEXT;
 
@@ -482,7 +493,30 @@ extern const KSTOPOLOGY OrnixFilterTopology;
 #define ORNIX_STREAM_PROPERTY_SET_COUNT 2
 extern const KSPROPERTY_SET OrnixStreamPropertySets[ORNIX_STREAM_PROPERTY_SET_COUNT];
 NTSTATUS AdapterStreamInfo(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+
+// Capture and still format selection. IRQL: PASSIVE_LEVEL, under RequestMutex.
+// Still: FALSE for the capture stream, TRUE for the still stream.
+VOID OrnixValidateWindow(PORNIX_DEVICE_CONTEXT Ext, BOOLEAN Still, ULONG Width, ULONG Height,
+                         ULONG MaxWidth, ULONG MaxHeight);
+// RequestedInterval and ResultInterval may be NULL (none asked, none wanted).
+NTSTATUS OrnixSelectFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format, ULONG Width,
+                           ULONG Height, BOOLEAN SetFrequency, const LONGLONG* RequestedInterval,
+                           PLONGLONG ResultInterval);
+NTSTATUS OrnixSelectStillFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format,
+                                ULONG Width, ULONG Height);
+NTSTATUS OrnixReadCurrentFormat(PORNIX_DEVICE_CONTEXT Ext);
+// 100 ns units; the largest LONGLONG for a frequency of 0.
+LONGLONG OrnixFrameInterval(ULONG Width, ULONG Height, ULONG BitsPerPixel, ULONG Frequency);
+
+// The frame-rate chart of the capture format (KFreqChart).
+NTSTATUS OrnixBuildupFreqChart(PORNIX_DEVICE_CONTEXT Ext);
+VOID OrnixDiscardFreqChart(PORNIX_DEVICE_CONTEXT Ext);
+
+// Format negotiation. IRQL: PASSIVE_LEVEL, under RequestMutex.
 NTSTATUS AdapterFormatFromRange(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+BOOLEAN AdapterVerifyFormat(PORNIX_DEVICE_CONTEXT Ext, PKSDATAFORMAT Format, ULONG StreamNumber);
+// The FourCC that frames of a colour value carry; 0xFFFFFFFF for an unknown id.
+ULONG OrnixColourFourCC(ULONG ColourValue);
 
 // ---------------------------------------------------------------- streams
 
@@ -540,8 +574,13 @@ NTSTATUS ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_
 
 // ---------------------------------------------------------------- device events
 
-NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext);
+// The interrupt transfer. Start, stop and free run at PASSIVE_LEVEL under
+// InterruptMutex; the completion routine at up to DISPATCH_LEVEL.
+NTSTATUS InterruptAllocateResources(PORNIX_DEVICE_CONTEXT Ext);
 NTSTATUS InterruptFreeResources(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS InterruptStart(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS NTAPI InterruptTransferComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor);
 NTSTATUS OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
 VOID OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext);
