@@ -257,10 +257,7 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     LONG RequestedStillStartY;
     // Frame-rate chart of the capture format: frequencies, ascending.
     PUSHORT KFreqChart;  // NULL when not built
-    LONG KFreqChartCount;
-    USHORT KFreqChartMin;
-    USHORT KFreqChartMax;
-    USHORT KFreqChartCur;
+    LONG KFreqChartCount;  // 0 when not built
 
     // Property tables. PropertySets is one deferred-free block: the set
     // entries, then items, values, members lists, steppings and defaults.

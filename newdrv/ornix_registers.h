@@ -23,6 +23,10 @@
 #define ORNIX_SENSOR_LAYOUT 0x0280
 #define ORNIX_SENSOR_ORIGIN 0x0284
 
+// ORNIX_SENSOR_LAYOUT bit 1: the camera places the window itself and must be
+// asked to validate it.
+#define ORNIX_SENSOR_PLACES_WINDOW 0x00000002
+
 // FPGA mode bits when read.
 #define ORNIX_FPGA_MODE_ENTER 0xFFFFFFFF
 #define ORNIX_FPGA_MODE_LEAVE 0x00000000

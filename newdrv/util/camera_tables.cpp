@@ -5,14 +5,7 @@
 // IRQL: PASSIVE_LEVEL.
 VOID OrnixReleaseCameraTables(PORNIX_DEVICE_CONTEXT Ext) {
     // The frame-rate chart is the one table owned outright.
-    if (Ext->KFreqChart) {
-        OrnixFreePool(Ext->KFreqChart);
-        Ext->KFreqChart = NULL;
-        Ext->KFreqChartCount = 0;
-        Ext->KFreqChartMin = 0;
-        Ext->KFreqChartMax = 0;
-        Ext->KFreqChartCur = 0;
-    }
+    OrnixDiscardFreqChart(Ext);
 
     // The start-up tables live on the deferred-free list: only the
     // references go here, the memory goes with the list below. Every

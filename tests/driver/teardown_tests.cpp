@@ -33,9 +33,6 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
     ext->StillFormat = CONTAINING_RECORD(ext->CaptureFormats[1], ORNIX_FORMAT_RECORD, DataRange);
     ext->KFreqChart = static_cast<PUSHORT>(DriverBlock(3 * sizeof(USHORT)));
     ext->KFreqChartCount = 3;
-    ext->KFreqChartMin = 10;
-    ext->KFreqChartMax = 30;
-    ext->KFreqChartCur = 20;
     ext->Lut8Buffer = static_cast<PUCHAR>(DriverBlock(256));
     ext->Lut8Length = 256;
     ASSERT_EQ(OrnixDeferFree(ext, DriverBlock(32)), STATUS_SUCCESS);
@@ -55,9 +52,9 @@ TEST_F(TeardownTest, RunningTwiceFreesEachBlockOnceAndClearsEveryReference) {
          ext->VpdImage, ext->DefectSection, ext->Section4});
     EXPECT_EQ(pointers, std::vector<const void*>(pointers.size(), nullptr));
     const std::vector<ULONG> counts(
-        {ext->Lut8Length, ULONG(ext->KFreqChartCount), ext->KFreqChartMin, ext->KFreqChartMax,
-         ext->KFreqChartCur, ext->CaptureFormatCount, ext->PropertySetCount, ext->EventSetCount,
-         ext->VpdLength, ext->DefectSectionLength, ext->Section4Length});
+        {ext->Lut8Length, ULONG(ext->KFreqChartCount), ext->CaptureFormatCount,
+         ext->PropertySetCount, ext->EventSetCount, ext->VpdLength, ext->DefectSectionLength,
+         ext->Section4Length});
     EXPECT_EQ(counts, std::vector<ULONG>(counts.size(), 0));
 }
 
