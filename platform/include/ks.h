@@ -55,6 +55,21 @@ typedef union {
     LONGLONG Alignment;
 } KSDATAFORMAT, *PKSDATAFORMAT, KSDATARANGE, *PKSDATARANGE;
 
+// A counted list of variable-sized items, such as the data ranges an
+// application hands to KSPROPERTY_PIN_DATAINTERSECTION; Size counts this
+// header and every item, each item starting on an 8-byte boundary.
+typedef struct {
+    ULONG Size;
+    ULONG Count;
+} KSMULTIPLE_ITEM, *PKSMULTIPLE_ITEM;
+
+// A property addressed to one pin of a filter.
+typedef struct {
+    KSPROPERTY Property;
+    ULONG PinId;
+    ULONG Reserved;
+} KSP_PIN, *PKSP_PIN;
+
 typedef struct {
     ULONG FromNode;
     ULONG FromNodePin;

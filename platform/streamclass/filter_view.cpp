@@ -14,6 +14,9 @@ namespace {
 // The class walks the minidriver's arrays blindly; counts beyond this are
 // taken for garbage rather than followed into random memory.
 constexpr ULONG kMaxSaneCount = 0x10000;
+// Applications copy each range (KSPROPERTY_PIN_DATARANGES); a size beyond
+// this is garbage, not a range.
+constexpr ULONG kMaxSaneFormatSize = 0x10000;
 
 // MEDIATYPE_Video and FORMAT_VideoInfo: the pair that marks a video-info range.
 constexpr GUID kTypeVideo = {
@@ -98,9 +101,13 @@ void CheckStream(Checker& check, ULONG number, const HW_STREAM_INFORMATION& info
             const KSDATAFORMAT* format = info.StreamFormatsArray[f];
             if (format == nullptr) {
                 check.Fail(where + " format " + std::to_string(f) + " is a null pointer");
-            } else if (format->FormatSize < sizeof(KSDATAFORMAT)) {
+            } else if (format->FormatSize < sizeof(KSDATAFORMAT) ||
+                       format->FormatSize > kMaxSaneFormatSize) {
                 check.Fail(where + " format " + std::to_string(f) + " has FormatSize " +
-                           std::to_string(format->FormatSize) + ", less than a KSDATAFORMAT");
+                           std::to_string(format->FormatSize) +
+                           (format->FormatSize < sizeof(KSDATAFORMAT)
+                                ? ", less than a KSDATAFORMAT"
+                                : ", which is not plausible"));
             }
         }
     }
@@ -153,14 +160,9 @@ bool IsGreyRamp(const KS_RGBQUAD* colours) {
 
 VideoRangeView DecodeVideo(const KS_DATARANGE_VIDEO& range) {
     const KS_VIDEO_STREAM_CONFIG_CAPS& caps = range.ConfigCaps;
-    const KS_VIDEOINFOHEADER& info = range.VideoInfoHeader;
     VideoRangeView v;
+    static_cast<VideoInfoView&>(v) = DecodeVideoInfo(range.VideoInfoHeader);
     v.subFormat = range.DataRange.SubFormat;
-    v.fourCC = info.bmiHeader.biCompression;
-    v.bitsPerPixel = info.bmiHeader.biBitCount;
-    v.width = info.bmiHeader.biWidth;
-    v.topDown = info.bmiHeader.biHeight < 0;
-    v.height = v.topDown ? -int64_t{info.bmiHeader.biHeight} : info.bmiHeader.biHeight;
     v.minWidth = caps.MinOutputSize.cx;
     v.minHeight = caps.MinOutputSize.cy;
     v.maxWidth = caps.MaxOutputSize.cx;
@@ -169,12 +171,9 @@ VideoRangeView DecodeVideo(const KS_DATARANGE_VIDEO& range) {
     v.stepY = caps.OutputGranularityY;
     v.minFrameInterval = caps.MinFrameInterval;
     v.maxFrameInterval = caps.MaxFrameInterval;
-    v.avgTimePerFrame = info.AvgTimePerFrame;
     v.minBitsPerSecond = caps.MinBitsPerSecond;
     v.maxBitsPerSecond = caps.MaxBitsPerSecond;
-    v.bitRate = info.dwBitRate;
     v.sampleSize = range.DataRange.SampleSize;
-    v.imageSize = info.bmiHeader.biSizeImage;
     v.fixedSizeSamples = range.bFixedSizeSamples != 0;
     if (range.DataRange.FormatSize >= sizeof(KS_DATARANGE_VIDEO_PALETTE)) {
         const auto& palette = reinterpret_cast<const KS_DATARANGE_VIDEO_PALETTE&>(range);
@@ -191,6 +190,8 @@ DataRangeView DecodeDataRange(const KSDATAFORMAT& format) {
     view.subFormat = format.SubFormat;
     view.specifier = format.Specifier;
     view.sampleSize = format.SampleSize;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&format);
+    view.bytes.assign(bytes, bytes + format.FormatSize);
     if (SameGuid(format.MajorFormat, kTypeVideo) &&
         SameGuid(format.Specifier, kSpecifierVideoInfo) &&
         format.FormatSize >= sizeof(KS_DATARANGE_VIDEO)) {
@@ -237,6 +238,19 @@ const EventSetView* FilterView::FindEventSet(const GUID& set) const {
         }
     }
     return nullptr;
+}
+
+VideoInfoView DecodeVideoInfo(const KS_VIDEOINFOHEADER& info) {
+    VideoInfoView v;
+    v.fourCC = info.bmiHeader.biCompression;
+    v.bitsPerPixel = info.bmiHeader.biBitCount;
+    v.width = info.bmiHeader.biWidth;
+    v.topDown = info.bmiHeader.biHeight < 0;
+    v.height = v.topDown ? -int64_t{info.bmiHeader.biHeight} : info.bmiHeader.biHeight;
+    v.avgTimePerFrame = info.AvgTimePerFrame;
+    v.bitRate = info.dwBitRate;
+    v.imageSize = info.bmiHeader.biSizeImage;
+    return v;
 }
 
 bool ValidateStreamDescriptor(const HW_STREAM_HEADER& header, ULONG size) {

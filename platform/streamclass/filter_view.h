@@ -4,6 +4,7 @@
 // Everything is copied out, so the view outlives the minidriver's tables.
 #pragma once
 
+#include <ksmedia.h>
 #include <strmini.h>
 
 #include <cstdint>
@@ -17,25 +18,31 @@ namespace winsim {
 std::string GuidText(const GUID& guid);
 bool SameGuid(const GUID& a, const GUID& b);
 
-// One video data range (KS_DATARANGE_VIDEO or its palette variant).
-struct VideoRangeView {
-    GUID subFormat{};
+// The picture a KS_VIDEOINFOHEADER describes; data ranges and the concrete
+// formats negotiated from them share it.
+struct VideoInfoView {
     uint32_t fourCC = 0;  // biCompression
     uint32_t bitsPerPixel = 0;
-    int32_t width = 0;                    // current size (biWidth, |biHeight|)
-    int64_t height = 0;                   // wide enough for |INT32_MIN|
-    bool topDown = false;                 // biHeight < 0
+    int32_t width = 0;            // biWidth
+    int64_t height = 0;           // |biHeight|, wide enough for |INT32_MIN|
+    bool topDown = false;         // biHeight < 0
+    int64_t avgTimePerFrame = 0;  // 100 ns units
+    uint32_t bitRate = 0;         // dwBitRate
+    uint32_t imageSize = 0;       // biSizeImage
+};
+
+// One video data range (KS_DATARANGE_VIDEO or its palette variant); the
+// picture fields are the range's current size and rate.
+struct VideoRangeView : VideoInfoView {
+    GUID subFormat{};
     int32_t minWidth = 0, minHeight = 0;  // MinOutputSize
     int32_t maxWidth = 0, maxHeight = 0;  // MaxOutputSize
     int32_t stepX = 0, stepY = 0;         // OutputGranularityX/Y
     int64_t minFrameInterval = 0;         // 100 ns units
     int64_t maxFrameInterval = 0;
-    int64_t avgTimePerFrame = 0;
     int32_t minBitsPerSecond = 0;
     int32_t maxBitsPerSecond = 0;
-    uint32_t bitRate = 0;  // dwBitRate
     uint32_t sampleSize = 0;
-    uint32_t imageSize = 0;  // biSizeImage
     bool fixedSizeSamples = false;
     bool hasPalette = false;
     bool greyRampPalette = false;  // entry n is (n, n, n)
@@ -48,6 +55,9 @@ struct DataRangeView {
     GUID specifier{};
     uint32_t sampleSize = 0;
     std::optional<VideoRangeView> video;  // when the range is a video-info range
+    // The range itself, FormatSize bytes, as KSPROPERTY_PIN_DATARANGES hands
+    // it to an application: the start of a proposal for the intersection.
+    std::vector<uint8_t> bytes;
 };
 
 struct PinView {
@@ -107,5 +117,8 @@ bool ValidateStreamDescriptor(const HW_STREAM_HEADER& header, ULONG size);
 
 // Decodes a descriptor that ValidateStreamDescriptor accepted.
 FilterView DecodeStreamDescriptor(const HW_STREAM_HEADER& header);
+
+// The picture fields of a KS_VIDEOINFOHEADER.
+VideoInfoView DecodeVideoInfo(const KS_VIDEOINFOHEADER& info);
 
 }  // namespace winsim

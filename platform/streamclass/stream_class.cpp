@@ -59,6 +59,8 @@ struct StreamClass::Impl {
     FilterView filter;
 
     SrbRegistry srbs;
+    // Blocks of data intersections the minidriver never completed.
+    std::vector<std::unique_ptr<uint8_t[]>> abandonedIntersections;
     // Used only when the minidriver keeps the class's own serialisation.
     std::mutex serialise;
 
@@ -330,6 +332,23 @@ SrbResult StreamClass::SendUnknownDeviceCommand(UCHAR majorFunction, UCHAR minor
     const SrbResult result = SendAdapterSrb(SRB_UNKNOWN_DEVICE_COMMAND, nullptr, 0, irp);
     IoFreeIrp(irp);
     return result;
+}
+
+// ---- Format negotiation
+IntersectionAnswer StreamClass::PinDataIntersection(ULONG pin, std::span<const uint8_t> dataRanges,
+                                                    ULONG outputLength) {
+    const HW_STREAM_HEADER* header = StreamHeader();
+    if (header == nullptr) {
+        throw std::logic_error("StreamClass: no started adapter to negotiate a format with");
+    }
+    // The class passes the buffer's size in the intersect information only.
+    DataIntersectionWalk walk(
+        header->NumberOfStreams,
+        [this](STREAM_DATA_INTERSECT_INFO& info) {
+            return impl_->Send(SRB_GET_DATA_INTERSECTION, &info, 0, nullptr, false, 0);
+        },
+        impl_->abandonedIntersections);
+    return walk.Run(pin, dataRanges, outputLength);
 }
 
 PDEVICE_OBJECT StreamClass::ClassDeviceObject() const {

@@ -10,9 +10,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
+#include "streamclass/data_intersection.h"
 #include "streamclass/filter_view.h"
 
 namespace winsim {
@@ -84,6 +86,15 @@ class StreamClass {
     // NULL before AddDevice and once the extension has been freed.
     PVOID DeviceExtension() const;
     PDRIVER_OBJECT DriverObject() const;
+
+    // ---- Format negotiation (data_intersection.h)
+    // KSPROPERTY_PIN_DATAINTERSECTION on `pin` of the started adapter:
+    // `dataRanges` is the KSMULTIPLE_ITEM of ranges that follows the KSP_PIN,
+    // `outputLength` the size of the application's output buffer. Writes past
+    // that buffer, and a success claiming more bytes than it holds, are
+    // DATA_INTERSECTION findings.
+    IntersectionAnswer PinDataIntersection(ULONG pin, std::span<const uint8_t> dataRanges,
+                                           ULONG outputLength);
 
     // SRBs sent and SRBs the minidriver has completed so far.
     uint64_t SrbsSent() const;
