@@ -2,11 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <tuple>
 
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
 #include "ornixctl/session.h"
+#include "ornixctl/try_format_command.h"
 
 namespace ornixctl {
 
@@ -28,7 +30,30 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     auto* info = app.add_subcommand("info", "camera identity and topology read through the driver");
     auto* formats = app.add_subcommand("formats", "each pin and the video formats it offers");
     auto* controls = app.add_subcommand("controls", "property sets, items, ranges and defaults");
-    for (CLI::App* command : {info, formats, controls}) {
+    auto* tryFormat = app.add_subcommand(
+        "try-format",
+        "negotiate one of a pin's formats as an application does, and show the answer");
+    TryFormatOptions tryOptions;
+    std::string size;
+    int64_t interval = 0;
+    tryFormat->add_option("--pin", tryOptions.pin, "the pin: capture or still")
+        ->required()
+        ->check(CLI::IsMember({"capture", "still"}));
+    tryFormat
+        ->add_option("--format", tryOptions.format, "the pin's format N, as `formats` numbers them")
+        ->required();
+    auto* sizeOption =
+        tryFormat->add_option("--size", size, "the window to ask for, WIDTHxHEIGHT (e.g. 640x480)")
+            ->check(CLI::Validator(
+                [](std::string& text) {
+                    return ParseSize(text) ? std::string()
+                                           : "must be WIDTHxHEIGHT with positive numbers";
+                },
+                "WxH"));
+    auto* intervalOption = tryFormat->add_option(
+        "--interval", interval,
+        "the frame interval to ask for, in 100-nanosecond units (333333 is 30 fps)");
+    for (CLI::App* command : {info, formats, controls, tryFormat}) {
         command->footer(
             "Global options (--camera, --log, --trace, --json) may follow the command.");
     }
@@ -56,6 +81,15 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
         }
         if (controls->parsed()) {
             return RunControls(session, options.json, out);
+        }
+        if (tryFormat->parsed()) {
+            if (sizeOption->count() > 0) {
+                std::tie(tryOptions.width, tryOptions.height) = *ParseSize(size);
+            }
+            if (intervalOption->count() > 0) {
+                tryOptions.frameInterval = interval;
+            }
+            return RunTryFormat(session, tryOptions, options.json, out, err);
         }
     } catch (const std::exception& e) {
         err << "ornixctl: " << e.what() << "\n";

@@ -7,6 +7,7 @@
 
 #include "ornixctl/names.h"
 #include "ornixctl/text_table.h"
+#include "streamclass/data_intersection.h"
 
 namespace ornixctl {
 namespace {
@@ -85,6 +86,65 @@ nlohmann::ordered_json FormatJson(const winsim::DataRangeView& range, ULONG inde
     return f;
 }
 
+std::string Rate(double framesPerSecond) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f fps", framesPerSecond);
+    return text;
+}
+
+// The driver builds a format's frame-rate chart when it programs the camera
+// for it: the intersection of the format's own range does that, as an
+// application's would. The chart is then read from the driver.
+nlohmann::ordered_json FrameRateChartJson(Session& session, const winsim::DataRangeView& range) {
+    nlohmann::ordered_json chart;
+    const winsim::IntersectResult result =
+        winsim::Intersect(session.Rig().StreamClass(), ORNIX_CAPTURE_STREAM, range.bytes);
+    chart["intersection"] = NtStatusName(result.status);
+    PORNIX_DEVICE_CONTEXT ext = session.Device();
+    const bool built = NT_SUCCESS(result.status) && ext->KFreqChart != nullptr;
+    chart["built"] = built;
+    chart["entries"] = nlohmann::json::array();
+    if (!built || !range.video) {
+        return chart;
+    }
+    const winsim::VideoRangeView& v = *range.video;
+    for (LONG i = 0; i < ext->KFreqChartCount; ++i) {
+        const USHORT frequency = ext->KFreqChart[i];
+        const LONGLONG interval = OrnixFrameInterval(
+            static_cast<ULONG>(v.width), static_cast<ULONG>(v.height), v.bitsPerPixel, frequency);
+        nlohmann::ordered_json entry;
+        entry["frequency"] = frequency;
+        entry["frameInterval"] = interval;
+        entry["framesPerSecond"] = interval > 0 ? 1e7 / static_cast<double>(interval) : 0.0;
+        chart["entries"].push_back(entry);
+    }
+    return chart;
+}
+
+void PrintFrameRateCharts(const nlohmann::ordered_json& formats, std::ostream& out) {
+    out << "\nFrame rates (frequency, frame interval in 100 ns units, rate):\n";
+    TextTable table({"#", "Frequency", "Interval", "Rate"});
+    for (const auto& f : formats) {
+        if (!f.contains("frameRates")) {
+            continue;
+        }
+        const auto& chart = f["frameRates"];
+        const std::string index = f["index"].dump();
+        if (!chart["built"].get<bool>()) {
+            table.AddRow({index, "chart not built (intersection: " +
+                                     chart["intersection"].get<std::string>() + ")"});
+            continue;
+        }
+        bool first = true;
+        for (const auto& e : chart["entries"]) {
+            table.AddRow({first ? index : "", e["frequency"].dump(), e["frameInterval"].dump(),
+                          Rate(e["framesPerSecond"].get<double>())});
+            first = false;
+        }
+    }
+    table.Print(out);
+}
+
 }  // namespace
 
 int RunFormats(Session& session, bool json, std::ostream& out) {
@@ -102,7 +162,13 @@ int RunFormats(Session& session, bool json, std::ostream& out) {
         p["possibleInstances"] = pin.possibleInstances;
         p["formats"] = nlohmann::json::array();
         for (ULONG i = 0; i < pin.ranges.size(); ++i) {
-            p["formats"].push_back(FormatJson(pin.ranges[i], i, RecordOf(session, pin.number, i)));
+            nlohmann::ordered_json f =
+                FormatJson(pin.ranges[i], i, RecordOf(session, pin.number, i));
+            // The chart belongs to the capture stream: the still pin has none.
+            if (pin.number == ORNIX_CAPTURE_STREAM && pin.ranges[i].video) {
+                f["frameRates"] = FrameRateChartJson(session, pin.ranges[i]);
+            }
+            p["formats"].push_back(std::move(f));
         }
         doc["pins"].push_back(p);
     }
@@ -139,6 +205,9 @@ int RunFormats(Session& session, bool json, std::ostream& out) {
                  num("sampleSize") + (f["fixedSizeSamples"].get<bool>() ? "" : " variable")});
         }
         table.Print(out);
+        if (p["pin"] == ORNIX_CAPTURE_STREAM && !p["formats"].empty()) {
+            PrintFrameRateCharts(p["formats"], out);
+        }
     }
     return 0;
 }

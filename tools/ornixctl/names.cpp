@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 #include "ornix.h"
 #include "streamclass/filter_view.h"
@@ -159,6 +160,40 @@ std::string HexText(uint32_t value, int digits) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%0*X", digits, static_cast<unsigned>(value));
     return text;
+}
+
+std::string NtStatusName(NTSTATUS status) {
+#define ORNIXCTL_STATUS(name) \
+    { name, #name }
+    static const std::pair<NTSTATUS, const char*> kNames[] = {
+        ORNIXCTL_STATUS(STATUS_SUCCESS),
+        ORNIXCTL_STATUS(STATUS_PENDING),
+        ORNIXCTL_STATUS(STATUS_BUFFER_OVERFLOW),
+        ORNIXCTL_STATUS(STATUS_UNSUCCESSFUL),
+        ORNIXCTL_STATUS(STATUS_NOT_IMPLEMENTED),
+        ORNIXCTL_STATUS(STATUS_INVALID_PARAMETER),
+        ORNIXCTL_STATUS(STATUS_INVALID_DEVICE_REQUEST),
+        ORNIXCTL_STATUS(STATUS_BUFFER_TOO_SMALL),
+        ORNIXCTL_STATUS(STATUS_INSUFFICIENT_RESOURCES),
+        ORNIXCTL_STATUS(STATUS_DEVICE_DATA_ERROR),
+        ORNIXCTL_STATUS(STATUS_DEVICE_NOT_CONNECTED),
+        ORNIXCTL_STATUS(STATUS_DEVICE_NOT_READY),
+        ORNIXCTL_STATUS(STATUS_IO_TIMEOUT),
+        ORNIXCTL_STATUS(STATUS_NOT_SUPPORTED),
+        ORNIXCTL_STATUS(STATUS_CANCELLED),
+        ORNIXCTL_STATUS(STATUS_INVALID_BUFFER_SIZE),
+        ORNIXCTL_STATUS(STATUS_NOT_FOUND),
+        ORNIXCTL_STATUS(STATUS_NO_MATCH),
+        ORNIXCTL_STATUS(STATUS_DEVICE_REMOVED),
+    };
+#undef ORNIXCTL_STATUS
+    const std::string hex = HexText(static_cast<uint32_t>(status), 8);
+    for (const auto& [value, name] : kNames) {
+        if (value == status) {
+            return std::string(name) + " (" + hex + ")";
+        }
+    }
+    return hex;
 }
 
 }  // namespace ornixctl

@@ -2,7 +2,7 @@
 // their items, pins, format subtypes, FourCCs.
 #pragma once
 
-#include <ntdef.h>
+#include <ntstatus.h>
 
 #include <cstdint>
 #include <string>
@@ -23,5 +23,7 @@ std::string SubtypeName(const GUID& subtype);
 // The four bytes in memory order ("RGGB"), "" for 0; other bytes as \xNN.
 std::string FourCCText(uint32_t fourCC);
 std::string HexText(uint32_t value, int digits);
+// "STATUS_NO_MATCH (0xC0000272)"; the number alone for a status we do not name.
+std::string NtStatusName(NTSTATUS status);
 
 }  // namespace ornixctl
