@@ -55,6 +55,12 @@ TEST(OrnixctlCommandLine, RefusesWhatNoOneDefines) {
         {{"--bogus", "formats"}, "--bogus"},
         {{"--json"}, "subcommand"},
         {{"formats", "--camera", "/nonexistent/camera.json"}, "/nonexistent/camera.json"},
+        {{"try-format", "--pin", "capture", "--format", "0", "--size", "641x480"},
+         "the driver refused the format: STATUS_NO_MATCH (0xC0000272)"},
+        {{"try-format", "--pin", "capture", "--format", "7"}, "there is no format 7"},
+        {{"try-format", "--pin", "sideways", "--format", "0"}, "sideways"},
+        {{"try-format", "--pin", "still", "--format", "0", "--size", "0x480"}, "WIDTHxHEIGHT"},
+        {{"try-format", "--format", "0"}, "--pin is required"},
     };
     for (const auto& c : cases) {
         const RunResult run = Ornixctl(c.args);

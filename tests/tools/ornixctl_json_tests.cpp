@@ -5,10 +5,13 @@
 
 #include <cstddef>
 #include <map>
+#include <sstream>
+#include <vector>
 
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
+#include "ornixctl/try_format_command.h"
 #include "ornixctl_test_support.h"
 
 namespace ornixtest {
@@ -127,6 +130,117 @@ TEST_F(OrnixctlJsonTest, InfoShowsIdentityAndTopology) {
     EXPECT_EQ(t["eventSets"][1]["name"], "OxEvents");
     EXPECT_EQ(t["deviceEventRoutine"], true);
     EXPECT_FALSE(doc["registers"].empty());
+}
+
+// Each capture format's chart is the camera's, at the range's own size.
+TEST_F(OrnixctlJsonTest, FormatsShowEachCaptureFormatsFrameRateChart) {
+    const Json doc = Run(ornixctl::RunFormats);
+    const auto& banks = session_->Rig().Camera().GetProfile().formatBanks;
+    for (const Json& f : doc["pins"][0]["formats"]) {
+        SCOPED_TRACE(f["index"].dump());
+        const Json& chart = f["frameRates"];
+        ASSERT_EQ(chart["built"], true);
+        std::vector<unsigned> frequencies;
+        for (const Json& e : chart["entries"]) {
+            frequencies.push_back(e["frequency"]);
+        }
+        const auto& expected = banks[f["bank"].get<unsigned>()].chart;
+        EXPECT_EQ(frequencies, std::vector<unsigned>(expected.begin(), expected.end()));
+    }
+    // 1280x1024 at 8 bits: 12000 and 48000 give 106.7 ms and 26.7 ms.
+    const Json& bayer = doc["pins"][0]["formats"][0]["frameRates"]["entries"];
+    EXPECT_EQ(bayer.front()["frameInterval"], 1066666);
+    EXPECT_EQ(bayer.back()["frameInterval"], 266666);
+    EXPECT_NEAR(bayer.back()["framesPerSecond"].get<double>(), 37.5, 0.01);
+    // The still pin has no frame rates.
+    EXPECT_FALSE(doc["pins"][1]["formats"][0].contains("frameRates"));
+}
+
+TEST_F(OrnixctlJsonTest, TryFormatShowsTheAnswerAndWhatTheCameraRuns) {
+    const struct {
+        const char* name;
+        ornixctl::TryFormatOptions options;
+        Json answer, programmed;
+    } cases[] = {
+        // 640x480 from bank 0: 125000 is the chart's 24000 exactly.
+        {"capture, smaller window",
+         {"capture", 0, 640, 480, 125000},
+         {{"width", 640},
+          {"height", 480},
+          {"topDown", true},
+          {"fourcc", "RGGB"},
+          {"frameInterval", 125000},
+          {"bitRate", 307200 * 640},
+          {"imageSize", 307200},
+          {"formatSize", 1192}},
+         {{"registers", "capture"},
+          {"bank", 0},
+          {"colourId", 8},
+          {"windowWidth", 640},
+          {"windowHeight", 480},
+          {"binningX", 1},
+          {"startX", 0},
+          {"currentFrequency", 24000}}},
+        // Interval 0 takes the fastest entry: 24000 for 1280x1024 at 16 bits.
+        {"capture, fastest",
+         {"capture", 4, std::nullopt, std::nullopt, 0},
+         {{"width", 1280},
+          {"height", 1024},
+          {"fourcc", "RGGB"},
+          {"bitsPerPixel", 16},
+          {"frameInterval", 1066666},
+          {"bitRate", 2621440 * 75},
+          {"formatSize", 152}},
+         {{"bank", 1}, {"colourId", 12}, {"windowWidth", 1280}, {"currentFrequency", 24000}}},
+        // The still pin keeps the interval asked for and programs the still bank.
+        {"still",
+         {"still", 5, 320, 256, 555555},
+         {{"width", 320},
+          {"height", 256},
+          {"fourcc", ""},
+          {"frameInterval", 555555},
+          {"imageSize", 81920}},
+         {{"registers", "still"},
+          {"bank", 2},
+          {"colourId", 0},
+          {"windowWidth", 320},
+          {"windowHeight", 256}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::ostringstream out, err;
+        ASSERT_EQ(ornixctl::RunTryFormat(*session_, c.options, true, out, err), 0) << err.str();
+        const Json doc = Json::parse(out.str());
+        for (const auto& [key, value] : c.answer.items()) {
+            EXPECT_EQ(doc["answer"][key], value) << key;
+        }
+        for (const auto& [key, value] : c.programmed.items()) {
+            EXPECT_EQ(doc["programmed"][key], value) << key;
+        }
+        EXPECT_EQ(doc["programmed"].contains("currentFrequency"), c.options.pin == "capture");
+    }
+}
+
+// A chart the camera cannot give (a count below 2) fails the selection: the
+// format shows no chart. A single frequency is a chart of one.
+TEST_F(SessionTest, FormatsSayWhenAChartCannotBeBuilt) {
+    Start(R"({"name": "odd charts", "formatBanks": [
+        {"maxSize": [640, 512], "unitSize": [8, 2], "colorId": 0,
+         "frequency": {"min": 12000, "max": 48000, "current": 24000}, "chartCount": 1},
+        {"maxSize": [640, 512], "unitSize": [8, 2], "colorId": 0,
+         "frequency": {"min": 5000, "max": 5000}}]})");
+    const Json doc = Run(ornixctl::RunFormats);
+    const Json& formats = doc["pins"][0]["formats"];
+    ASSERT_EQ(formats.size(), 2u);
+    EXPECT_EQ(formats[0]["frameRates"]["built"], false);
+    EXPECT_NE(formats[0]["frameRates"]["intersection"].get<std::string>().find("STATUS_NO_MATCH"),
+              std::string::npos);
+    const Json& single = formats[1]["frameRates"]["entries"];
+    ASSERT_EQ(single.size(), 1u);
+    EXPECT_EQ(single[0]["frequency"], 5000);
+    EXPECT_EQ(single[0]["frameInterval"], 640000);
+    EXPECT_NE(Text(ornixctl::RunFormats).find("0  chart not built (intersection: STATUS_NO_MATCH"),
+              std::string::npos);
 }
 
 class PinlessOrnixctlTest : public SessionTest {
