@@ -117,8 +117,10 @@ typedef const GUID& REFGUID;
 #define NT_ERROR(s) ((((ULONG)(s)) >> 30) == 3)
 
 #define FIELD_OFFSET(type, field) ((LONG) __builtin_offsetof(type, field))
+// The same address as the DDK's member access through a null pointer, without
+// the undefined behaviour that UBSan reports in it.
 #define CONTAINING_RECORD(address, type, field) \
-    ((type*)((PCHAR)(address) - (ULONG_PTR)(&((type*)0)->field)))
+    ((type*)((PCHAR)(address) - (ULONG_PTR)__builtin_offsetof(type, field)))
 #define ARRAYSIZE(a) (sizeof(a) / sizeof((a)[0]))
 #define RTL_NUMBER_OF(a) ARRAYSIZE(a)
 
