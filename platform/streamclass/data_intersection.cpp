@@ -15,6 +15,9 @@ namespace {
 constexpr size_t kGuardBytes = 1200;
 constexpr uint8_t kGuardFill = 0xCD;
 
+// The largest answer an application allocates a buffer for.
+constexpr ULONG kMaxFormatSize = 0x10000;
+
 // Items of a KSMULTIPLE_ITEM start on 8-byte boundaries.
 constexpr size_t QuadAlign(size_t n) {
     return (n + 7) & ~size_t{7};
@@ -148,6 +151,11 @@ IntersectResult Intersect(StreamClass& streamClass, ULONG pin, std::span<const u
         return result;
     }
     result.sizeNeeded = query.information;
+    // No format is that large: an application would not allocate the buffer.
+    if (query.information > kMaxFormatSize) {
+        result.status = query.status;
+        return result;
+    }
     const IntersectionAnswer answer = streamClass.PinDataIntersection(pin, list, query.information);
     result.status = answer.status;
     result.format = answer.format;

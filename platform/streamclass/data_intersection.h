@@ -71,7 +71,8 @@ struct IntersectResult {
 
 // The size query with an empty buffer, then, when it answers
 // STATUS_BUFFER_OVERFLOW, the call with a buffer of the size answered; any
-// other first answer is the result. Both calls send the one range.
+// other first answer is the result, and so is an overflow asking for more
+// than 64 KiB. Both calls send the one range.
 IntersectResult Intersect(StreamClass& streamClass, ULONG pin, std::span<const uint8_t> dataRange);
 
 // A concrete video format: a KSDATAFORMAT followed by a KS_VIDEOINFOHEADER

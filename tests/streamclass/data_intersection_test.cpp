@@ -81,12 +81,16 @@ class DataIntersectionTest : public StreamClassTest {
     std::vector<Seen> seen_;
 };
 
-// Matches ranges tagged 2 only: a size query gets the overflow and 152 bytes,
-// a buffer that large gets 152 bytes of 0x5A.
+// Matches ranges tagged 2: a size query gets the overflow and 152 bytes, a
+// buffer that large gets 152 bytes of 0x5A. Ranges tagged 4 always overflow,
+// asking for a megabyte.
 void MatchTagTwo(PHW_STREAM_REQUEST_BLOCK srb) {
     const STREAM_DATA_INTERSECT_INFO& info = *srb->CommandData.IntersectInfo;
     NTSTATUS status = STATUS_NO_MATCH;
-    if (info.DataRange->Flags == 2) {
+    if (info.DataRange->Flags == 4) {
+        srb->ActualBytesTransferred = 0x100000;
+        status = STATUS_BUFFER_OVERFLOW;
+    } else if (info.DataRange->Flags == 2) {
         srb->ActualBytesTransferred = 152;
         status = STATUS_BUFFER_OVERFLOW;
         if (info.SizeOfDataFormatBuffer >= 152) {
@@ -136,10 +140,14 @@ TEST_F(DataIntersectionTest, AnApplicationAsksForTheSizeFirstThenForTheFormat) {
     EXPECT_EQ(seen_[0].sizeOfBuffer, 0u);
     EXPECT_EQ(seen_[1].sizeOfBuffer, 152u);
 
-    // A range the minidriver does not match ends after the query.
-    seen_.clear();
-    EXPECT_EQ(winsim::Intersect(*sc_, 0, Range(96, 1)).status, STATUS_NO_MATCH);
-    EXPECT_EQ(seen_.size(), 1u);
+    // A range the minidriver does not match ends after the query, and so does
+    // a size no format has.
+    for (const auto& [tag, status] :
+         {std::pair{1u, STATUS_NO_MATCH}, std::pair{4u, STATUS_BUFFER_OVERFLOW}}) {
+        seen_.clear();
+        EXPECT_EQ(winsim::Intersect(*sc_, 0, Range(96, tag)).status, status);
+        EXPECT_EQ(seen_.size(), 1u);
+    }
 }
 
 TEST_F(DataIntersectionTest, RefusesWhatKsRefusesBeforeTheMinidriverSeesIt) {
