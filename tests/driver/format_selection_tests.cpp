@@ -253,6 +253,61 @@ TEST_F(FormatTest, FrameIntervalOfZeroIsKeptAsOne) {
     EXPECT_EQ(Ext()->CaptureFrameInterval, 1);
 }
 
+// ---------------------------------------------------------------- the camera's own state
+
+// Before any selection the chart comes from what bank 0 is set to; nothing
+// is recorded unless all of it could be read.
+TEST_F(FormatTest, ChartBeforeAnySelectionTakesBankZerosState) {
+    struct Case {
+        const char* name;
+        ULONG reg;
+        uint32_t value;
+        bool taken;
+        ULONG binning[2];
+        LONG start[2];
+    } cases[] = {
+        {"as powered up", ORNIX_FMT_POSITION, 0, true, {1, 1}, {0, 0}},
+        {"negative start", ORNIX_FMT_POSITION, Pack(0xFFF8, 4), true, {1, 1}, {-8, 4}},
+        {"binning", ORNIX_FMT_BINNING, Pack(0x102, 4), true, {0x102, 4}, {0, 0}},
+        {"binning of 0", ORNIX_FMT_BINNING, Pack(2, 0x100), true, {1, 1}, {0, 0}},
+        {"no height", ORNIX_FMT_SIZE, 1280, false},
+        {"limits reversed", ORNIX_FMT_FREQ_PARA, Pack(48000, 12000), false},
+        {"no lowest frequency", ORNIX_FMT_FREQ_PARA, Pack(0, 48000), false},
+        {"no current frequency", ORNIX_FMT_CUR_FREQ, 0, false},
+        {"colour id of another bank", ORNIX_FMT_COLOR_ID, 12, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const uint32_t saved = Bank(c.reg);
+        Camera().PokeRegister(uint16_t(c.reg), c.value);
+        PORNIX_DEVICE_CONTEXT ext = Ext();
+        ext->CaptureFormat = nullptr;
+        ext->FreqMin = ext->FreqMax = ext->FreqCur = 0;
+        const NTSTATUS status = UnderRequestMutex([&] { return OrnixBuildupFreqChart(ext); });
+        Camera().PokeRegister(uint16_t(c.reg), saved);
+        if (!c.taken) {
+            EXPECT_EQ(status, STATUS_UNSUCCESSFUL);
+            EXPECT_EQ(ext->CaptureFormat, nullptr);
+            EXPECT_EQ(ext->FreqMax, 0);
+            EXPECT_EQ(Chart(), std::vector<USHORT>{});
+            continue;
+        }
+        ASSERT_EQ(status, STATUS_SUCCESS);
+        EXPECT_EQ(ext->CaptureFormat, Record(0, 8));
+        EXPECT_EQ(ext->CaptureColourValue, 8u);
+        EXPECT_EQ(ext->WindowWidth, 1280u);
+        EXPECT_EQ(ext->WindowHeight, 1024u);
+        EXPECT_EQ(ext->BinningX, c.binning[0]);
+        EXPECT_EQ(ext->BinningY, c.binning[1]);
+        EXPECT_EQ(ext->StartX, c.start[0]);
+        EXPECT_EQ(ext->StartY, c.start[1]);
+        EXPECT_EQ(ext->FreqMin, 12000);
+        EXPECT_EQ(ext->FreqMax, 48000);
+        EXPECT_EQ(ext->FreqCur, 24000);
+        EXPECT_EQ(Chart().size(), 7u);
+    }
+}
+
 // ---------------------------------------------------------------- binning and start
 
 // The binning and start asked for, reconciled with the window and the sensor,
