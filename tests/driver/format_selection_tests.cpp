@@ -270,11 +270,11 @@ TEST_F(FormatTest, ChartBeforeAnySelectionTakesBankZerosState) {
         {"negative start", ORNIX_FMT_POSITION, Pack(0xFFF8, 4), true, {1, 1}, {-8, 4}},
         {"binning", ORNIX_FMT_BINNING, Pack(0x102, 4), true, {0x102, 4}, {0, 0}},
         {"binning of 0", ORNIX_FMT_BINNING, Pack(2, 0x100), true, {1, 1}, {0, 0}},
-        {"no height", ORNIX_FMT_SIZE, 1280, false},
-        {"limits reversed", ORNIX_FMT_FREQ_PARA, Pack(48000, 12000), false},
-        {"no lowest frequency", ORNIX_FMT_FREQ_PARA, Pack(0, 48000), false},
-        {"no current frequency", ORNIX_FMT_CUR_FREQ, 0, false},
-        {"colour id of another bank", ORNIX_FMT_COLOR_ID, 12, false},
+        {"no height", ORNIX_FMT_SIZE, 1280, false, {}, {}},
+        {"limits reversed", ORNIX_FMT_FREQ_PARA, Pack(48000, 12000), false, {}, {}},
+        {"no lowest frequency", ORNIX_FMT_FREQ_PARA, Pack(0, 48000), false, {}, {}},
+        {"no current frequency", ORNIX_FMT_CUR_FREQ, 0, false, {}, {}},
+        {"colour id of another bank", ORNIX_FMT_COLOR_ID, 12, false, {}, {}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
