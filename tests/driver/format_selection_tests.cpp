@@ -230,17 +230,6 @@ TEST_F(ChartPickTest, TakesTheFastestEntryNotShorterThanAskedWithinTolerance) {
     }
 }
 
-// The data range announces 266 240 for f = 48 000 (its rule truncates early),
-// the chart rule gives 266 666; the difference lies within the tolerance.
-TEST_F(FormatTest, RangeIntervalSelectsTheFrequencyItWasComputedFrom) {
-    const LONGLONG announced = Record(0, 8)->DataRange.ConfigCaps.MinFrameInterval;
-    ASSERT_EQ(announced, 266240);
-    LONGLONG result = 0;
-    ASSERT_EQ(SelectCapture(Record(0, 8), 1280, 1024, &announced, &result), STATUS_SUCCESS);
-    EXPECT_EQ(Bank(ORNIX_FMT_CUR_FREQ), 48000u);
-    EXPECT_EQ(result, 266666);
-}
-
 // A zero frame interval (the pixel bits wrap to 0) is kept as 1.
 TEST_F(FormatTest, FrameIntervalOfZeroIsKeptAsOne) {
     LONGLONG result = 0;
