@@ -78,21 +78,21 @@ constexpr std::string_view kDefaultProfileJson = R"json(
     {
       "maxSize": [1280, 1024], "unitSize": [8, 2], "size": [1280, 1024], "position": [0, 0],
       "colorId": 8, "colorInquiry": {"base": 8, "extra": "0x0003", "interlaced": false},
-      "binning": [1, 1],
+      "binning": [1, 1], "binnings": [1, 2, 4], "validate": "clamp",
       "frequency": {"min": 12000, "max": 48000, "current": 24000},
       "chart": [12000, 16000, 20000, 24000, 32000, 40000, 48000]
     },
     {
       "maxSize": [1280, 1024], "unitSize": [8, 2], "size": [1280, 1024], "position": [0, 0],
       "colorId": 12, "colorInquiry": {"base": 12, "extra": "0x0000", "interlaced": false},
-      "binning": [1, 1],
+      "binning": [1, 1], "binnings": [1, 2, 4], "validate": "clamp",
       "frequency": {"min": 6000, "max": 24000, "current": 12000},
       "chart": [6000, 8000, 12000, 16000, 24000]
     },
     {
       "maxSize": [640, 512], "unitSize": [8, 2], "size": [640, 512], "position": [0, 0],
       "colorId": 5, "colorInquiry": {"base": 5, "extra": "0x0000", "interlaced": false},
-      "binning": [1, 1],
+      "binning": [1, 1], "binnings": [1, 2, 4], "validate": "clamp",
       "frequency": {"min": 12000, "max": 48000, "current": 24000},
       "chart": [12000, 24000, 36000, 48000]
     }

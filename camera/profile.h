@@ -144,6 +144,23 @@ struct Size16 {
     bool operator==(const Size16&) const = default;
 };
 
+// What a bank does with its position when 0 is written to a validate
+// register (capture +0x60, still +0x60). The window is the bank's size
+// register, in sensor pixels.
+enum class ValidateMode : uint8_t {
+    Keep,    // leaves the position as written
+    Clamp,   // moves the window inside the sensor: 0 <= x <= max - width, same for y
+    Centre,  // centres the window on the sensor, whatever was written
+    Align,   // clamps, then rounds each coordinate down to the unit step
+};
+
+// What the colour-id registers read back.
+enum class ColorIdReadBack : uint8_t {
+    Written,             // the id written (bits 0-7) with the bank's interlaced/bottom-up bits
+    ZeroAfterFrequency,  // as Written, but a current-frequency write makes the capture one read 0
+    Zero,                // 0 after any colour-id write, in both banks
+};
+
 // One capture format bank and the still bank of the same number.
 struct FormatBankProfile {
     Size16 maxSize;
@@ -161,6 +178,9 @@ struct FormatBankProfile {
     uint32_t frequencyCurrent = 0;
     std::vector<uint16_t> chart;
     std::optional<uint32_t> chartCount;  // the count register, when it disagrees with the chart
+    std::vector<uint8_t> binnings = {1, 2, 4};  // factors a binning write may ask, each direction
+    ValidateMode validate = ValidateMode::Clamp;
+    ColorIdReadBack colorIdReadBack = ColorIdReadBack::Written;
 
     uint32_t ChartCount() const { return chartCount.value_or(static_cast<uint32_t>(chart.size())); }
     uint32_t ColorIdFlags() const {

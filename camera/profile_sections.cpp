@@ -5,6 +5,7 @@
 #include <iterator>
 #include <limits>
 #include <set>
+#include <span>
 #include <string>
 
 #include "camera/json_values.h"
@@ -147,11 +148,52 @@ uint32_t ColorInquiry(const json& value, const std::string& path, uint8_t colorI
     return base | uint32_t{extra} << 8 | (interlaced ? 1u << 24 : 0);
 }
 
+template <typename T>
+using Choices = std::span<const std::pair<std::string_view, T>>;
+
+constexpr std::pair<std::string_view, ValidateMode> kValidateModes[] = {
+    {"keep", ValidateMode::Keep},
+    {"clamp", ValidateMode::Clamp},
+    {"centre", ValidateMode::Centre},
+    {"align", ValidateMode::Align}};
+constexpr std::pair<std::string_view, ColorIdReadBack> kColorIdReadBacks[] = {
+    {"written", ColorIdReadBack::Written},
+    {"zeroAfterFrequency", ColorIdReadBack::ZeroAfterFrequency},
+    {"zero", ColorIdReadBack::Zero}};
+
+// One of the names in `choices`.
+template <typename T>
+T Choice(const json& value, const std::string& path, Choices<T> choices) {
+    const std::string& text = json_values::Text(value, path);
+    std::string names;
+    for (const auto& [name, choice] : choices) {
+        if (text == name) {
+            return choice;
+        }
+        names += (names.empty() ? "\"" : ", \"") + std::string(name) + "\"";
+    }
+    Fail(path, "expected one of " + names + ", got \"" + text + "\"");
+}
+
+std::vector<uint8_t> BinningFactors(const json& array, const std::string& path) {
+    json_values::RequireArray(array, path);
+    std::vector<uint8_t> factors;
+    for (size_t i = 0; i < array.size(); ++i) {
+        const std::string factorPath = Path(path, i);
+        const auto factor = static_cast<uint8_t>(json_values::Unsigned(array[i], factorPath, 0xFF));
+        if (factor == 0) {
+            Fail(factorPath, "a binning factor is 1 or more");
+        }
+        factors.push_back(factor);
+    }
+    return factors;
+}
+
 FormatBankProfile ParseFormatBank(const json& object, const std::string& path) {
-    json_values::RequireFields(
-        object, path,
-        {"maxSize", "unitSize", "size", "position", "colorId", "interlaced", "bottomUp",
-         "colorInquiry", "binning", "frequency", "chart", "chartCount"});
+    json_values::RequireFields(object, path,
+                               {"maxSize", "unitSize", "size", "position", "colorId", "interlaced",
+                                "bottomUp", "colorInquiry", "binning", "frequency", "chart",
+                                "chartCount", "binnings", "validate", "colorIdReadBack"});
     FormatBankProfile bank;
     ReadSize(object, "maxSize", path, bank.maxSize);
     bank.size = bank.maxSize;
@@ -189,6 +231,16 @@ FormatBankProfile ParseFormatBank(const json& object, const std::string& path) {
     if (auto it = object.find("chartCount"); it != object.end()) {
         bank.chartCount =
             static_cast<uint32_t>(json_values::Unsigned(*it, Path(path, "chartCount"), 0xFFFFFFFF));
+    }
+    if (auto it = object.find("binnings"); it != object.end()) {
+        bank.binnings = BinningFactors(*it, Path(path, "binnings"));
+    }
+    if (auto it = object.find("validate"); it != object.end()) {
+        bank.validate = Choice<ValidateMode>(*it, Path(path, "validate"), kValidateModes);
+    }
+    if (auto it = object.find("colorIdReadBack"); it != object.end()) {
+        bank.colorIdReadBack =
+            Choice<ColorIdReadBack>(*it, Path(path, "colorIdReadBack"), kColorIdReadBacks);
     }
     return bank;
 }

@@ -108,6 +108,10 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
          "productData.eepromImages.0xA2: cannot open"},
         {R"({"formatBanks": {}})", "formatBanks: expected an array"},
         {R"({"formatBanks": [{"position": [-32769, 0]}]})", "formatBanks[0].position[0]"},
+        {R"({"formatBanks": [{"binnings": [1, 0]}]})", "formatBanks[0].binnings[1]: a binning"},
+        {R"({"formatBanks": [{"validate": "center"}]})",
+         R"(formatBanks[0].validate: expected one of "keep", "clamp", "centre", "align")"},
+        {R"({"formatBanks": [{}, {"colorIdReadBack": 0}]})", "formatBanks[1].colorIdReadBack"},
         {R"({"formatBanks": )" + banks + "}", "formatBanks: at most 32"},
         {R"({"properties": {"brightnes": {}}})", "properties.brightnes: not a property"},
         {R"({"properties": {"record57": {}}})", "properties.record57"}};
