@@ -262,7 +262,9 @@ static NTSTATUS OrnixInterruptPipeRequest(PORNIX_DEVICE_CONTEXT Ext, USHORT Func
 // requests, so never from the completion routine).
 NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext) {
     OrnixVerbose(ORNIX_PREFIX "InterruptStop\n");
-    if (Ext->InterruptPipe == ORNIX_NO_PIPE) {
+    // A transfer that was never set up has nothing to stop, and its pipe
+    // has never been used: teardown then sends nothing.
+    if (Ext->InterruptPipe == ORNIX_NO_PIPE || Ext->InterruptUrb == NULL) {
         return STATUS_SUCCESS;
     }
     KeResetEvent(&Ext->StopEvent);
@@ -272,8 +274,7 @@ NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext) {
     // teardown that calls this has gone on to the streams.
     PUSBD_PIPE_INFORMATION pipe = OrnixInterruptPipe(Ext);
     if (pipe == NULL) {
-        // The pipe tables are gone (a second teardown): nothing can be
-        // outstanding on a pipe that no longer exists for us.
+        // The pipe tables are gone: there is no handle to abort with.
         return OrnixFlagIsSet(&Ext->InterruptPending) ? STATUS_INVALID_DEVICE_STATE
                                                       : STATUS_SUCCESS;
     }
