@@ -23,6 +23,13 @@ usbsim::TransferResult InterruptEndpoint::Transfer(std::span<uint8_t> data) {
     std::optional<EventFault> fault;
     if (!faults_.empty()) {
         fault = faults_.front();
+    }
+    // A stall or an empty packet answers the next poll; a long packet is the
+    // next one that carries events.
+    if (pending_ == 0 && (!fault || fault == EventFault::LongPacket)) {
+        return usbsim::TransferResult::Nak();
+    }
+    if (fault) {
         faults_.pop_front();
     }
     if (fault == EventFault::Stall) {
@@ -30,9 +37,6 @@ usbsim::TransferResult InterruptEndpoint::Transfer(std::span<uint8_t> data) {
     }
     if (fault == EventFault::ZeroLengthPacket) {
         return usbsim::TransferResult::Ack(0);
-    }
-    if (pending_ == 0 && fault != EventFault::LongPacket) {
-        return usbsim::TransferResult::Nak();
     }
     const uint8_t word[4] = {static_cast<uint8_t>(pending_), static_cast<uint8_t>(pending_ >> 8),
                              static_cast<uint8_t>(pending_ >> 16),

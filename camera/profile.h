@@ -179,9 +179,9 @@ struct PropertyRecordProfile {
     bool operator==(const PropertyRecordProfile&) const = default;
 };
 
-// Misbehaviour of the interrupt endpoint, each used up by one poll.
+// Misbehaviour of the interrupt endpoint, each used up by one packet.
 enum class EventFault : uint8_t {
-    LongPacket,        // the event word followed by filler, longer than four bytes
+    LongPacket,        // the next event word is followed by filler, up to the host's buffer
     ZeroLengthPacket,  // a packet without data; pending events stay pending
     Stall,             // the endpoint stalls the transfer
 };
