@@ -45,7 +45,8 @@ usbsim::TransferResult InterruptEndpoint::Transfer(std::span<uint8_t> data) {
     std::copy_n(word, length, data.begin());
     if (fault == EventFault::LongPacket) {
         // A packet never exceeds the host's buffer, whatever the profile asks.
-        const size_t wanted = profile_.longPacketBytes != 0 ? profile_.longPacketBytes : data.size();
+        const size_t wanted =
+            profile_.longPacketBytes != 0 ? profile_.longPacketBytes : data.size();
         const size_t longLength = std::min(wanted, data.size());
         if (longLength > length) {
             std::fill(data.begin() + static_cast<std::ptrdiff_t>(length),

@@ -45,8 +45,7 @@ NTSTATUS InterruptAllocateResources(PORNIX_DEVICE_CONTEXT Ext) {
     }
     // A second call keeps the request it has: allocating again would lose it.
     if (Ext->InterruptUrb == NULL) {
-        Ext->InterruptUrb =
-            (PURB)OrnixAllocatePool(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER));
+        Ext->InterruptUrb = (PURB)OrnixAllocatePool(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER));
         if (Ext->InterruptUrb == NULL) {
             OrnixVerbose(ORNIX_PREFIX "InterruptAllocateResources: no memory for URB\n");
             return STATUS_INSUFFICIENT_RESOURCES;
@@ -218,8 +217,8 @@ NTSTATUS NTAPI InterruptTransferComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, 
         DbgPrint(ORNIX_PREFIX " INT DEVICE_GONE\n");
         result = STATUS_CANCELLED;
     } else {
-        DbgPrint(ORNIX_PREFIX " INT ERROR:IoStatus:0x%08lx, USBD_STATUS:0x%08lx\n",
-                 (ULONG)ioStatus, (ULONG)usbdStatus);
+        DbgPrint(ORNIX_PREFIX " INT ERROR:IoStatus:0x%08lx, USBD_STATUS:0x%08lx\n", (ULONG)ioStatus,
+                 (ULONG)usbdStatus);
         result = STATUS_UNSUCCESSFUL;
     }
 
@@ -229,8 +228,7 @@ NTSTATUS NTAPI InterruptTransferComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, 
     }
 
     if (!OrnixFlagIsSet(&Ext->Removed) &&
-        InterlockedCompareExchange(&Ext->DeviceEventCount, 0, 0) != 0 &&
-        result == STATUS_SUCCESS) {
+        InterlockedCompareExchange(&Ext->DeviceEventCount, 0, 0) != 0 && result == STATUS_SUCCESS) {
         BOOLEAN sent;
         OrnixSubmitInterruptTransfer(Ext, &sent);
         // A resubmission that went down ends in this routine again; one that

@@ -25,8 +25,8 @@ Directory& Listeners() {
 
 }  // namespace
 
-DeviceEventListener::DeviceEventListener(PVOID extension, const GUID& set, ULONG id,
-                                         ULONG setIndex, const KSEVENT_SET* publishedSet)
+DeviceEventListener::DeviceEventListener(PVOID extension, const GUID& set, ULONG id, ULONG setIndex,
+                                         const KSEVENT_SET* publishedSet)
     : extension_(extension), set_(set), id_(id), setIndex_(setIndex) {
     data_.NotificationType = KSEVENTF_EVENT_HANDLE;
     entry_.ListEntry.Flink = entry_.ListEntry.Blink = &entry_.ListEntry;

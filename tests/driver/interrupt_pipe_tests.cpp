@@ -88,8 +88,8 @@ TEST_F(InterruptPipeTest, AllocationFailsCleanlyAtEachStep) {
     }
     // The video setting must be selected, and cannot be.
     ASSERT_EQ(OrnixSelectAltSetting(Ext(), Ext()->FpgaAltSetting), STATUS_SUCCESS);
-    Stack().AddFault({.kind = RequestKind::SelectInterface,
-                      .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
+    Stack().AddFault(
+        {.kind = RequestKind::SelectInterface, .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
     EXPECT_FALSE(NT_SUCCESS(Locked(InterruptAllocateResources)));
     EXPECT_EQ(Ext()->InterruptUrb, nullptr);
     EXPECT_EQ(pool()[kDriverTag].blocks, before.at(kDriverTag).blocks);
@@ -108,7 +108,7 @@ TEST_F(InterruptPipeTest, AllocationFailsCleanlyAtEachStep) {
 struct CompletionCase {
     const char* name;
     std::function<void(InterruptPipeTest&)> happen;  // after the transfer started
-    std::vector<uint64_t> events;                      // per listener 0, 1, 2
+    std::vector<uint64_t> events;                    // per listener 0, 1, 2
     bool resubmitted;
     std::vector<std::string> lines;  // after "ORNIX: ---InterruptTransferComplete"
 };
@@ -144,8 +144,8 @@ const std::string kNotify5 = "ORNIX: OrnixNotifyForOrnixEvents, eventCount = 3, 
 INSTANTIATE_TEST_SUITE_P(
     EachEnding, InterruptCompletionTest,
     ::testing::Values(
-        CompletionCase{"Events", [](auto& t) { t.Camera().RaiseEvents(0x5); }, {1, 0, 1}, true,
-                       {kNotify5}},
+        CompletionCase{
+            "Events", [](auto& t) { t.Camera().RaiseEvents(0x5); }, {1, 0, 1}, true, {kNotify5}},
         // Filler after the word: only the first four bytes count, nothing overruns.
         CompletionCase{"LongPacket",
                        [](auto& t) {
@@ -155,19 +155,21 @@ INSTANTIATE_TEST_SUITE_P(
                        {1, 0, 1},
                        true,
                        {kNotify5}},
-        CompletionCase{"ZeroLength",
-                       [](auto& t) {
-                           t.Camera().InjectEventFault(ornixcam::EventFault::ZeroLengthPacket);
-                       },
-                       {0, 0, 0},
-                       false,
-                       {"ORNIX:  INT NO_DATA!!"}},
+        CompletionCase{
+            "ZeroLength",
+            [](auto& t) { t.Camera().InjectEventFault(ornixcam::EventFault::ZeroLengthPacket); },
+            {0, 0, 0},
+            false,
+            {"ORNIX:  INT NO_DATA!!"}},
         CompletionCase{"Stall",
                        [](auto& t) { t.Camera().InjectEventFault(ornixcam::EventFault::Stall); },
                        {0, 0, 0},
                        false,
                        {"ORNIX:  INT ERROR:IoStatus:0xc0000001, USBD_STATUS:0xc0000004"}},
-        CompletionCase{"DeviceGone", [](auto& t) { t.Stack().Remove(); }, {0, 0, 0}, false,
+        CompletionCase{"DeviceGone",
+                       [](auto& t) { t.Stack().Remove(); },
+                       {0, 0, 0},
+                       false,
                        {"ORNIX:  INT DEVICE_GONE"}},
         // Removed: what came is still signalled, but nothing more is asked for.
         CompletionCase{"AfterRemoval",
