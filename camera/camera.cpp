@@ -22,6 +22,17 @@ std::optional<std::pair<uint8_t, uint8_t>> FindFpgaEndpoint(const ConfigurationP
     return std::nullopt;
 }
 
+std::optional<uint8_t> FindEventEndpoint(const ConfigurationProfile& c) {
+    for (const AlternateSettingProfile& setting : c.alternateSettings) {
+        for (const EndpointProfile& endpoint : setting.endpoints) {
+            if (endpoint.type == EndpointType::Interrupt && endpoint.IsIn()) {
+                return endpoint.address;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 Camera::Camera(Profile profile)
@@ -32,6 +43,8 @@ Camera::Camera(Profile profile)
       fpgaEndpoint_(FindFpgaEndpoint(profile_.configuration)),
       eeproms_(profile_.productData),
       formatBanks_(profile_),
+      eventEndpoint_(FindEventEndpoint(profile_.configuration)),
+      events_(profile_.events),
       shortReads_(profile_.quirks.shortReads) {
     InstallRegisterBehaviour();
     formatBanks_.Install(registers_);
@@ -63,6 +76,7 @@ void Camera::InstallRegisterBehaviour() {
     });
     onWrite(reg::kEventDisable, [this](const RegisterWrite& w) {
         enabledEvents_ &= ~w.value;
+        events_.Restrict(enabledEvents_);
         return WriteOutcome::Store;
     });
     onWrite(reg::kMessageHeader, [this](const RegisterWrite& w) {
@@ -83,6 +97,7 @@ WriteOutcome Camera::OnReset(const RegisterWrite& write) {
         registers_.ResetSettings();
         messages_.Reset();
         enabledEvents_ = 0;
+        events_.Restrict(0);
     }
     return WriteOutcome::Discard;
 }
@@ -169,6 +184,8 @@ Camera::Result Camera::EndpointTransfer(uint8_t address, std::span<uint8_t> data
     Result result;
     if (auto it = endpointHandlers_.find(address); it != endpointHandlers_.end()) {
         result = it->second(data);
+    } else if (address == eventEndpoint_) {
+        result = events_.Transfer(data);
     } else {
         result = endpoint->IsIn() ? Result::Nak() : Result::Ack(static_cast<uint32_t>(data.size()));
     }
@@ -196,6 +213,46 @@ void Camera::SignalReady(uint8_t endpointAddress) {
     if (ready) {
         ready(endpointAddress);
     }
+}
+
+void Camera::SignalEventsIf(bool pending) {
+    if (pending && eventEndpoint_) {
+        SignalReady(*eventEndpoint_);
+    }
+}
+
+void Camera::RaiseEvents(uint32_t mask) {
+    bool pending;
+    {
+        std::lock_guard lock(mutex_);
+        pending = events_.Raise(mask, enabledEvents_);
+    }
+    SignalEventsIf(pending);
+}
+
+uint32_t Camera::PendingEvents() const {
+    std::lock_guard lock(mutex_);
+    return events_.Pending();
+}
+
+void Camera::InjectEventFault(EventFault fault) {
+    {
+        std::lock_guard lock(mutex_);
+        events_.InjectFault(fault);
+    }
+    SignalEventsIf(true);
+}
+
+std::optional<int64_t> Camera::RunEventSchedule(int64_t now100ns) {
+    bool pending;
+    std::optional<int64_t> next;
+    {
+        std::lock_guard lock(mutex_);
+        pending = events_.Raise(events_.TakeScheduled(now100ns), enabledEvents_);
+        next = events_.NextScheduled();
+    }
+    SignalEventsIf(pending);
+    return next;
 }
 
 uint32_t Camera::PeekRegister(uint16_t index) const {

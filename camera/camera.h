@@ -16,6 +16,7 @@
 #include "camera/eeprom_bus.h"
 #include "camera/format_banks.h"
 #include "camera/fpga.h"
+#include "camera/interrupt_endpoint.h"
 #include "camera/message_assembler.h"
 #include "camera/profile.h"
 #include "camera/register_file.h"
@@ -85,6 +86,18 @@ class Camera final : public usbsim::UsbDevice {
     void SetMessageHandler(MessageHandler handler);  // called after the header and each body piece
     void SetEndpointHandler(uint8_t address, EndpointHandler handler);  // default: IN naks
 
+    // Device events on the interrupt endpoint (see camera/interrupt_endpoint.h).
+    // The endpoint's address: the first interrupt-IN endpoint of the profile.
+    std::optional<uint8_t> EventEndpoint() const { return eventEndpoint_; }
+    // The events occur now; only enabled ones are reported.
+    void RaiseEvents(uint32_t mask);
+    uint32_t PendingEvents() const;
+    // The next poll of the interrupt endpoint misbehaves.
+    void InjectEventFault(EventFault fault);
+    // Raises what the profile's schedule holds up to `now100ns` of simulated
+    // time since power-up; returns when it next holds something.
+    std::optional<int64_t> RunEventSchedule(int64_t now100ns);
+
     // Tells the stack an endpoint that answered Nak may have data now (0: all).
     // Call it without holding anything the stack's threads might wait for.
     void SignalReady(uint8_t endpointAddress);
@@ -95,6 +108,7 @@ class Camera final : public usbsim::UsbDevice {
     Result WriteRegisters(uint16_t firstByte, std::span<const uint8_t> data);
     Result EndpointTransfer(uint8_t address, std::span<uint8_t> data);
     void InstallRegisterBehaviour();
+    void SignalEventsIf(bool pending);
     WriteOutcome OnReset(const RegisterWrite& write);
     bool OnMessageData(size_t offset, std::span<const uint8_t> bytes);
 
@@ -110,6 +124,8 @@ class Camera final : public usbsim::UsbDevice {
     EepromBus eeproms_;
     FormatBanks formatBanks_;
     uint32_t enabledEvents_ = 0;
+    std::optional<uint8_t> eventEndpoint_;
+    InterruptEndpoint events_;
     std::map<uint16_t, uint16_t> shortReads_;
     std::map<uint8_t, uint64_t> bytesReceived_;
     std::map<uint8_t, EndpointHandler> endpointHandlers_;

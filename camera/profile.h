@@ -199,6 +199,32 @@ struct PropertyRecordProfile {
     bool operator==(const PropertyRecordProfile&) const = default;
 };
 
+// Misbehaviour of the interrupt endpoint, each used up by one packet.
+enum class EventFault : uint8_t {
+    LongPacket,        // the next event word is followed by filler, up to the host's buffer
+    ZeroLengthPacket,  // a packet without data; pending events stay pending
+    Stall,             // the endpoint stalls the transfer
+};
+
+// Events raised at a moment of simulated time.
+struct ScheduledEvents {
+    uint32_t atMs = 0;
+    uint32_t mask = 0;
+
+    bool operator==(const ScheduledEvents&) const = default;
+};
+
+// Device events on the interrupt endpoint beyond those raised on demand.
+struct EventsProfile {
+    uint32_t periodMs = 0;  // 0: no periodic events
+    uint32_t periodicMask = 0;
+    std::vector<ScheduledEvents> at;  // ascending by atMs
+    std::vector<EventFault> faults;   // armed at power-up, oldest first
+    uint16_t longPacketBytes = 0;     // 0: as long as the host's buffer
+
+    bool operator==(const EventsProfile&) const = default;
+};
+
 struct Profile {
     std::string name;
     DeviceProfile device;
@@ -216,6 +242,7 @@ struct Profile {
     RawDescriptors rawDescriptors;
     Quirks quirks;
     HostControllerProfile hostController;
+    EventsProfile events;
     // String values of the device's driver registry key (e.g. TevrinKey), as
     // the installation would have written them.
     std::map<std::u16string, std::u16string> registry;

@@ -7,6 +7,7 @@
 
 #include "camera/json_values.h"
 #include "camera/profile.h"
+#include "camera/profile_events.h"
 #include "camera/profile_json.h"
 #include "camera/profile_sections.h"
 #include "camera/register_layout.h"
@@ -319,7 +320,7 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
         root, "",
         {"name", "description", "device", "strings", "configuration", "fpga", "productData",
          "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks",
-         "registry", "hostController"});
+         "registry", "hostController", "events"});
     Mentions valueMentions;
     Mentions quirkMentions;
     if (auto it = root.find("name"); it != root.end()) {
@@ -366,6 +367,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     }
     if (auto it = root.find("hostController"); it != root.end()) {
         ParseHostController(*it, profile.hostController);
+    }
+    if (auto it = root.find("events"); it != root.end()) {
+        ParseEvents(*it, profile.events);
     }
 
     // The speed register follows a changed bus speed unless the document sets it too.

@@ -5,8 +5,21 @@
 #include <ksmedia.h>
 
 // The stream class keeps the enabled events itself; the counters only tell
-// whether anybody listens. They are plain words: a notification racing with
-// an enable sees the count before or after it.
+// whether anybody listens. They change by interlocked operations: a
+// notification racing with an enable sees the count before or after it.
+static VOID OrnixCountListener(LONG volatile* Count, BOOLEAN Enable) {
+    if (Enable) {
+        InterlockedIncrement(Count);
+    } else {
+        InterlockedDecrement(Count);
+    }
+}
+
+// Read beside enables on other processors.
+static LONG OrnixListenerCount(LONG volatile* Count) {
+    return InterlockedCompareExchange(Count, 0, 0);
+}
+
 // IRQL: PASSIVE_LEVEL, outside the adapter request dispatcher.
 NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor) {
     PORNIX_DEVICE_CONTEXT Ext = (PORNIX_DEVICE_CONTEXT)EventDescriptor->DeviceExtension;
@@ -26,12 +39,11 @@ NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor) {
     }
 
     // Both counters follow every enable and disable, whichever set it names.
-    LONG step = enable ? 1 : -1;
     if (Ext->StreamCount > 1) {
-        Ext->StiEventCount += step;
+        OrnixCountListener(&Ext->StiEventCount, enable);
     }
     if (Ext->InterruptPipe != ORNIX_NO_PIPE) {
-        Ext->DeviceEventCount += step;
+        OrnixCountListener(&Ext->DeviceEventCount, enable);
     }
     return Ext->EventSetCount > 0 ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
 }
@@ -55,8 +67,9 @@ static VOID OrnixSignalDeviceEvent(PORNIX_DEVICE_CONTEXT Ext, const GUID* Set, U
 
 // Called when a still frame has been delivered. IRQL: <= DISPATCH_LEVEL.
 VOID OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext) {
-    OrnixVerbose(ORNIX_PREFIX "OrnixNotifyStiMonitor, eventCount = %d\n", (int)Ext->StiEventCount);
-    if (Ext->StiEventCount != 0) {
+    LONG listeners = OrnixListenerCount(&Ext->StiEventCount);
+    OrnixVerbose(ORNIX_PREFIX "OrnixNotifyStiMonitor, eventCount = %d\n", (int)listeners);
+    if (listeners != 0) {
         OrnixSignalDeviceEvent(Ext, &OrnixEventSetVidCapToSti, KSEVENT_VIDCAPTOSTI_EXT_TRIGGER);
     }
 }
@@ -64,9 +77,10 @@ VOID OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext) {
 // One event per set bit of an interrupt packet, in ascending bit order.
 // IRQL: <= DISPATCH_LEVEL (interrupt transfer completion).
 VOID OrnixNotifyForOrnixEvents(PORNIX_DEVICE_CONTEXT Ext, ULONG EventMask) {
+    LONG listeners = OrnixListenerCount(&Ext->DeviceEventCount);
     DbgPrint(ORNIX_PREFIX "OrnixNotifyForOrnixEvents, eventCount = %d, events: 0x%08lx\n",
-             (int)Ext->DeviceEventCount, EventMask);
-    if (Ext->DeviceEventCount == 0) {
+             (int)listeners, EventMask);
+    if (listeners == 0) {
         return;
     }
     for (ULONG n = 0; n < 32 && (EventMask >> n) != 0; n++) {

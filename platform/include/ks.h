@@ -22,6 +22,7 @@ typedef struct {
 #define KSPROPERTY_TYPE_DEFAULTVALUES 0x00010000
 
 #define KSEVENT_TYPE_ENABLE 0x00000001
+#define KSEVENTF_EVENT_HANDLE 0x00000001
 #define KSEVENT_TYPE_ONESHOT 0x00000002
 #define KSEVENT_TYPE_ENABLEBUFFERED 0x00000004
 #define KSEVENT_TYPE_SETSUPPORT 0x00000100
@@ -259,6 +260,26 @@ typedef struct {
     ULONG EventsCount;
     const KSEVENT_ITEM* EventItem;
 } KSEVENT_SET, *PKSEVENT_SET;
+
+// An enabled event as the class keeps it; the leading fields of the real
+// layout. Minidrivers may keep the pointer but read nothing of it.
+#define KSEVENT_ENTRY_DELETED 1
+#define KSEVENT_ENTRY_ONESHOT 2
+#define KSEVENT_ENTRY_BUFFERED 4
+
+struct _KSEVENT_ENTRY {
+    LIST_ENTRY ListEntry;
+    PVOID Object;
+    PVOID DpcItem;  // a PKSDPC_ITEM or PKSBUFFER_ITEM on Windows
+    PKSEVENTDATA EventData;
+    ULONG NotificationType;
+    const KSEVENT_SET* EventSet;
+    const KSEVENT_ITEM* EventItem;
+    struct _FILE_OBJECT* FileObject;
+    ULONG SemaphoreAdjustment;
+    ULONG Reserved;
+    ULONG Flags;
+};
 
 // ---- connection properties of a pin (allocator framing)
 

@@ -3,6 +3,8 @@
 
 #include <mutex>
 
+#include "streamclass/event_listeners.h"
+
 namespace winsim {
 namespace {
 
@@ -30,7 +32,11 @@ void ReportDeviceEvent(PVOID extension, const GUID* set, ULONG id) {
         std::lock_guard lock(ObserverMutex());
         observer = Observer();
     }
-    if (observer && set != nullptr) {
+    if (set == nullptr) {
+        return;
+    }
+    DeviceEventListeners::Deliver(extension, *set, id);
+    if (observer) {
         observer(extension, *set, id);
     }
 }

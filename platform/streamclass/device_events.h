@@ -15,7 +15,8 @@ using DeviceEventObserver = std::function<void(PVOID extension, const GUID& set,
 // Replaces the observer; an empty function removes it.
 void SetDeviceEventObserver(DeviceEventObserver observer);
 
-// Hands one SignalMultipleDeviceEvents notification to the observer; a null
+// Hands one SignalMultipleDeviceEvents notification to the listeners that
+// enabled it (streamclass/event_listeners.h), then to the observer; a null
 // event set is dropped.
 void ReportDeviceEvent(PVOID extension, const GUID* set, ULONG id);
 

@@ -278,6 +278,8 @@ NTSTATUS StreamClass::Stop() {
     if (!impl_->started) {
         return STATUS_SUCCESS;
     }
+    // Closing the filter disables what applications left enabled.
+    DisableAllDeviceEvents();
     impl_->started = false;
     // The descriptor points into tables the minidriver frees now; the
     // decoded view stays.

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "streamclass/data_intersection.h"
+#include "streamclass/event_listeners.h"
 #include "streamclass/filter_view.h"
 
 namespace winsim {
@@ -99,6 +100,22 @@ class StreamClass {
     // SRBs sent and SRBs the minidriver has completed so far.
     uint64_t SrbsSent() const;
     uint64_t SrbsCompleted() const;
+
+    // ---- Device events, as an application enables them on the filter
+    // (streamclass/event_listeners.cpp).
+    // Enables event `id` of `set`: both must be among the published device
+    // event sets (else STATUS_PROPSET_NOT_FOUND / STATUS_NOT_FOUND); the
+    // minidriver's device event routine is asked at PASSIVE_LEVEL and a
+    // failure refuses the enable. Null unless enabled; `status` says why.
+    std::shared_ptr<DeviceEventListener> EnableDeviceEvent(const GUID& set, ULONG id,
+                                                           NTSTATUS* status = nullptr);
+    // Forgets the event and tells the minidriver (Enable FALSE); its status
+    // is returned. STATUS_NOT_FOUND for a listener not enabled.
+    NTSTATUS DisableDeviceEvent(const std::shared_ptr<DeviceEventListener>& listener);
+    // Every event still enabled, as closing the filter does; Stop() calls it.
+    void DisableAllDeviceEvents();
+    // SRB_PAGING_OUT_DRIVER, as the class sends it before paging the minidriver out.
+    SrbResult PageOutDriver();
 
   private:
     struct Impl;

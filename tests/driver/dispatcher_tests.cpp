@@ -51,11 +51,11 @@ TEST_F(DispatcherTest, UnknownRequestsCompleteNotImplementedWithTheirMessage) {
 TEST_F(DispatcherTest, PagingOutAndSurpriseRemovalStopTheInterruptPipe) {
     EXPECT_EQ(Class().SendAdapterSrb(SRB_PAGING_OUT_DRIVER).status, STATUS_SUCCESS);
     EXPECT_FALSE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
-    URB interruptUrb{};
-    Ext()->InterruptUrb = &interruptUrb;
+    ASSERT_EQ(InterruptAllocateResources(Ext()), STATUS_SUCCESS);
     EXPECT_EQ(Class().SendAdapterSrb(SRB_PAGING_OUT_DRIVER).status, STATUS_SUCCESS);
     EXPECT_TRUE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
-    Ext()->InterruptUrb = nullptr;
+    EXPECT_EQ(Ext()->InterruptUrb, nullptr);
+    Camera().ClearRequests();
     EXPECT_EQ(Class().SendAdapterSrb(SRB_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
     EXPECT_EQ(Ext()->Removed, 1);
     EXPECT_TRUE(TakenUnderRequestMutex(&Ext()->InterruptMutex));
