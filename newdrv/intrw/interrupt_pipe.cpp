@@ -183,10 +183,13 @@ static ULONG OrnixEventWordFromPacket(PORNIX_DEVICE_CONTEXT Ext, ULONG Received)
 }
 
 // The transfer has finished for good: InterruptStop may go on and the
-// resources may be released. Nothing of the IRP is touched afterwards.
+// resources may be released. The flag is cleared last: a stop that finds it
+// clear frees the IRP and may let teardown free the device context, so the
+// event must be set by then. (A stop that reset the event in between waits
+// its second and then finds the flag clear: slow, but nothing is lost.)
 static VOID OrnixInterruptTransferEnded(PORNIX_DEVICE_CONTEXT Ext) {
-    InterlockedExchange(&Ext->InterruptPending, 0);
     KeSetEvent(&Ext->StopEvent, IO_NO_INCREMENT, FALSE);
+    InterlockedExchange(&Ext->InterruptPending, 0);
 }
 
 // IRQL: <= DISPATCH_LEVEL, in the USB stack's completion context. The IRP is

@@ -1,6 +1,7 @@
 #include "rig/rig.h"
 
 #include "kernel/kernel.h"
+#include "kernel/sim_clock.h"
 
 namespace ornixrig {
 
@@ -29,9 +30,39 @@ Rig::Rig(RigOptions options)
         winsim::SetRegistryString(pdo, PLUGPLAY_REGKEY_DRIVER, name, value);
     }
     streamClass_->AddDevice(pdo, options.withoutRealPdo ? nullptr : pdo);
+    pluggedIn100ns_ = winsim::Now100ns();
+    const ornixcam::EventsProfile& events = camera_->GetProfile().events;
+    if (events.periodMs != 0 || !events.at.empty()) {
+        schedule_ = std::thread([this] { RunEventSchedule(); });
+    }
+}
+
+void Rig::RunEventSchedule() {
+    std::unique_lock lock(scheduleMutex_);
+    while (!scheduleStopped_) {
+        const std::optional<int64_t> next =
+            camera_->RunEventSchedule(winsim::Now100ns() - pluggedIn100ns_);
+        if (!next) {
+            return;
+        }
+        scheduleWake_.wait_until(lock, winsim::kernel::RealTimeAt(pluggedIn100ns_ + *next),
+                                 [this] { return scheduleStopped_; });
+    }
+}
+
+void Rig::StopEventSchedule() {
+    {
+        std::lock_guard lock(scheduleMutex_);
+        scheduleStopped_ = true;
+    }
+    scheduleWake_.notify_all();
+    if (schedule_.joinable()) {
+        schedule_.join();
+    }
 }
 
 Rig::~Rig() {
+    StopEventSchedule();
     // The driver goes first: its teardown may still talk to the camera.
     streamClass_.reset();
     winsim::ClearRegistry(usb_->PhysicalDeviceObject());

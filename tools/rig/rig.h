@@ -3,11 +3,15 @@
 // tool, the tests, the fuzz targets and the benchmarks all start from here.
 #pragma once
 
+#include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include "camera/camera.h"
 #include "ornix.h"
@@ -44,9 +48,20 @@ public:
     PORNIX_DEVICE_CONTEXT Device() const;
 
 private:
+    // Raises the events of the profile's schedule when they fall due, in
+    // simulated time since the camera was plugged in.
+    void RunEventSchedule();
+    void StopEventSchedule();
+
     std::unique_ptr<ornixcam::Camera> camera_;
     std::unique_ptr<usbsim::UsbStack> usb_;
     std::unique_ptr<winsim::StreamClass> streamClass_;
+
+    int64_t pluggedIn100ns_ = 0;
+    std::mutex scheduleMutex_;
+    std::condition_variable scheduleWake_;
+    bool scheduleStopped_ = false;
+    std::thread schedule_;
 };
 
 }  // namespace ornixrig
