@@ -183,13 +183,12 @@ static ULONG OrnixEventWordFromPacket(PORNIX_DEVICE_CONTEXT Ext, ULONG Received)
 }
 
 // The transfer has finished for good: InterruptStop may go on and the
-// resources may be released. The flag is cleared last: a stop that finds it
-// clear frees the IRP and may let teardown free the device context, so the
-// event must be set by then. (A stop that reset the event in between waits
-// its second and then finds the flag clear: slow, but nothing is lost.)
+// resources may be released. The flag clears first, so that a stop woken by
+// the event finds it clear and its free succeeds; the event is the last
+// touch of the device context, and nothing of the IRP is touched afterwards.
 static VOID OrnixInterruptTransferEnded(PORNIX_DEVICE_CONTEXT Ext) {
-    KeSetEvent(&Ext->StopEvent, IO_NO_INCREMENT, FALSE);
     InterlockedExchange(&Ext->InterruptPending, 0);
+    KeSetEvent(&Ext->StopEvent, IO_NO_INCREMENT, FALSE);
 }
 
 // IRQL: <= DISPATCH_LEVEL, in the USB stack's completion context. The IRP is

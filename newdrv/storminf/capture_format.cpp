@@ -1,15 +1,10 @@
 // Capture-format selection: programs a capture format bank for a colour id,
 // window, binning, start position and frame frequency, writing only what
 // changed since the last selection.
-#include "ornix.h"
+#include "bank_window.h"
 
-#define ORNIX_BIN_FACTOR(v) ((v)&0xFF)
 #define ORNIX_LARGEST_INTERVAL ((LONGLONG)0x7FFFFFFFFFFFFFFF)
 #define ORNIX_SMALLEST_INTERVAL (-ORNIX_LARGEST_INTERVAL - 1)
-
-// Both halves of a position register, sign-extended.
-#define ORNIX_POSITION_X(v) ((LONG)(SHORT)((v)&0xFFFF))
-#define ORNIX_POSITION_Y(v) ((LONG)(SHORT)((v) >> 16))
 
 // IRQL: any.
 LONGLONG OrnixFrameInterval(ULONG Width, ULONG Height, ULONG BitsPerPixel, ULONG Frequency) {
@@ -61,36 +56,6 @@ static LONG OrnixPickChartEntry(PORNIX_DEVICE_CONTEXT Ext, ULONG Width, ULONG He
     return chosen;
 }
 
-// Steps that write the bank: on failure the message is printed here and the
-// caller forgets the format.
-static NTSTATUS OrnixWriteCaptureWindow(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank, ULONG Width,
-                                        ULONG Height) {
-    NTSTATUS status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_POSITION, Bank), 0);
-    if (!NT_SUCCESS(status)) {
-        DbgPrint(ORNIX_PREFIX "Failed to set the position\n");
-        return status;
-    }
-    status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_BINNING, Bank),
-                           Ext->BinningX | (Ext->BinningY << 16));
-    if (!NT_SUCCESS(status)) {
-        DbgPrint(ORNIX_PREFIX "Failed to set the binning\n");
-        return status;
-    }
-    status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_SIZE, Bank), Width | (Height << 16));
-    if (!NT_SUCCESS(status)) {
-        DbgPrint(ORNIX_PREFIX "Failed to set the size\n");
-        return status;
-    }
-    Ext->WindowWidth = Width;
-    Ext->WindowHeight = Height;
-    status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_POSITION, Bank),
-                           ((ULONG)Ext->StartY << 16) | ((ULONG)Ext->StartX & 0xFFFF));
-    if (!NT_SUCCESS(status)) {
-        DbgPrint(ORNIX_PREFIX "Failed to set the position to centered\n");
-    }
-    return status;
-}
-
 static NTSTATUS OrnixReadFrequencies(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank) {
     ULONG para = 0;
     NTSTATUS status = OrnixRegRead(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_FREQ_PARA, Bank), &para);
@@ -114,25 +79,6 @@ static NTSTATUS OrnixReadFrequencies(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank) {
     return STATUS_SUCCESS;
 }
 
-// A camera that places the window itself is asked to check it, and the
-// start position it settles on becomes the applied one.
-static NTSTATUS OrnixValidateCaptureWindow(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank) {
-    NTSTATUS status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_VALIDATE, Bank), 0);
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("Failed to validate\n");
-        return status;
-    }
-    ULONG position = 0;
-    status = OrnixRegRead(Ext, ORNIX_BANK_REGISTER(ORNIX_FMT_POSITION, Bank), &position);
-    if (!NT_SUCCESS(status)) {
-        DbgPrint(ORNIX_PREFIX "Failed to read cur pos\n");
-        return status;
-    }
-    Ext->StartX = ORNIX_POSITION_X(position);
-    Ext->StartY = ORNIX_POSITION_Y(position);
-    return STATUS_SUCCESS;
-}
-
 // Steps 2 to 5 of a selection: colour id, window, frequencies, validation.
 static NTSTATUS OrnixProgramCaptureBank(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format,
                                         ULONG Width, ULONG Height) {
@@ -150,7 +96,9 @@ static NTSTATUS OrnixProgramCaptureBank(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT
         Ext->WindowHeight = 0;
     }
     if (Width != Ext->WindowWidth || Height != Ext->WindowHeight) {
-        status = OrnixWriteCaptureWindow(Ext, bank, Width, Height);
+        status = OrnixWriteBankWindow(Ext, &OrnixCaptureWindow, bank, Ext->BinningX, Ext->BinningY,
+                                      Width, Height, Ext->StartX, Ext->StartY, &Ext->WindowWidth,
+                                      &Ext->WindowHeight);
         if (!NT_SUCCESS(status)) {
             return status;
         }
@@ -165,7 +113,7 @@ static NTSTATUS OrnixProgramCaptureBank(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT
         }
     }
     if (Ext->SensorLayout & ORNIX_SENSOR_PLACES_WINDOW) {
-        return OrnixValidateCaptureWindow(Ext, bank);
+        return OrnixValidateBankWindow(Ext, &OrnixCaptureWindow, bank, &Ext->StartX, &Ext->StartY);
     }
     return STATUS_SUCCESS;
 }
@@ -184,10 +132,7 @@ static NTSTATUS OrnixApplyFrequency(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_REC
         DbgPrint(ORNIX_PREFIX "Failed to read the current color id\n");
         return STATUS_UNSUCCESSFUL;
     }
-    if (colour == 0 && !(Ext->SensorLayout & ORNIX_SENSOR_PLACES_WINDOW)) {
-        colour = Format->ColourId;
-    }
-    Ext->CaptureColourValue = colour;
+    Ext->CaptureColourValue = OrnixSelectedColourValue(Ext, colour, Format);
     return STATUS_SUCCESS;
 }
 

@@ -1,9 +1,6 @@
 // Takes the capture state from the camera when the frame-rate chart is needed
 // before any selection: the format, window and frequencies set in bank 0.
-#include "ornix.h"
-
-#define ORNIX_POSITION_X(v) ((LONG)(SHORT)((v)&0xFFFF))
-#define ORNIX_POSITION_Y(v) ((LONG)(SHORT)((v) >> 16))
+#include "bank_window.h"
 
 // The record of bank 0 with this colour id, or NULL.
 static PORNIX_FORMAT_RECORD OrnixFindBankZeroFormat(PORNIX_DEVICE_CONTEXT Ext, ULONG ColourId) {

@@ -1,56 +1,19 @@
 // Still-format selection: the camera's separate still bank, programmed for a
 // format, window, binning and start position. No frame rates here.
-#include "ornix.h"
+#include "bank_window.h"
 
-#define ORNIX_BIN_FACTOR(v) ((v)&0xFF)
-#define ORNIX_POSITION_X(v) ((LONG)(SHORT)((v)&0xFFFF))
-#define ORNIX_POSITION_Y(v) ((LONG)(SHORT)((v) >> 16))
-
-// The four window writes and the validation; messages printed here.
+// The four window writes, then the validation by a camera that places the
+// window itself.
 static NTSTATUS OrnixWriteStillWindow(PORNIX_DEVICE_CONTEXT Ext, ULONG Bank, ULONG Width,
                                       ULONG Height) {
-    NTSTATUS status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_STILL_POSITION, Bank), 0);
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("Failed to set the position\n");
+    NTSTATUS status = OrnixWriteBankWindow(
+        Ext, &OrnixStillWindow, Bank, Ext->StillBinningX, Ext->StillBinningY, Width, Height,
+        Ext->StillStartX, Ext->StillStartY, &Ext->StillWindowWidth, &Ext->StillWindowHeight);
+    if (!NT_SUCCESS(status) || !(Ext->SensorLayout & ORNIX_SENSOR_PLACES_WINDOW)) {
         return status;
     }
-    status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_STILL_BINNING, Bank),
-                           Ext->StillBinningX | (Ext->StillBinningY << 16));
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("Failed to set the binning\n");
-        return status;
-    }
-    status =
-        OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_STILL_SIZE, Bank), Width | (Height << 16));
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("Failed to set the size\n");
-        return status;
-    }
-    Ext->StillWindowWidth = Width;
-    Ext->StillWindowHeight = Height;
-    status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_STILL_POSITION, Bank),
-                           ((ULONG)Ext->StillStartY << 16) | ((ULONG)Ext->StillStartX & 0xFFFF));
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("Failed to set the position to centered\n");
-        return status;
-    }
-    if (!(Ext->SensorLayout & ORNIX_SENSOR_PLACES_WINDOW)) {
-        return STATUS_SUCCESS;
-    }
-    status = OrnixRegWrite(Ext, ORNIX_BANK_REGISTER(ORNIX_STILL_VALIDATE, Bank), 0);
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("Failed to validate\n");
-        return status;
-    }
-    ULONG position = 0;
-    status = OrnixRegRead(Ext, ORNIX_BANK_REGISTER(ORNIX_STILL_POSITION, Bank), &position);
-    if (!NT_SUCCESS(status)) {
-        DbgPrint(ORNIX_PREFIX "Failed to read cur pos\n");
-        return status;
-    }
-    Ext->StillStartX = ORNIX_POSITION_X(position);
-    Ext->StillStartY = ORNIX_POSITION_Y(position);
-    return STATUS_SUCCESS;
+    return OrnixValidateBankWindow(Ext, &OrnixStillWindow, Bank, &Ext->StillStartX,
+                                   &Ext->StillStartY);
 }
 
 // IRQL: PASSIVE_LEVEL, under RequestMutex, after OrnixValidateWindow (still).
@@ -88,9 +51,6 @@ NTSTATUS OrnixSelectStillFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD 
         DbgPrint(ORNIX_PREFIX "Failed to read the current color id\n");
         return STATUS_UNSUCCESSFUL;
     }
-    if (colour == 0 && !(Ext->SensorLayout & ORNIX_SENSOR_PLACES_WINDOW)) {
-        colour = Format->ColourId;
-    }
-    Ext->StillColourValue = colour;
+    Ext->StillColourValue = OrnixSelectedColourValue(Ext, colour, Format);
     return STATUS_SUCCESS;
 }

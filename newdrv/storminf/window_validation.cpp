@@ -1,9 +1,6 @@
 // Reconciles the binning and start position asked for with the window an
 // application wants, before a capture or still format is selected.
-#include "ornix.h"
-
-// The binning factor is the low byte of a binning value.
-#define ORNIX_BIN_FACTOR(v) ((v)&0xFF)
+#include "bank_window.h"
 
 // IRQL: PASSIVE_LEVEL, under RequestMutex.
 VOID OrnixValidateWindow(PORNIX_DEVICE_CONTEXT Ext, BOOLEAN Still, ULONG Width, ULONG Height,

@@ -36,16 +36,6 @@ std::string Size(int32_t w, int32_t h) {
     return std::to_string(w) + "x" + std::to_string(h);
 }
 
-std::string Interval(int64_t interval100ns) {
-    if (interval100ns <= 0) {
-        return std::to_string(interval100ns);
-    }
-    char text[48];
-    std::snprintf(text, sizeof text, "%lld (%.2f fps)", static_cast<long long>(interval100ns),
-                  1e7 / static_cast<double>(interval100ns));
-    return text;
-}
-
 nlohmann::ordered_json FormatJson(const winsim::DataRangeView& range, ULONG index,
                                   const ORNIX_FORMAT_RECORD* record) {
     nlohmann::ordered_json f;
@@ -198,8 +188,8 @@ int RunFormats(Session& session, bool json, std::ostream& out) {
                 {num("index"), num("bank"), num("colourId"), f["subtype"].get<std::string>(),
                  f["fourcc"].get<std::string>(), num("bitsPerPixel"), Size(f["width"], f["height"]),
                  Size(f["minWidth"], f["minHeight"]), Size(f["maxWidth"], f["maxHeight"]),
-                 Size(f["stepX"], f["stepY"]), Interval(f["frameInterval"]),
-                 Interval(f["minFrameInterval"]), Interval(f["maxFrameInterval"]),
+                 Size(f["stepX"], f["stepY"]), IntervalText(f["frameInterval"]),
+                 IntervalText(f["minFrameInterval"]), IntervalText(f["maxFrameInterval"]),
                  num("bitRate") + " (" + num("minBitsPerSecond") + ".." + num("maxBitsPerSecond") +
                      ")",
                  num("sampleSize") + (f["fixedSizeSamples"].get<bool>() ? "" : " variable")});

@@ -196,4 +196,14 @@ std::string NtStatusName(NTSTATUS status) {
     return hex;
 }
 
+std::string IntervalText(int64_t interval100ns) {
+    if (interval100ns <= 0) {
+        return std::to_string(interval100ns);
+    }
+    char text[48];
+    std::snprintf(text, sizeof text, "%lld (%.2f fps)", static_cast<long long>(interval100ns),
+                  1e7 / static_cast<double>(interval100ns));
+    return text;
+}
+
 }  // namespace ornixctl

@@ -23,6 +23,9 @@ std::string SubtypeName(const GUID& subtype);
 // The four bytes in memory order ("RGGB"), "" for 0; other bytes as \xNN.
 std::string FourCCText(uint32_t fourCC);
 std::string HexText(uint32_t value, int digits);
+// A frame interval in 100 ns units with its rate: "266666 (37.50 fps)"; the
+// number alone when it is not positive.
+std::string IntervalText(int64_t interval100ns);
 // "STATUS_NO_MATCH (0xC0000272)"; the number alone for a status we do not name.
 std::string NtStatusName(NTSTATUS status);
 

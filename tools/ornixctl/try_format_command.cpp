@@ -32,16 +32,6 @@ std::optional<int32_t> PositiveNumber(std::string_view text) {
     return value;
 }
 
-std::string IntervalText(int64_t interval) {
-    if (interval <= 0) {
-        return std::to_string(interval);
-    }
-    char text[48];
-    std::snprintf(text, sizeof text, "%lld (%.2f fps)", static_cast<long long>(interval),
-                  1e7 / static_cast<double>(interval));
-    return text;
-}
-
 nlohmann::ordered_json AnswerJson(const winsim::VideoFormatView& f) {
     nlohmann::ordered_json j;
     j["formatSize"] = f.formatSize;
