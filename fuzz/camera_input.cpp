@@ -48,7 +48,7 @@ void MutateBanks(Input& in, ornixcam::Profile& profile) {
     for (unsigned e = 0; e < edits && !profile.formatBanks.empty(); ++e) {
         auto& bank =
             profile.formatBanks[in.Pick(static_cast<unsigned>(profile.formatBanks.size()))];
-        switch (in.Pick(7)) {
+        switch (in.Pick(9)) {
             case 0:
                 bank.maxSize = {in.U16(), in.U16()};
                 break;
@@ -67,6 +67,18 @@ void MutateBanks(Input& in, ornixcam::Profile& profile) {
             case 5:
                 bank.frequencyMin = in.U16();
                 bank.frequencyMax = in.U16();
+                break;
+            case 6:
+                // How the camera answers what the driver programs.
+                bank.validate = static_cast<ornixcam::ValidateMode>(in.Pick(4));
+                bank.colorIdReadBack = static_cast<ornixcam::ColorIdReadBack>(in.Pick(3));
+                bank.interlaced = in.Bool();
+                bank.bottomUp = in.Bool();
+                break;
+            case 7:
+                bank.binnings = {in.Byte(), in.Byte()};
+                bank.startX = static_cast<int16_t>(in.U16());
+                bank.startY = static_cast<int16_t>(in.U16());
                 break;
             default:
                 bank.frequencyCurrent = in.U32();

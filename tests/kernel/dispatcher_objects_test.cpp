@@ -131,8 +131,9 @@ TEST_F(DispatcherObjects, SpeedingTheClockUpWakesSleepersToRecomputeTheirDeadlin
              KeDelayExecutionThread(KernelMode, FALSE, &hour);
          }},
     };
-    for (const auto& [name, sleep] : sleepers) {
-        SCOPED_TRACE(name);
+    for (const auto& sleeper_case : sleepers) {
+        SCOPED_TRACE(sleeper_case.first);
+        const auto& sleep = sleeper_case.second;  // a plain reference: lambdas capture it
         winsim::SetTimeScale(1);
         std::atomic<bool> woke = false;
         std::thread sleeper([&] {

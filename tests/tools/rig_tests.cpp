@@ -39,9 +39,10 @@ TEST(Rig, TheProfilesDriverKeyReachesTheDriver) {
 // bytes passes on one host controller and fails on the other. (The URB's status
 // and length per controller: ShortTransferTest in usb_tests.)
 TEST(Rig, TheProfilesHostControllerDecidesWhetherAShortReadFails) {
-    for (const auto& [behaviour, status] :
+    for (const auto& [behaviour, expected] :
          {std::pair{"succeeds", STATUS_SUCCESS}, {"fails", STATUS_UNSUCCESSFUL}}) {
         SCOPED_TRACE(behaviour);
+        const NTSTATUS status = expected;  // lambdas cannot capture a structured binding
         WithRig(std::string(R"({"hostController": {"shortInTransfer": ")") + behaviour + "\"}}",
                 [&](ornixrig::Rig& rig) {
                     rig.Camera().SetShortRead(ORNIX_SPEC_VERSION, 2);
