@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "stream_class_fixture.h"
@@ -237,30 +238,24 @@ TEST(VideoFormatDecoding, ARequestChangesOnlySizeAndRateAndTheAnswerDecodes) {
     EXPECT_EQ(asked.VideoInfoHeader.bmiHeader.biWidth, 320);
     EXPECT_EQ(asked.VideoInfoHeader.bmiHeader.biHeight, -240);  // still top-down
     EXPECT_EQ(asked.VideoInfoHeader.AvgTimePerFrame, 666666);
-    asked.VideoInfoHeader = range.VideoInfoHeader;
-    EXPECT_EQ(std::memcmp(&asked, &range, sizeof range), 0);  // nothing else changed
+    KS_DATARANGE_VIDEO rest = asked;
+    rest.VideoInfoHeader = range.VideoInfoHeader;
+    EXPECT_EQ(std::memcmp(&rest, &range, sizeof range), 0);  // nothing else changed
     EXPECT_FALSE(winsim::VideoRangeRequest(published.first(100), 1, 1, 1));
 
-    // An answer: the range's header and its video information.
+    // An answer: the range's header and its video information (the video
+    // information itself decodes as a published range's does).
     std::vector<uint8_t> format(sizeof(KSDATAFORMAT) + sizeof(KS_VIDEOINFOHEADER));
     KSDATAFORMAT header = range.DataRange;
     header.FormatSize = static_cast<ULONG>(format.size());
     header.SampleSize = 153600;
-    KS_VIDEOINFOHEADER video = asked.VideoInfoHeader;
-    video.bmiHeader.biHeight = 240;
-    video.bmiHeader.biCompression = 0x42474752;  // "RGGB"
-    video.bmiHeader.biSizeImage = 76800;
-    video.dwBitRate = 9216000;
     std::memcpy(format.data(), &header, sizeof header);
-    std::memcpy(format.data() + sizeof header, &video, sizeof video);
-    // Each field comes from its own place; ornixctl's try-format shows the rest.
+    std::memcpy(format.data() + sizeof header, &asked.VideoInfoHeader,
+                sizeof asked.VideoInfoHeader);
     const auto decoded = winsim::DecodeVideoFormat(format);
     ASSERT_TRUE(decoded);
-    EXPECT_EQ(decoded->width, 640);
-    EXPECT_EQ(decoded->height, 240);
-    EXPECT_FALSE(decoded->topDown);
-    EXPECT_EQ(decoded->sampleSize, 153600u);
-    EXPECT_EQ(decoded->bitRate, 9216000u);
+    EXPECT_EQ(std::tuple(decoded->width, decoded->height, decoded->sampleSize),
+              std::tuple(320, 240, 153600u));
     EXPECT_FALSE(decoded->hasPalette);
     format.push_back(0);  // FormatSize no longer the length
     EXPECT_FALSE(winsim::DecodeVideoFormat(format));

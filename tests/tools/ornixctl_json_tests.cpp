@@ -95,9 +95,8 @@ TEST_F(OrnixctlJsonTest, ControlsNameTheSetsAndPublishRanges) {
         }
     }
     ASSERT_EQ(names.size(), session_->Device()->PropertySetCount);
-    EXPECT_EQ(names.back(), "TevrinSgl");
-    EXPECT_EQ(names[names.size() - 2], "VideoControl");
-    EXPECT_EQ(names[names.size() - 3], "OxCustom");
+    EXPECT_EQ(std::vector(names.end() - 3, names.end()),
+              (std::vector<std::string>{"OxCustom", "VideoControl", "TevrinSgl"}));
     const PKSPROPERTY_STEPPING_LONG range = session_->Device()->ExposureRange;
     ASSERT_NE(range, nullptr);
     ASSERT_FALSE(exposure.is_null());
