@@ -97,6 +97,7 @@ TEST_F(DeviceEventTest, EnableChecksTheSetAndIdThenAsksTheMinidriver) {
         EXPECT_EQ(d.EnableEventSetIndex, 1u);  // the set's place in the device event array
         EXPECT_EQ(gCalls[n].irql, PASSIVE_LEVEL);
     }
+    EXPECT_EQ(listener->Entry()->EventSet, &gSets[1]);
     EXPECT_EQ(listener->Entry()->EventItem, &kItemsB[0]);
     Signal(*sc, kSetB, 0);
     EXPECT_EQ(listener->Count(), 0u) << "disabled";
