@@ -114,6 +114,8 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
         {R"({"formatBanks": [{}, {"colorIdReadBack": 0}]})", "formatBanks[1].colorIdReadBack"},
         {R"({"formatBanks": )" + banks + "}", "formatBanks: at most 32"},
         {R"({"events": {"every": {"ms": 0, "mask": 1}}})", "events.every.ms: must be at least 1"},
+        {R"({"events": {"every": {"mask": 1}}})", "events.every.ms: missing"},
+        {R"({"events": {"sometimes": true}})", "events.sometimes: unknown field"},
         {R"({"events": {"at": [{"ms": 5, "mask": 1}, {"ms": 4, "mask": 1}]}})",
          "events.at[1].ms: must not be earlier than the entry before"},
         {R"({"events": {"faults": ["babble"]}})",
