@@ -31,27 +31,6 @@ TEST(FormatBanks, ExistOnlyBelowTheFormatCount) {
     EXPECT_EQ(Read(greedy, reg::kSupport0), 1u);
 }
 
-TEST(FormatBanks, TheChartComesTwoEntriesPerReadAndColourIdsKeepTheirFlags) {
-    Camera camera(ParseProfile(R"({"formatBanks": [
-        {"frequency": {"min": 2000, "max": 10000}, "chart": [2000, 4000, 6000, 8000, 10000],
-         "colorId": 8, "interlaced": true, "bottomUp": true,
-         "colorInquiry": {"base": 8, "extra": "0xFFFF", "interlaced": true}}]})"));
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyCount), 5u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), 0x0FA007D0u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), 0x1F401770u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), 0x00002710u);
-    // Past the end it starts over, and so does every count read.
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), 0x0FA007D0u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyCount), 5u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), 0x0FA007D0u);
-    // The current frequency defaults to the minimum.
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kCurrentFrequency), 2000u);
-
-    // The colour id powers up with the bank's flags.
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorInquiry), 0x01FFFF08u);
-    EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorId), 0x03000008u);
-}
-
 uint32_t Pack(uint32_t low, uint32_t high) {
     return (low & 0xFFFF) | high << 16;
 }
@@ -173,8 +152,12 @@ TEST(FormatBanks, ColourIdReadBackFollowsTheProfile) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
         Camera camera(Sensor(std::string(R"(, "interlaced": true, "bottomUp": true,
+            "colorInquiry": {"base": 8, "extra": "0xFFFF", "interlaced": true},
             "colorIdReadBack": ")") +
                              c.mode + "\""));
+        // The id powers up with the bank's flags whatever the mode.
+        EXPECT_EQ(Capture(camera, 0, kColorId), kFlags | 8);
+        EXPECT_EQ(Capture(camera, 0, reg::fmt::kColorInquiry), 0x01FFFF08u);
         for (const BankSide& side : kSides) {
             ASSERT_EQ(WriteRegister(camera, side.at(0, kColorId), 0x12345609), kAck);
             EXPECT_EQ(camera.PeekRegister(side.at(0, kColorId)), c.afterWrite);
@@ -190,13 +173,17 @@ TEST(FormatBanks, ColourIdReadBackFollowsTheProfile) {
     }
 }
 
-// Charts a driver must cope with, as pairs of entries per array read.
-TEST(FormatBanks, IrregularChartsReadAsTheProfileDescribesThem) {
+// Charts as pairs of entries per array read, regular ones and the irregular
+// ones a driver must cope with.
+TEST(FormatBanks, ChartsReadAsTheProfileDescribesThem) {
     struct Case {
         const char* bank;
         uint32_t count;
         std::vector<uint32_t> reads;  // array reads after the count read, then it starts over
     } cases[] = {
+        {R"("frequency": {"min": 2000, "max": 10000}, "chart": [2000, 4000, 6000, 8000, 10000])",
+         5,
+         {Pack(2000, 4000), Pack(6000, 8000), Pack(10000, 0)}},
         // Count above the chart: the missing entries read 0.
         {R"("chart": [2000, 4000, 6000], "chartCount": 6)",
          6,
@@ -217,7 +204,14 @@ TEST(FormatBanks, IrregularChartsReadAsTheProfileDescribesThem) {
                 EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), pair);
             }
         }
+        // Every count read starts the chart over.
+        Capture(camera, 0, reg::fmt::kFrequencyArray);
+        EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyCount), c.count);
+        EXPECT_EQ(Capture(camera, 0, reg::fmt::kFrequencyArray), c.reads[0]);
     }
+    // The current frequency powers up at the minimum.
+    Camera camera(ParseProfile(R"({"formatBanks": [{"frequency": {"min": 2000, "max": 10000}}]})"));
+    EXPECT_EQ(Capture(camera, 0, reg::fmt::kCurrentFrequency), 2000u);
 }
 
 constexpr uint32_t kPresent = 1u << 31, kAutoAvailable = 1u << 30, kAutoOn = 1u << 14;

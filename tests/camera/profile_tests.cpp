@@ -113,6 +113,13 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
          R"(formatBanks[0].validate: expected one of "keep", "clamp", "centre", "align")"},
         {R"({"formatBanks": [{}, {"colorIdReadBack": 0}]})", "formatBanks[1].colorIdReadBack"},
         {R"({"formatBanks": )" + banks + "}", "formatBanks: at most 32"},
+        {R"({"events": {"every": {"ms": 0, "mask": 1}}})", "events.every.ms: must be at least 1"},
+        {R"({"events": {"every": {"mask": 1}}})", "events.every.ms: missing"},
+        {R"({"events": {"sometimes": true}})", "events.sometimes: unknown field"},
+        {R"({"events": {"at": [{"ms": 5, "mask": 1}, {"ms": 4, "mask": 1}]}})",
+         "events.at[1].ms: must not be earlier than the entry before"},
+        {R"({"events": {"faults": ["babble"]}})",
+         R"(events.faults[0]: expected "longPacket", "zeroLength" or "stall", got "babble")"},
         {R"({"properties": {"brightnes": {}}})", "properties.brightnes: not a property"},
         {R"({"properties": {"record57": {}}})", "properties.record57"}};
     for (const BadProfile& c : cases) {
