@@ -256,9 +256,8 @@ TEST_F(FormatTest, BinningAndStartAreReconciledWithTheWindow) {
     PORNIX_DEVICE_CONTEXT ext = Ext();
     for (const Fields& f : forms) {
         for (const Case& c : cases) {
-            SCOPED_TRACE(::testing::Message() << (f.still ? "still " : "capture ") << c.width << "x"
-                                              << c.height << " bin " << c.bin[0] << "/" << c.bin[1]
-                                              << " start " << c.start[0] << "/" << c.start[1]);
+            SCOPED_TRACE(::testing::Message()
+                         << (f.still ? "still, case " : "capture, case ") << &c - cases);
             ASSERT_EQ(f.still ? SelectStill(Record(0, 8), 1280, 1024)
                               : SelectCapture(Record(0, 8), 1280, 1024),
                       STATUS_SUCCESS);
@@ -299,18 +298,18 @@ TEST_F(FormatTest, BinningAndStartAreReconciledWithTheWindow) {
 TEST_F(FormatTest, SelectionWritesOnlyWhatChanged) {
     // The 24 000 entry at 640 x 512 x 8 and at 1280 x 1024 x 8.
     const LONGLONG requested = 133333, requestedFull = 533333;
-    const std::vector<RegisterAccess> afterWindow = {
-        Rd(ORNIX_FMT_FREQ_PARA, Pack(12000, 48000)),
-        Rd(ORNIX_FMT_CUR_FREQ, 24000),
-        Rd(ORNIX_FMT_FREQ_COUNT, 7),
-        Rd(ORNIX_FMT_FREQ_ARRAY, Pack(12000, 16000)),
-        Rd(ORNIX_FMT_FREQ_ARRAY, Pack(20000, 24000)),
-        Rd(ORNIX_FMT_FREQ_ARRAY, Pack(32000, 40000)),
-        Rd(ORNIX_FMT_FREQ_ARRAY, Pack(48000, 0)),
-        Wr(ORNIX_FMT_CUR_FREQ, 24000),
-        Rd(ORNIX_FMT_COLOR_ID, 8),
-        Rd(ORNIX_EXPOSURE_LIMITS, 0),  // 8 bytes
-    };
+    // The exposure limits are 8 bytes: no value.
+    const auto afterWindow =
+        std::vector<RegisterAccess>{Rd(ORNIX_FMT_FREQ_PARA, Pack(12000, 48000)),
+                                    Rd(ORNIX_FMT_CUR_FREQ, 24000),
+                                    Rd(ORNIX_FMT_FREQ_COUNT, 7),
+                                    Rd(ORNIX_FMT_FREQ_ARRAY, Pack(12000, 16000)),
+                                    Rd(ORNIX_FMT_FREQ_ARRAY, Pack(20000, 24000)),
+                                    Rd(ORNIX_FMT_FREQ_ARRAY, Pack(32000, 40000)),
+                                    Rd(ORNIX_FMT_FREQ_ARRAY, Pack(48000, 0)),
+                                    Wr(ORNIX_FMT_CUR_FREQ, 24000),
+                                    Rd(ORNIX_FMT_COLOR_ID, 8),
+                                    Rd(ORNIX_EXPOSURE_LIMITS, 0)};
     const auto window = [](uint32_t size, uint32_t position) {
         return std::vector<RegisterAccess>{
             Wr(ORNIX_FMT_POSITION, 0), Wr(ORNIX_FMT_BINNING, kNoBinning), Wr(ORNIX_FMT_SIZE, size),
@@ -326,16 +325,13 @@ TEST_F(FormatTest, SelectionWritesOnlyWhatChanged) {
 
     ASSERT_EQ(SelectCapture(Record(0, 8), 640, 512, &requested), STATUS_SUCCESS);
     EXPECT_EQ(Traffic(), afterWindow);
-    EXPECT_EQ(Chart(), (std::vector<USHORT>{12000, 16000, 20000, 24000, 32000, 40000, 48000}));
 
-    // Another size rewrites the window; another record the colour id and the window.
+    // Another record writes the colour id and the window again.
     Ext()->RequestedStartX = Ext()->RequestedStartY = 0;
-    ASSERT_EQ(SelectCapture(Record(0, 8), 1280, 1024, &requestedFull), STATUS_SUCCESS);
-    expected = window(Pack(1280, 1024), 0);
-    expected.push_back(Wr(ORNIX_FMT_CUR_FREQ, 24000));
-    EXPECT_EQ(Writes(), expected);
     ASSERT_EQ(SelectCapture(Record(0, 128), 1280, 1024, &requestedFull), STATUS_SUCCESS);
-    expected.insert(expected.begin(), Wr(ORNIX_FMT_COLOR_ID, 128));
+    expected = {Wr(ORNIX_FMT_COLOR_ID, 128)};
+    std::ranges::copy(window(Pack(1280, 1024), 0), std::back_inserter(expected));
+    expected.push_back(Wr(ORNIX_FMT_CUR_FREQ, 24000));
     EXPECT_EQ(Writes(), expected);
     EXPECT_EQ(Ext()->CaptureColourValue, 128u);
 

@@ -210,34 +210,6 @@ TEST_F(NegotiationTest, RangesMatchOnTheirDescriptionAndAWindowOnTheGrid) {
     }
 }
 
-// The frame interval asked for picks the chart entry; the answer carries the
-// entry's interval and the bit rate of frames at that interval.
-TEST_F(NegotiationTest, AnswerCarriesTheIntervalOfTheChosenEntry) {
-    constexpr LONGLONG kLongest = std::numeric_limits<LONGLONG>::max();
-    struct Case {
-        LONGLONG requested;
-        uint32_t frequency;
-        LONGLONG interval;
-        ULONG bitRate;  // 1 310 720 bytes x (80 000 000 / interval)
-    } cases[] = {
-        // The range announces 266 240 for 48 000 (its rule truncates early), the
-        // chart rule gives 266 666: the difference lies within the tolerance.
-        {266240, 48000, 266666, 393216000},
-        {kLongest, 12000, 1066666, 98304000},
-        {700000, 16000, 800000, 131072000},  // 640 000 would be shorter
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.requested);
-        Bytes range = CallerRange(Record(0, 8));
-        Video(range).VideoInfoHeader.AvgTimePerFrame = c.requested;
-        Answer answer = Intersect(ORNIX_CAPTURE_STREAM, range);
-        ASSERT_EQ(answer.result.status, STATUS_SUCCESS);
-        EXPECT_EQ(Bank(ORNIX_FMT_CUR_FREQ), c.frequency);
-        EXPECT_EQ(answer.Info().AvgTimePerFrame, c.interval);
-        EXPECT_EQ(answer.Info().dwBitRate, c.bitRate);
-    }
-}
-
 // An open pin's format is not touched: the answer describes what it runs and
 // keeps the frame rate and bit rate as sent. The still pin programs the still
 // bank and never has a frame rate.
