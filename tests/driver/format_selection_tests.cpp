@@ -126,14 +126,15 @@ TEST_F(ChartPickTest, TakesTheFastestEntryNotShorterThanAskedWithinTolerance) {
         LONGLONG interval;
         bool tooSlow;  // "Could not go tjhat solw"
     } cases[] = {
-        {503000, 25600, 500000, false},    // 50.3 ms: 50 ms lies within 1/128
-        {504000, 12800, 1000000, false},   // 50.4 ms: it does not
-        {1000000, 12800, 1000000, false},  // exactly the first
-        {1007874, 12800, 1000000, false},  // the first, at the edge of the tolerance
-        {1007875, 12800, 1000000, true},   // just beyond it
-        {100000, 38400, 333333, false},    // 10 ms: the last
-        {0, 38400, 333333, false},         // no tolerance, past every entry
-        {kLongest, 12800, 1000000, true}, {kMostNegative, 38400, 333333, false},
+        {503000, 25600, 500000, false},         // 50.3 ms: 50 ms lies within 1/128
+        {504000, 12800, 1000000, false},        // 50.4 ms: it does not
+        {1000000, 12800, 1000000, false},       // exactly the first
+        {1007874, 12800, 1000000, false},       // the first, at the edge of the tolerance
+        {1007875, 12800, 1000000, true},        // just beyond it
+        {100000, 38400, 333333, false},         // 10 ms: the last
+        {0, 38400, 333333, false},              // no tolerance, past every entry
+        {kLongest, 12800, 1000000, true},       // the bounds around it saturate
+        {kMostNegative, 38400, 333333, false},  // as around the most negative one
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.requested);
