@@ -104,30 +104,28 @@ class FormatTest : public DriverTest {
     template <typename Body>
     auto UnderRequestMutex(Body body) {
         KeWaitForSingleObject(&Ext()->RequestMutex, Executive, KernelMode, FALSE, nullptr);
-        struct Release {
-            PKMUTEX mutex;
-            ~Release() { KeReleaseMutex(mutex, FALSE); }
-        } release{&Ext()->RequestMutex};
-        return body();
+        const auto result = body();
+        KeReleaseMutex(&Ext()->RequestMutex, FALSE);
+        return result;
     }
 
-    // A capture selection as negotiation makes it, with the request's binning and start.
+    // A selection as negotiation makes it, with the request's binning and start.
     NTSTATUS SelectCapture(PORNIX_FORMAT_RECORD record, ULONG width, ULONG height,
                            const LONGLONG* interval = nullptr, PLONGLONG result = nullptr) {
         return UnderRequestMutex([&] {
-            const KS_DATARANGE_VIDEO& range = record->DataRange;
-            OrnixValidateWindow(Ext(), FALSE, width, height, range.ConfigCaps.MaxOutputSize.cx,
-                                range.ConfigCaps.MaxOutputSize.cy);
+            Validate(FALSE, record, width, height);
             return OrnixSelectFormat(Ext(), record, width, height, TRUE, interval, result);
         });
     }
     NTSTATUS SelectStill(PORNIX_FORMAT_RECORD record, ULONG width, ULONG height) {
         return UnderRequestMutex([&] {
-            const KS_DATARANGE_VIDEO& range = record->DataRange;
-            OrnixValidateWindow(Ext(), TRUE, width, height, range.ConfigCaps.MaxOutputSize.cx,
-                                range.ConfigCaps.MaxOutputSize.cy);
+            Validate(TRUE, record, width, height);
             return OrnixSelectStillFormat(Ext(), record, width, height);
         });
+    }
+    void Validate(BOOLEAN still, PORNIX_FORMAT_RECORD record, ULONG width, ULONG height) {
+        const SIZE& max = record->DataRange.ConfigCaps.MaxOutputSize;
+        OrnixValidateWindow(Ext(), still, width, height, max.cx, max.cy);
     }
     std::vector<USHORT> Chart() const {
         const PORNIX_DEVICE_CONTEXT ext = Ext();

@@ -20,8 +20,10 @@ class InterruptPipeTest : public DriverTest {
   public:
     // For the table of completions below.
     using DriverTest::Camera;
+    using DriverTest::Class;
     using DriverTest::Ext;
     using DriverTest::Stack;
+    std::vector<std::shared_ptr<winsim::DeviceEventListener>> listeners_;
 
   protected:
     // Under InterruptMutex, as every caller in the driver holds it.
@@ -45,14 +47,6 @@ class InterruptPipeTest : public DriverTest {
         winsim::ClearDebugLog();
     }
 
-    std::vector<uint64_t> EventCounts() const {
-        std::vector<uint64_t> counts;
-        for (const auto& listener : listeners_) {
-            counts.push_back(listener->Count());
-        }
-        return counts;
-    }
-
     // The transfer has ended for good (StopEvent), within a generous bound.
     bool WaitEnded() {
         LARGE_INTEGER timeout;
@@ -68,21 +62,16 @@ class InterruptPipeTest : public DriverTest {
     }
 
     uint64_t Submitted(RequestKind kind) const { return SubmittedSinceStart(kind); }
-
-    std::vector<std::shared_ptr<winsim::DeviceEventListener>> listeners_;
 };
 
-// Each step that can fail leaves nothing allocated; a second allocation keeps the first.
+// Each step that can fail leaves nothing allocated (the fixture checks the pool at
+// the end); a second allocation keeps the first.
 TEST_F(InterruptPipeTest, AllocationFailsCleanlyAtEachStep) {
-    const auto pool = [] { return winsim::OutstandingPool(); };
-    const auto before = pool();
     for (uint64_t attempt : {1, 2, 3}) {  // URB, receive buffer, IRP
         SCOPED_TRACE(attempt);
         winsim::FailNthAllocation(attempt);
         EXPECT_EQ(Locked(InterruptAllocateResources), STATUS_INSUFFICIENT_RESOURCES);
         winsim::ClearAllocationFailures();
-        EXPECT_EQ(pool()[kDriverTag].blocks, before.at(kDriverTag).blocks);
-        EXPECT_EQ(pool()[kIrpTag].blocks, before.count(kIrpTag) ? before.at(kIrpTag).blocks : 0);
         EXPECT_TRUE(Ext()->InterruptUrb == nullptr && Ext()->InterruptIrp == nullptr &&
                     Ext()->InterruptBuffer == nullptr);
     }
@@ -92,7 +81,6 @@ TEST_F(InterruptPipeTest, AllocationFailsCleanlyAtEachStep) {
         {.kind = RequestKind::SelectInterface, .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
     EXPECT_FALSE(NT_SUCCESS(Locked(InterruptAllocateResources)));
     EXPECT_EQ(Ext()->InterruptUrb, nullptr);
-    EXPECT_EQ(pool()[kDriverTag].blocks, before.at(kDriverTag).blocks);
     // Then it can: the buffer holds the pipe's largest transfer, never under four bytes.
     ASSERT_EQ(Locked(InterruptAllocateResources), STATUS_SUCCESS);
     EXPECT_EQ(Ext()->CurrentAltSetting, Ext()->VideoAltSetting);
@@ -107,10 +95,11 @@ TEST_F(InterruptPipeTest, AllocationFailsCleanlyAtEachStep) {
 // How a completed transfer ends: what it signals, whether it goes on.
 struct CompletionCase {
     const char* name;
-    std::function<void(InterruptPipeTest&)> happen;  // after the transfer started
-    std::vector<uint64_t> events;                    // per listener 0, 1, 2
+    void (*happen)(InterruptPipeTest&);  // after the transfer started, before the camera raises
+    uint32_t raised;                     // events the camera raises then
+    uint32_t signalled;                  // the listeners (of 0, 1, 2) signalled once
     bool resubmitted;
-    std::vector<std::string> lines;  // after "ORNIX: ---InterruptTransferComplete"
+    const char* line;  // after "ORNIX: ---InterruptTransferComplete", if any
 };
 
 class InterruptCompletionTest : public InterruptPipeTest,
@@ -120,98 +109,61 @@ TEST_P(InterruptCompletionTest, EndsOrGoesOnAsTheCompletionSays) {
     const CompletionCase& c = GetParam();
     StartWithListeners();
     c.happen(*this);
-    if (c.resubmitted) {
-        ASSERT_TRUE(listeners_[2]->WaitForCount(1));
-        Stack().WaitIdle();  // the completion routine has returned
-        EXPECT_TRUE(OrnixFlagIsSet(&Ext()->InterruptPending));
-        EXPECT_EQ(Submitted(RequestKind::BulkOrInterrupt), 2u);
-    } else {
-        ASSERT_TRUE(WaitEnded());
-        EXPECT_FALSE(OrnixFlagIsSet(&Ext()->InterruptPending));
-        EXPECT_EQ(Submitted(RequestKind::BulkOrInterrupt), 1u);
+    if (c.raised != 0) {
+        Camera().RaiseEvents(c.raised);
     }
-    EXPECT_EQ(EventCounts(), c.events);
+    ASSERT_TRUE(c.resubmitted ? listeners_[2]->WaitForCount(1) : WaitEnded());
+    Stack().WaitIdle();  // the completion routine has returned (it clears the flag last)
+    EXPECT_EQ(OrnixFlagIsSet(&Ext()->InterruptPending), c.resubmitted);
+    EXPECT_EQ(Submitted(RequestKind::BulkOrInterrupt), c.resubmitted ? 2u : 1u);
+    for (ULONG id = 0; id < 3; ++id) {
+        EXPECT_EQ(listeners_[id]->Count(), c.signalled >> id & 1) << "event " << id;
+    }
     std::vector<std::string> lines = {"ORNIX: ---InterruptTransferComplete"};
-    lines.insert(lines.end(), c.lines.begin(), c.lines.end());
+    if (c.line != nullptr) {
+        lines.push_back(c.line);
+    }
     std::vector<std::string> log = Log();
     log.resize(std::min(log.size(), lines.size()));
     EXPECT_EQ(log, lines);
     StopAndFree();
 }
 
-const std::string kNotify5 = "ORNIX: OrnixNotifyForOrnixEvents, eventCount = 3, events: 0x00000005";
+const char* kNotify5 = "ORNIX: OrnixNotifyForOrnixEvents, eventCount = 3, events: 0x00000005";
+using ornixcam::EventFault;
 
-INSTANTIATE_TEST_SUITE_P(
-    EachEnding, InterruptCompletionTest,
-    ::testing::Values(
-        CompletionCase{
-            "Events", [](auto& t) { t.Camera().RaiseEvents(0x5); }, {1, 0, 1}, true, {kNotify5}},
-        // Filler after the word: only the first four bytes count, nothing overruns.
-        CompletionCase{"LongPacket",
-                       [](auto& t) {
-                           t.Camera().InjectEventFault(ornixcam::EventFault::LongPacket);
-                           t.Camera().RaiseEvents(0x5);
-                       },
-                       {1, 0, 1},
-                       true,
-                       {kNotify5}},
-        CompletionCase{
-            "ZeroLength",
-            [](auto& t) { t.Camera().InjectEventFault(ornixcam::EventFault::ZeroLengthPacket); },
-            {0, 0, 0},
-            false,
-            {"ORNIX:  INT NO_DATA!!"}},
-        CompletionCase{"Stall",
-                       [](auto& t) { t.Camera().InjectEventFault(ornixcam::EventFault::Stall); },
-                       {0, 0, 0},
-                       false,
-                       {"ORNIX:  INT ERROR:IoStatus:0xc0000001, USBD_STATUS:0xc0000004"}},
-        CompletionCase{"DeviceGone",
-                       [](auto& t) { t.Stack().Remove(); },
-                       {0, 0, 0},
-                       false,
-                       {"ORNIX:  INT DEVICE_GONE"}},
-        // Removed: what came is still signalled, but nothing more is asked for.
-        CompletionCase{"AfterRemoval",
-                       [](auto& t) {
-                           OrnixSetFlag(&t.Ext()->Removed);
-                           t.Camera().RaiseEvents(0x5);
-                       },
-                       {1, 0, 1},
-                       false,
-                       {kNotify5}},
-        // Teardown has begun: the resubmission is refused, and that ends the transfer.
-        CompletionCase{"ResubmissionRefused",
-                       [](auto& t) {
-                           OrnixSetFlag(&t.Ext()->Uninitializing);
-                           t.Camera().RaiseEvents(0x1);
-                       },
-                       {1, 0, 0},
-                       false,
-                       {}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// Nobody listens any more: the packet signals nothing and the transfer ends.
-TEST_F(InterruptPipeTest, CompletionWithoutListenersEnds) {
-    StartWithListeners();
-    for (const auto& listener : listeners_) {
-        EXPECT_EQ(Class().DisableDeviceEvent(listener), STATUS_SUCCESS);
-    }
-    Camera().RaiseEvents(0x1);
-    ASSERT_TRUE(WaitEnded());
-    EXPECT_EQ(Log(), (std::vector<std::string>{
-                         "ORNIX: ---InterruptTransferComplete",
-                         "ORNIX: OrnixNotifyForOrnixEvents, eventCount = 0, events: 0x00000001"}));
-    EXPECT_EQ(EventCounts(), (std::vector<uint64_t>{0, 0, 0}));
-    StopAndFree();
-}
+const CompletionCase kCompletions[] = {
+    {"Events", [](auto&) {}, 0x5, 0x5, true, kNotify5},
+    // Filler after the word: only the first four bytes count, nothing overruns.
+    {"LongPacket", [](auto& t) { t.Camera().InjectEventFault(EventFault::LongPacket); }, 0x5, 0x5,
+     true, kNotify5},
+    {"ZeroLength", [](auto& t) { t.Camera().InjectEventFault(EventFault::ZeroLengthPacket); }, 0, 0,
+     false, "ORNIX:  INT NO_DATA!!"},
+    {"Stall", [](auto& t) { t.Camera().InjectEventFault(EventFault::Stall); }, 0, 0, false,
+     "ORNIX:  INT ERROR:IoStatus:0xc0000001, USBD_STATUS:0xc0000004"},
+    {"DeviceGone", [](auto& t) { t.Stack().Remove(); }, 0, 0, false, "ORNIX:  INT DEVICE_GONE"},
+    // Removed: what came is still signalled, but nothing more is asked for.
+    {"AfterRemoval", [](auto& t) { OrnixSetFlag(&t.Ext()->Removed); }, 0x5, 0x5, false, kNotify5},
+    // Teardown has begun: the resubmission is refused, and that ends the transfer.
+    {"ResubmissionRefused", [](auto& t) { OrnixSetFlag(&t.Ext()->Uninitializing); }, 0x1, 0x1,
+     false, nullptr},
+    // Nobody listens any more: the packet signals nothing and the transfer ends.
+    {"NoListeners",
+     [](auto& t) {
+         for (const auto& listener : t.listeners_) {
+             EXPECT_EQ(t.Class().DisableDeviceEvent(listener), STATUS_SUCCESS);
+         }
+     },
+     0x1, 0, false, "ORNIX: OrnixNotifyForOrnixEvents, eventCount = 0, events: 0x00000001"},
+};
+INSTANTIATE_TEST_SUITE_P(EachEnding, InterruptCompletionTest, ::testing::ValuesIn(kCompletions),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // A running transfer: free refuses; stop aborts once, waits for the cancelled
 // completion and resets the pipe of the selected video setting; then free works.
 TEST_F(InterruptPipeTest, StopAbortsWaitsAndResetsThenFreeReleases) {
     StartWithListeners();
     EXPECT_EQ(Locked(InterruptFreeResources), STATUS_DEVICE_BUSY);
-    EXPECT_NE(Ext()->InterruptUrb, nullptr);
     EXPECT_EQ(Locked(InterruptStop), STATUS_SUCCESS);
     EXPECT_EQ(Submitted(RequestKind::AbortPipe), 1u);
     EXPECT_EQ(Submitted(RequestKind::ResetPipe), 1u);
@@ -235,10 +187,8 @@ TEST_F(InterruptPipeTest, RemovalAndPagingOutStopARunningTransfer) {
         StartWithListeners();
         EXPECT_EQ(Class().SendAdapterSrb(command).status, STATUS_SUCCESS);
         EXPECT_EQ(Ext()->InterruptUrb, nullptr);
-        EXPECT_EQ(CountLogged("ORNIX:  INT CANCELLED"), 1u);
         Camera().RaiseEvents(0x1);
         Stack().WaitIdle();
-        EXPECT_EQ(EventCounts(), (std::vector<uint64_t>{0, 0, 0}));
         EXPECT_EQ(Camera().PendingEvents(), 0x1u) << "nobody polls any more";
         ASSERT_EQ(OrnixRegWrite(Ext(), ORNIX_EVENT_DISABLE, 0x7), STATUS_SUCCESS);
     }
