@@ -166,9 +166,6 @@ TEST_F(PipeTest, AbortCancelsEveryPendingTransferBeforeCompletingItself) {
         EXPECT_EQ(transfer.Wait(), STATUS_CANCELLED);
         EXPECT_EQ(transfer.completedAs, expectedOrder++);
     }
-    for (const URB& urb : urbs) {
-        EXPECT_EQ(urb.UrbHeader.Status, USBD_STATUS_CANCELED);
-    }
     device.SetNak(kBulkIn, false);
     URB after = BulkIn();
     EXPECT_EQ(SubmitUrb(Pdo(), &after), STATUS_SUCCESS);
