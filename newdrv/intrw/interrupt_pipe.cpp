@@ -120,7 +120,7 @@ static NTSTATUS OrnixSubmitInterruptTransfer(PORNIX_DEVICE_CONTEXT Ext, PBOOLEAN
         OrnixVerbose(ORNIX_PREFIX "InterruptStart: Device removed\n");
         return STATUS_DEVICE_REMOVED;
     }
-    // Teardown has begun: no new work.
+    // Teardown has begun: nothing more is started.
     if (OrnixFlagIsSet(&Ext->Uninitializing)) {
         return STATUS_DEVICE_NOT_READY;
     }

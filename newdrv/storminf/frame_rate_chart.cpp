@@ -71,7 +71,7 @@ static BOOLEAN OrnixChartAscends(const USHORT* Chart, LONG Count) {
 // built is reported by the caller.
 NTSTATUS OrnixBuildupFreqChart(PORNIX_DEVICE_CONTEXT Ext) {
     OrnixVerbose(ORNIX_PREFIX "OrnixBuildupFreqChart\n");
-    // A chart left from before would leak under the new one.
+    // A chart left from before would leak under the one built here.
     OrnixDiscardFreqChart(Ext);
 
     if (Ext->CaptureFormat == NULL || Ext->FreqMin == 0 || Ext->FreqMax == 0) {

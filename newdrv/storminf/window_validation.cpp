@@ -51,7 +51,7 @@ VOID OrnixValidateWindow(PORNIX_DEVICE_CONTEXT Ext, BOOLEAN Still, ULONG Width, 
         return;
     }
     if (bx != Ext->BinningX || by != Ext->BinningY || sx != Ext->StartX || sy != Ext->StartY) {
-        // A new binning or start changes the window and so the frame rates.
+        // Another binning or start changes the window and so the frame rates.
         Ext->WindowWidth = 0;
         Ext->WindowHeight = 0;
         Ext->FreqMin = 0;
