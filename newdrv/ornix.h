@@ -99,15 +99,92 @@ typedef struct _ORNIX_DEFERRED_BLOCK {
     PVOID Block;
 } ORNIX_DEFERRED_BLOCK, *PORNIX_DEFERRED_BLOCK;
 
+// Transfers a stream keeps in flight, and slots of its read-request ring
+// (one slot stays free, so the ring holds at most four requests).
+#define ORNIX_STREAM_TRANSFERS 3
+#define ORNIX_READ_QUEUE_SLOTS 5
+
+// PartialFlags of a transfer: it begins a frame (or completed with nothing
+// older outstanding), it ends a frame. Both together complete a frame.
+#define ORNIX_PARTIAL_FIRST 1
+#define ORNIX_PARTIAL_LAST 2
+#define ORNIX_PARTIAL_FRAME (ORNIX_PARTIAL_FIRST | ORNIX_PARTIAL_LAST)
+
+struct _ORNIX_STREAM_CONTEXT;
+
+// One bulk-in transfer of a stream; its IRP is allocated when the stream
+// leaves KSSTATE_STOP and reused for every submission.
+typedef struct _ORNIX_TRANSFER_CONTEXT {
+    struct _URB_BULK_OR_INTERRUPT_TRANSFER Urb;
+    PIRP Irp;
+    PHW_STREAM_REQUEST_BLOCK Srb;  // read request whose buffer this transfer fills; NULL: TempBuffer
+    LIST_ENTRY Link;               // in PendingTransfers while submitted
+    struct _ORNIX_STREAM_CONTEXT* Stream;
+    ULONG PartialFlags;    // ORNIX_PARTIAL_FIRST / ORNIX_PARTIAL_LAST
+    ULONG TransferLength;  // bytes asked for
+    // A completion that arrived inside IoCallDriver while this thread held
+    // PendingLock waits here until the submitter releases the lock.
+    struct _ORNIX_TRANSFER_CONTEXT* NextDeferred;
+} ORNIX_TRANSFER_CONTEXT, *PORNIX_TRANSFER_CONTEXT;
+
 // Per-stream record, allocated and freed by the stream class
-// (HW_STREAM_OBJECT.HwStreamExtension). The bulk engine and the read queue
-// add their fields when they arrive.
+// (HW_STREAM_OBJECT.HwStreamExtension) and cleared by
+// StreamInitStreamExtension.
+//
+// Flags that completion routines read while other threads change them
+// (Running, AbortNeeded, StartDelayed, DriverReadyWanted) are LONG and
+// change only by interlocked operations. The statistics block changes under
+// PendingLock, because completions of one stream run on several processors
+// at once; readers take a snapshot under the same lock.
 typedef struct _ORNIX_STREAM_CONTEXT {
     struct _ORNIX_DEVICE_CONTEXT* Device;
-    ULONG PipeIndex;     // bulk-in pipe of the stream in the video alternate setting
-    KSSTATE State;       // as the driver tracks it
-    ULONG StreamNumber;  // ORNIX_CAPTURE_STREAM or ORNIX_STILL_STREAM
-    ULONG Signature;     // ORNIX_STREAM_SIGNATURE
+    ORNIX_TRANSFER_CONTEXT TransferContexts[ORNIX_STREAM_TRANSFERS];
+    ULONG PipeIndex;  // bulk-in pipe of the stream in the video alternate setting
+
+    // Bulk engine: submitted transfers, oldest first, and the frame being split.
+    LIST_ENTRY PendingTransfers;
+    KSPIN_LOCK PendingLock;  // taken before QueueLock
+
+    // Read requests: a ring, oldest at ReadHead, next free slot at ReadTail.
+    PHW_STREAM_REQUEST_BLOCK ReadQueue[ORNIX_READ_QUEUE_SLOTS];
+    ULONG ReadHead;
+    ULONG ReadTail;
+    KSPIN_LOCK QueueLock;
+    LONG volatile OutstandingReads;  // accepted and not yet completed
+    KEVENT DriverReadyEvent;
+    LONG volatile DriverReadyWanted;
+
+    ULONG FrameSize;             // bytes of one frame on the bulk pipe
+    LONGLONG AvgTimePerFrame;    // 100 ns units, from the format given at open
+    BOOLEAN VariableFrameSize;   // colour id 129: frames are shorter as a rule
+    KSSTATE State;               // as the driver tracks it
+    ULONG StreamNumber;          // ORNIX_CAPTURE_STREAM or ORNIX_STILL_STREAM
+    PUCHAR TempBuffer;           // FrameSize bytes for transfers without a read request
+    LONG volatile Running;       // transfers are in flight and resubmitted
+    LONG volatile AbortNeeded;   // a completion saw a fault: abort and restart
+    KEVENT DrainEvent;           // the last transfer of a stopping stream completed
+    HANDLE MasterClock;          // capture stream only; NULL without a clock
+
+    // Statistics of the current run.
+    ULONGLONG ActualFramesCaptured;
+    LONGLONG DropCount;
+    ULONG ActualFramesDropped;
+    ULONG UsbShortErrors;
+    ULONG UsbXactErrors;
+    ULONG UsbBabbleErrors;
+    ULONG UsbOtherErrors;
+
+    LONG volatile AbortInProgress;  // 1 while an abort of the pipe is under way
+    KEVENT AbortEvent;              // signalled when an abort and its restart end
+    PHW_STREAM_REQUEST_BLOCK CurrentSrb;  // read request of the frame being split
+    ULONG FrameOffset;                    // bytes of that frame given to transfers
+    LONG volatile StartDelayed;  // capture entered RUN with an empty queue
+    ULONG Signature;             // ORNIX_STREAM_SIGNATURE
+
+    // The thread that holds PendingLock while it hands a transfer to the bus,
+    // and the completions that arrived inside that call (see bulk_engine.cpp).
+    PKTHREAD volatile SubmittingThread;
+    PORNIX_TRANSFER_CONTEXT DeferredCompletions;
 } ORNIX_STREAM_CONTEXT, *PORNIX_STREAM_CONTEXT;
 
 // Per-adapter record, allocated by the stream class (HwDeviceExtension) and
@@ -164,8 +241,11 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     KEVENT StopEvent;
     KMUTEX InterruptMutex;  // start, stop and release of the interrupt transfer
 
-    // Defect correction.
+    // Defect correction. DefectLock (spin lock) is held by a correction for
+    // as long as it walks DefectSection, and by whoever replaces or frees the
+    // product-data image, so a reload never frees a list being walked.
     BOOLEAN PixelCorrectionEnabled;
+    KSPIN_LOCK DefectLock;
 
     // Alternate setting of interface 0 now selected; ORNIX_UNKNOWN_ALT_SETTING
     // after a selection that failed half-way.
@@ -517,14 +597,72 @@ ULONG OrnixColourFourCC(ULONG ColourValue);
 
 // ---------------------------------------------------------------- streams
 
+// Open and close (PASSIVE_LEVEL, under RequestMutex).
 NTSTATUS StreamOpenStream(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS StreamClose(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS StreamInitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber);
+NTSTATUS StreamUninitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber);
+// Transfer resources, acquired on leaving KSSTATE_STOP (PASSIVE_LEVEL).
+NTSTATUS StreamAllocResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
 NTSTATUS StreamFreeResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+ULONG StreamGetTransferCount(PORNIX_STREAM_CONTEXT Stream);
+
+// State machine and stream properties (PASSIVE_LEVEL).
+VOID STREAMAPI OrnixReceiveCtrlPacket(PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID OrnixGetStreamProperty(PHW_STREAM_REQUEST_BLOCK Srb);
+VOID VideoStreamGetConnectionProperty(PHW_STREAM_REQUEST_BLOCK Srb);
+VOID VideoStreamGetDroppedFramesProperty(PHW_STREAM_REQUEST_BLOCK Srb);
+VOID VideoIndicateMasterClock(PHW_STREAM_REQUEST_BLOCK Srb);
+
+// The statistics block of a stream, read at once under PendingLock.
+typedef struct _ORNIX_STREAM_STATISTICS {
+    ULONGLONG ActualFramesCaptured;
+    LONGLONG DropCount;
+    ULONG ActualFramesDropped;
+    ULONG UsbShortErrors;
+    ULONG UsbXactErrors;
+    ULONG UsbBabbleErrors;
+    ULONG UsbOtherErrors;
+} ORNIX_STREAM_STATISTICS, *PORNIX_STREAM_STATISTICS;
+VOID StreamReadStatistics(PORNIX_STREAM_CONTEXT Stream, PORNIX_STREAM_STATISTICS Statistics);
+
+// Read requests (any IRQL up to DISPATCH_LEVEL).
+VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb);
+PHW_STREAM_REQUEST_BLOCK StreamDequeueRead(PORNIX_STREAM_CONTEXT Stream);
+VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb,
+                       NTSTATUS Status, ULONG Length);
+LONGLONG GetStreamTime(PHW_STREAM_REQUEST_BLOCK Srb, PORNIX_STREAM_CONTEXT Stream);
+
+// Defective-pixel correction of one delivered frame, in place (DISPATCH_LEVEL
+// or below; takes DefectLock). Still: TRUE for a frame of the still stream.
+VOID OrnixCorrectDefectivePixels(PORNIX_DEVICE_CONTEXT Ext, PUCHAR Frame, ULONG Length,
+                                 BOOLEAN Still);
+BOOLEAN OrnixHasDefectRowShift(ULONG CameraId);
+BOOLEAN OrnixHasDefectOriginShift(ULONG CameraId);
 
 // ---------------------------------------------------------------- bulk transfers
 
+// Buffer choice and submission run with PendingLock held.
+PHW_STREAM_REQUEST_BLOCK StreamGetNextBuffer(PORNIX_STREAM_CONTEXT Stream,
+                                             PORNIX_TRANSFER_CONTEXT Transfer, PUCHAR* Buffer,
+                                             PULONG Length);
+NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                            PORNIX_TRANSFER_CONTEXT Transfer, PUCHAR Buffer, ULONG Length);
+NTSTATUS BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                                PORNIX_TRANSFER_CONTEXT Transfer);
+NTSTATUS NTAPI BulkStreamComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
+// Runs the completions deferred while this thread held PendingLock; call it
+// right after releasing the lock (DISPATCH_LEVEL or below).
+VOID BulkStreamRunDeferred(PORNIX_STREAM_CONTEXT Stream);
+
+// Abort and restart: the engine's repair of a faulty transfer sequence.
 BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID NTAPI AbortBulkPipeWorker(PVOID Parameter);
+VOID AbortBulkPipePart2(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS BulkStreamRestart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID BulkStreamRestartCR(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Context);
 
 // ---------------------------------------------------------------- properties
 

@@ -232,6 +232,21 @@ typedef struct {
     ULONG AverageFrameSize;
 } KSPROPERTY_DROPPEDFRAMES_CURRENT_S, *PKSPROPERTY_DROPPEDFRAMES_CURRENT_S;
 
+// Follows the KSSTREAM_HEADER of every video frame a capture pin delivers.
+typedef struct tagKS_FRAME_INFO {
+    ULONG ExtendedHeaderSize;
+    DWORD dwFrameFlags;
+    LONGLONG PictureNumber;
+    LONGLONG DropCount;
+    HANDLE hDirectDraw;
+    HANDLE hSurfaceHandle;
+    RECT DirectDrawRect;
+    DWORD Reserved1;
+    DWORD Reserved2;
+    DWORD Reserved3;
+    DWORD Reserved4;
+} KS_FRAME_INFO, *PKS_FRAME_INFO;
+
 // Records without pointers: one layout in every Windows data model.
 static_assert(sizeof(KS_BITMAPINFOHEADER) == 40, "KS_BITMAPINFOHEADER layout");
 static_assert(sizeof(KS_VIDEOINFOHEADER) == 88, "KS_VIDEOINFOHEADER layout");
