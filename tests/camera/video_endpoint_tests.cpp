@@ -28,11 +28,14 @@ class VideoEndpointTest : public ::testing::Test {
             std::lock_guard lock(mutex_);
             ready_.push_back(address);
         });
-        camera_.SetClock([this] { return now_.load(); },
-                         [](int64_t) { return std::chrono::steady_clock::now() + std::chrono::hours(1); });
+        camera_.SetClock(
+            [this] { return now_.load(); },
+            [](int64_t) { return std::chrono::steady_clock::now() + std::chrono::hours(1); });
         EXPECT_EQ(Out(camera_, 0x00, 0x09, 1, 0), kAck);  // SET_CONFIGURATION 1
-        EXPECT_EQ(WriteRegister(camera_, reg::CaptureBank(0, reg::fmt::kSize), 64 | 32 << 16), kAck);
-        EXPECT_EQ(WriteRegister(camera_, reg::StillBank(0, reg::still::kSize), 32 | 16 << 16), kAck);
+        EXPECT_EQ(WriteRegister(camera_, reg::CaptureBank(0, reg::fmt::kSize), 64 | 32 << 16),
+                  kAck);
+        EXPECT_EQ(WriteRegister(camera_, reg::StillBank(0, reg::still::kSize), 32 | 16 << 16),
+                  kAck);
     }
 
     Reply Poll(uint8_t endpoint, size_t size = 1 << 16) {
