@@ -37,6 +37,7 @@ SrbRegistry::Entry& SrbRegistry::Create(SRB_COMMAND command, PVOID deviceExtensi
     std::lock_guard lock(mutex_);
     Entry& ref = *entry;
     bySrb_[&ref.srb] = &ref;
+    ++sent_;
     entries_.push_back(std::move(entry));
     return ref;
 }
@@ -106,9 +107,22 @@ bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how,
     return true;
 }
 
+SrbRegistry::Entry& SrbRegistry::CreateReusable(SRB_COMMAND command, PVOID deviceExtension,
+                                                ULONG perRequestExtensionSize,
+                                                PHW_STREAM_OBJECT streamObject,
+                                                std::function<void()> onCompleted) {
+    Entry& entry = Create(command, deviceExtension, perRequestExtensionSize, streamObject,
+                          std::move(onCompleted));
+    std::lock_guard lock(mutex_);
+    entry.completed = true;
+    --sent_;
+    return entry;
+}
+
 void SrbRegistry::Rearm(PHW_STREAM_REQUEST_BLOCK srb) {
     std::lock_guard lock(mutex_);
     if (Entry* entry = Find(srb)) {
+        ++sent_;
         entry->completed = false;
         entry->srb.Status = STATUS_PENDING;
     }
@@ -144,7 +158,7 @@ size_t SrbRegistry::ReportOutstanding(std::string_view when) {
 
 uint64_t SrbRegistry::Sent() const {
     std::lock_guard lock(mutex_);
-    return entries_.size();
+    return sent_;
 }
 
 uint64_t SrbRegistry::Completed() const {

@@ -43,6 +43,10 @@ class SrbRegistry {
     Entry& Create(SRB_COMMAND command, PVOID deviceExtension, ULONG perRequestExtensionSize,
                   PHW_STREAM_OBJECT streamObject = nullptr,
                   std::function<void()> onCompleted = nullptr);
+    // An SRB to be sent later, perhaps many times (reads): it starts out
+    // complete, and each Rearm is one send.
+    Entry& CreateReusable(SRB_COMMAND command, PVOID deviceExtension, ULONG perRequestExtensionSize,
+                          PHW_STREAM_OBJECT streamObject, std::function<void()> onCompleted);
 
     // Marks the SRB complete; `how` names the notification (kDeviceRequestComplete
     // or kStreamRequestComplete). Reports SRB_COMPLETED_TWICE or SRB_UNKNOWN,
@@ -76,6 +80,7 @@ class SrbRegistry {
     std::deque<std::unique_ptr<Entry>> entries_;
     std::unordered_map<PHW_STREAM_REQUEST_BLOCK, Entry*> bySrb_;
     uint64_t completed_ = 0;
+    uint64_t sent_ = 0;
 };
 
 std::string SrbCommandName(ULONG command);

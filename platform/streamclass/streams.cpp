@@ -219,11 +219,9 @@ PHW_STREAM_REQUEST_BLOCK StreamClass::CreateDataSrb(PHW_STREAM_OBJECT stream, SR
     if (impl_->FindStream(stream) == nullptr) {
         throw std::logic_error("StreamClass: data SRB for a stream that is not open");
     }
-    SrbRegistry::Entry& entry =
-        impl_->srbs.Create(command, impl_->extension, impl_->registration.PerRequestExtensionSize,
-                           stream, std::move(onCompleted));
-    // Made complete, so that the first send arms it like every later one.
-    entry.completed = true;
+    SrbRegistry::Entry& entry = impl_->srbs.CreateReusable(
+        command, impl_->extension, impl_->registration.PerRequestExtensionSize, stream,
+        std::move(onCompleted));
     return &entry.srb;
 }
 
