@@ -143,6 +143,9 @@ class StreamClass {
     PHW_STREAM_OBJECT OpenStream(ULONG number, std::span<const uint8_t> format,
                                  NTSTATUS* status = nullptr);
     // SRB_CLOSE_STREAM; the stream extension is freed once it completes.
+    // Once the adapter is torn down (Stop), stream SRBs no longer reach the
+    // minidriver: control SRBs, reads and the close answer
+    // STATUS_DEVICE_REMOVED.
     NTSTATUS CloseStream(PHW_STREAM_OBJECT stream);
     // Instances of stream `number` open now.
     size_t OpenStreamCount(ULONG number) const;

@@ -85,6 +85,9 @@ struct StreamClass::Impl {
     mutable std::mutex streamsMutex;
     std::list<std::unique_ptr<StreamRecord>> streams;
     StreamRecord* FindStream(PHW_STREAM_OBJECT object) const;
+    // Stream SRBs after SRB_UNINITIALIZE_DEVICE completed never reach the
+    // minidriver: the class answers them STATUS_DEVICE_REMOVED.
+    bool AdapterAlive() const { return extension != nullptr && !extensionFreed; }
 
     NTSTATUS GetStreamInfo();
 

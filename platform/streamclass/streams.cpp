@@ -99,6 +99,12 @@ NTSTATUS StreamClass::CloseStream(PHW_STREAM_OBJECT stream) {
     if (record == nullptr) {
         throw std::logic_error("StreamClass: closing a stream that is not open");
     }
+    if (!impl_->AdapterAlive()) {
+        // The adapter was torn down under the stream: nobody to tell.
+        std::lock_guard lock(impl_->streamsMutex);
+        record->open = false;
+        return STATUS_DEVICE_REMOVED;
+    }
     const SrbResult close =
         impl_->Send(SRB_CLOSE_STREAM, nullptr, 0, nullptr, false, 0, &record->object);
     std::lock_guard lock(impl_->streamsMutex);
@@ -121,6 +127,12 @@ StreamSrbResult StreamClass::SendStreamControl(
     const std::function<void(HW_STREAM_REQUEST_BLOCK&)>& prepare) {
     if (impl_->FindStream(stream) == nullptr) {
         throw std::logic_error("StreamClass: control SRB for a stream that is not open");
+    }
+    if (!impl_->AdapterAlive()) {
+        StreamSrbResult gone;
+        gone.status = STATUS_DEVICE_REMOVED;
+        gone.completed = true;
+        return gone;
     }
     SrbRegistry::Entry& entry = impl_->srbs.Create(
         command, impl_->extension, impl_->registration.PerRequestExtensionSize, stream);
@@ -227,6 +239,12 @@ PHW_STREAM_REQUEST_BLOCK StreamClass::CreateDataSrb(PHW_STREAM_OBJECT stream, SR
 
 void StreamClass::SendDataSrb(PHW_STREAM_REQUEST_BLOCK srb) {
     impl_->srbs.Rearm(srb);
+    if (!impl_->AdapterAlive()) {
+        // No minidriver to take it: the class fails it itself.
+        srb->Status = STATUS_DEVICE_REMOVED;
+        impl_->srbs.Complete(srb, kStreamRequestComplete, srb->StreamObject);
+        return;
+    }
     srb->TimeoutOriginal = 15;
     srb->TimeoutCounter = 15;
     PHW_STREAM_OBJECT stream = srb->StreamObject;

@@ -123,5 +123,18 @@ TEST_F(StreamingTest, StopAndCloseWaitForEveryRead) {
     EXPECT_EQ(state_.readsCompletedAtClose, 9u);
 }
 
+TEST_F(StreamingTest, APinOutlivingItsAdapterIsAnsweredByTheClass) {
+    auto pin = winsim::Pin::Open(*sc_, Options(1));
+    ASSERT_NE(pin, nullptr);
+    ASSERT_EQ(sc_->Stop(), STATUS_SUCCESS);
+    EXPECT_EQ(pin->Run(), STATUS_DEVICE_REMOVED);
+    std::shared_ptr<winsim::PinRead> read = pin->SubmitRead();
+    ASSERT_TRUE(read->Completed());
+    EXPECT_EQ(read->Wait(0.0)->status, STATUS_DEVICE_REMOVED);
+    EXPECT_TRUE(state_.reads.empty());
+    pin.reset();
+    EXPECT_TRUE(state_.closed.empty());
+}
+
 }  // namespace
 }  // namespace sctest
