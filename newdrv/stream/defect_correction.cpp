@@ -20,7 +20,7 @@ static const UCHAR OrnixRowShiftModels[14] = {0x11, 0x12, 0x13, 0x14, 0x15, 0x21
                                               0x23, 0x24, 0x31, 0x32, 0x41, 0x42, 0x51};
 // Camera models whose defect list is measured from 4 pixels before the
 // window origin (compared with the whole camera id).
-static const ULONG OrnixOriginShiftModels[3] = {0x1341, 0x1342, 0x1351};
+static const ULONG OrnixOriginShiftModels[3] = {0x1361, 0x1362, 0x1371};
 
 BOOLEAN OrnixHasDefectRowShift(ULONG CameraId) {
     for (ULONG i = 0; i < ARRAYSIZE(OrnixRowShiftModels); i++) {
