@@ -176,16 +176,16 @@ static VOID OrnixCorrectSample(const OrnixRaster* F, const OrnixDefectGeometry* 
     ULONG difference = 0;
     if (C < D) {
         havePair = OrnixLoadPair(F, D, R, D, R, &first, &second);
-    } else if (C >= F->OutW - D) {
-        havePair = OrnixLoadPair(F, C - D, R, C - D, R, &first, &second);
+    } else if (C >= OrnixSub32(F->OutW, D)) {
+        havePair = OrnixLoadPair(F, OrnixSub32(C, D), R, OrnixSub32(C, D), R, &first, &second);
     } else {
-        havePair = OrnixLoadPair(F, C - D, R, C + D, R, &first, &second);
+        havePair = OrnixLoadPair(F, OrnixSub32(C, D), R, OrnixAdd32(C, D), R, &first, &second);
         haveDifference = havePair;
         difference = OrnixDifference(first, second);
     }
-    if (!G->Interlaced && R >= D && R < F->OutH - D) {
+    if (!G->Interlaced && R >= D && R < OrnixSub32(F->OutH, D)) {
         ULONG up, down;
-        if (OrnixLoadPair(F, C, R - D, C, R + D, &up, &down)) {
+        if (OrnixLoadPair(F, C, OrnixSub32(R, D), C, OrnixAdd32(R, D), &up, &down)) {
             ULONG vertical = OrnixDifference(up, down);
             // On a tie the horizontal pair stays.
             if (!havePair || !haveDifference || vertical < difference) {
