@@ -471,7 +471,7 @@ TEST_F(DefectListReload, CorrectionRacingAReloadReadsOnlyALiveList) {
     Ext()->BinningX = 1;
     Ext()->BinningY = 1;
 
-    constexpr int kReloads = 20;
+    constexpr int kReloads = 50;
     std::atomic<bool> done{false};
     std::atomic<int> frames{0};
     std::thread corrector([&] {
@@ -483,6 +483,10 @@ TEST_F(DefectListReload, CorrectionRacingAReloadReadsOnlyALiveList) {
             frames.fetch_add(1);
         }
     });
+    // Reloads start once the corrector is walking the list.
+    while (frames.load() == 0) {
+        std::this_thread::yield();
+    }
     int succeeded = 0;
     for (int i = 0; i < kReloads; i++) {
         succeeded += NT_SUCCESS(OrnixReadVpd(Ext())) ? 1 : 0;
