@@ -152,6 +152,34 @@ TEST_F(VideoEndpointTest, PacedFramesWaitForTheirTimeAndALateHostSkipsFrames) {
     EXPECT_EQ(camera_.FramesStarted(kCapture), 3u);
 }
 
+class ScheduledStillTest : public VideoEndpointTest {
+  protected:
+    ScheduledStillTest()
+        : VideoEndpointTest(ParseProfile(R"({"video": {"pacing": false, "content": "pattern",
+                                                        "stillTriggersMs": [5, 10, 10]}})")) {}
+};
+
+// The profile's external triggers fire when due, one frame each, and only
+// while the still stream is open.
+TEST_F(ScheduledStillTest, ExternalTriggersFromTheProfileMakeStillFrames) {
+    EXPECT_EQ(camera_.RunStillSchedule(49'999), 50'000);
+    ASSERT_EQ(WriteRegister(camera_, reg::kStillTrigger, 4), kAck);
+    EXPECT_EQ(camera_.RunStillSchedule(50'000), 100'000);
+    EXPECT_EQ(Poll(kStill).handshake(), kAck);
+    EXPECT_EQ(Poll(kStill).handshake(), Handshake::Nak);
+    EXPECT_EQ(camera_.RunStillSchedule(100'000), std::nullopt);
+    EXPECT_EQ(camera_.FrameNumberOf(kStill, Poll(kStill).data), 1u);
+    EXPECT_EQ(camera_.FrameNumberOf(kStill, Poll(kStill).data), 2u);
+    EXPECT_EQ(Poll(kStill).handshake(), Handshake::Nak);
+}
+
+TEST(VideoProfile, RejectsUnknownContentAndTriggersOutOfOrder) {
+    EXPECT_THROW(ParseProfile(R"({"video": {"content": "noise"}})"), ProfileError);
+    EXPECT_THROW(ParseProfile(R"({"video": {"stillTriggersMs": [10, 5]}})"), ProfileError);
+    EXPECT_THROW(ParseProfile(R"({"video": {"pacing": 1}})"), ProfileError);
+    EXPECT_FALSE(ParseProfile(R"({"video": {"pacing": false}})").video.pacing);
+}
+
 class HotPixelTest : public VideoEndpointTest {
   protected:
     HotPixelTest() : VideoEndpointTest(WithDefects()) {}
