@@ -1,0 +1,64 @@
+#include "ornixctl/pending_shim.h"
+
+#include <charconv>
+#include <string>
+
+#include "streamclass/pin.h"
+
+namespace ornixrig {
+
+std::optional<TransferFault> ParseTransferFault(std::string_view text) {
+    const size_t colon = text.find(':');
+    const std::string_view name = text.substr(0, colon);
+    TransferFault fault;
+    if (name == "short")
+        fault.kind = TransferFaultKind::Short;
+    else if (name == "babble")
+        fault.kind = TransferFaultKind::Babble;
+    else if (name == "transaction")
+        fault.kind = TransferFaultKind::TransactionError;
+    else if (name == "stall")
+        fault.kind = TransferFaultKind::Stall;
+    else if (name == "split")
+        fault.kind = TransferFaultKind::Split;
+    else if (name == "out-of-order")
+        fault.kind = TransferFaultKind::OutOfOrder;
+    else if (name == "synchronous")
+        fault.kind = TransferFaultKind::Synchronous;
+    else
+        return std::nullopt;
+    if (colon != std::string_view::npos) {
+        const std::string_view n = text.substr(colon + 1);
+        auto [end, ec] = std::from_chars(n.data(), n.data() + n.size(), fault.count);
+        if (ec != std::errc{} || end != n.data() + n.size() || fault.count == 0)
+            return std::nullopt;
+    }
+    return fault;
+}
+
+void InjectTransferFault(Rig&, ULONG, TransferFaultKind, uint32_t) {}
+void TriggerStill(ornixcam::Camera&) {}
+
+}  // namespace ornixrig
+
+namespace winsim {
+struct Pin::Impl {};
+std::unique_ptr<Pin> Pin::Open(StreamClass&, PinOptions, NTSTATUS* status) {
+    if (status != nullptr)
+        *status = STATUS_NOT_IMPLEMENTED;
+    return nullptr;
+}
+Pin::~Pin() = default;
+NTSTATUS Pin::Run() {
+    return STATUS_NOT_IMPLEMENTED;
+}
+std::optional<PinFrame> Pin::NextFrame(double) {
+    return std::nullopt;
+}
+NTSTATUS Pin::Stop() {
+    return STATUS_NOT_IMPLEMENTED;
+}
+std::optional<KSPROPERTY_DROPPEDFRAMES_CURRENT_S> Pin::DroppedFrames(NTSTATUS*) {
+    return std::nullopt;
+}
+}  // namespace winsim
