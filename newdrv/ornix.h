@@ -163,7 +163,9 @@ typedef struct _ORNIX_STREAM_CONTEXT {
     LONG volatile Running;       // transfers are in flight and resubmitted
     LONG volatile AbortNeeded;   // a completion saw a fault: abort and restart
     KEVENT DrainEvent;           // the last transfer of a stopping stream completed
-    HANDLE MasterClock;          // capture stream only; NULL without a clock
+    // Capture stream only; NULL without a clock. Completions read it while
+    // the control path changes it: both go through interlocked pointer operations.
+    HANDLE volatile MasterClock;
 
     // Statistics of the current run.
     ULONGLONG ActualFramesCaptured;
@@ -185,6 +187,11 @@ typedef struct _ORNIX_STREAM_CONTEXT {
     // and the completions that arrived inside that call (see bulk_engine.cpp).
     PKTHREAD volatile SubmittingThread;
     PORNIX_TRANSFER_CONTEXT DeferredCompletions;
+    LONG volatile DeferredRunning;  // a thread is running the deferred completions
+    // Completions being handled (under PendingLock). A stop waits for the
+    // list to empty and this to reach 0: a completion past its removal from
+    // the list still touches the stream and its IRP.
+    ULONG CompletionsInProgress;
 } ORNIX_STREAM_CONTEXT, *PORNIX_STREAM_CONTEXT;
 
 // Per-adapter record, allocated by the stream class (HwDeviceExtension) and
@@ -615,6 +622,8 @@ VOID OrnixGetStreamProperty(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID VideoStreamGetConnectionProperty(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID VideoStreamGetDroppedFramesProperty(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID VideoIndicateMasterClock(PHW_STREAM_REQUEST_BLOCK Srb);
+// Changes State under QueueLock, against which the read path tests it.
+VOID StreamSetKsState(PORNIX_STREAM_CONTEXT Stream, KSSTATE State);
 
 // The statistics block of a stream, read at once under PendingLock.
 typedef struct _ORNIX_STREAM_STATISTICS {
@@ -653,6 +662,9 @@ NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Str
 NTSTATUS BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
                                 PORNIX_TRANSFER_CONTEXT Transfer);
 NTSTATUS NTAPI BulkStreamComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
+// The work of one completion, with no lock held: run by BulkStreamComplete
+// or, for a completion deferred during a submission, by BulkStreamRunDeferred.
+VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer);
 // Runs the completions deferred while this thread held PendingLock; call it
 // right after releasing the lock (DISPATCH_LEVEL or below).
 VOID BulkStreamRunDeferred(PORNIX_STREAM_CONTEXT Stream);

@@ -11,8 +11,8 @@ VOID OrnixHaltInterruptPipe(PORNIX_DEVICE_CONTEXT Ext) {
 }
 
 // IRQL: PASSIVE_LEVEL (stopping a stream waits for its transfers). A running
-// stream is stopped and then released; a paused one only released; streams
-// in KSSTATE_ACQUIRE or KSSTATE_STOP are left alone.
+// stream is stopped and then released; a paused or acquiring one only
+// released; a stopped one holds nothing.
 VOID OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext) {
     for (ULONG i = 0; i < Ext->StreamCount && i < ORNIX_MAX_STREAMS; i++) {
         PORNIX_STREAM_CONTEXT stream = Ext->StreamContexts[i];
@@ -20,13 +20,14 @@ VOID OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext) {
             continue;
         }
         if (stream->State == KSSTATE_RUN) {
+            InterlockedExchange(&stream->StartDelayed, 0);
             StreamStop(Ext, stream);
-            stream->State = KSSTATE_PAUSE;
+            StreamSetKsState(stream, KSSTATE_PAUSE);
             DbgPrint(ORNIX_PREFIX "S# %d is paused.\n", i);
         }
-        if (stream->State == KSSTATE_PAUSE) {
+        if (stream->State == KSSTATE_PAUSE || stream->State == KSSTATE_ACQUIRE) {
             StreamFreeResources(Ext, stream);
-            stream->State = KSSTATE_STOP;
+            StreamSetKsState(stream, KSSTATE_STOP);
             DbgPrint(ORNIX_PREFIX "S# %d is stopped.\n", i);
         }
     }

@@ -1,8 +1,135 @@
-// Starting and stopping a stream's transfers.
+// Starting and stopping a stream's transfers, and the camera with them.
 #include "ornix.h"
 
-// IRQL: PASSIVE_LEVEL (waits for the transfers to drain).
+// Relative waits of a stop, in 100 ns units: the camera's flush of the
+// capture pipe, and the last chance for cancelled transfers to come back.
+#define ORNIX_FLUSH_WAIT ((LONGLONG)-2000000)
+#define ORNIX_DRAIN_WAIT ((LONGLONG)-15000000)
+
+// Still stream open, trigger-mode bits cleared.
+#define ORNIX_STILL_TRIGGER_OPEN 4
+
+// Whether nothing of the stream is with the bus (PendingLock taken here).
+static BOOLEAN StreamNothingPending(PORNIX_STREAM_CONTEXT Stream) {
+    KIRQL irql;
+    KeAcquireSpinLock(&Stream->PendingLock, &irql);
+    BOOLEAN empty = IsListEmpty(&Stream->PendingTransfers);
+    KeReleaseSpinLock(&Stream->PendingLock, irql);
+    return empty;
+}
+
+// IRQL: PASSIVE_LEVEL (writes a camera register).
+NTSTATUS StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
+    DbgPrint(ORNIX_PREFIX "StreamStart\n");
+    NTSTATUS status = STATUS_SUCCESS;
+
+    KIRQL irql;
+    KeAcquireSpinLock(&Stream->PendingLock, &irql);
+    Stream->CurrentSrb = NULL;
+    Stream->FrameOffset = 0;
+    InterlockedExchange(&Stream->AbortNeeded, 0);
+    // Running is set before the first submission: a completion that arrives
+    // while the start goes on must find the stream running.
+    InterlockedExchange(&Stream->Running, 1);
+    ULONG count = StreamGetTransferCount(Stream);
+    for (ULONG i = 0; i < count; i++) {
+        PORNIX_TRANSFER_CONTEXT transfer = &Stream->TransferContexts[i];
+        PUCHAR buffer;
+        ULONG length;
+        StreamGetNextBuffer(Stream, transfer, &buffer, &length);
+        status = BulkStreamTransfer(Ext, Stream, transfer, buffer, length);
+    }
+    KeReleaseSpinLock(&Stream->PendingLock, irql);
+    BulkStreamRunDeferred(Stream);
+
+    if (NT_SUCCESS(status)) {
+        if (Stream->StreamNumber == ORNIX_STILL_STREAM) {
+            status = OrnixRegWrite(Ext, ORNIX_STILL_TRIGGER, ORNIX_STILL_TRIGGER_OPEN);
+        } else {
+            status = OrnixRegWrite(Ext, ORNIX_STREAM_CONTROL, ORNIX_STREAM_CONTROL_START);
+        }
+    }
+    if (!NT_SUCCESS(status)) {
+        DbgPrint(ORNIX_PREFIX "StreamStart: Failling with 0x%08lx\n", (ULONG)status);
+        DbgPrint(ORNIX_PREFIX "  have to stop running parts...\n");
+        StreamStop(Ext, Stream);
+    } else {
+        DbgPrint(ORNIX_PREFIX "Stream %d started\n", Stream->StreamNumber);
+    }
+    return status;
+}
+
+// IRQL: PASSIVE_LEVEL (waits for the transfers). STATUS_SUCCESS when nothing
+// was pending at the last look.
 NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
-    OrnixVerbose(ORNIX_PREFIX "StreamStop not implemented\n");
-    return STATUS_NOT_IMPLEMENTED;
+    BOOLEAN capture = Stream->StreamNumber == ORNIX_CAPTURE_STREAM;
+    BOOLEAN removed = OrnixFlagIsSet(&Ext->Removed);
+    InterlockedExchange(&Stream->Running, 0);
+    if (!removed && capture) {
+        OrnixRegWrite(Ext, ORNIX_STREAM_CONTROL, ORNIX_STREAM_CONTROL_STOPPING);
+    }
+
+    KeResetEvent(&Stream->DrainEvent);
+    BOOLEAN empty = StreamNothingPending(Stream);
+    if (!empty) {
+        NTSTATUS wait = STATUS_TIMEOUT;
+        if (capture && !removed) {
+            LARGE_INTEGER timeout;
+            timeout.QuadPart = ORNIX_FLUSH_WAIT;
+            wait = KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE,
+                                         &timeout);
+            if (wait == STATUS_TIMEOUT) {
+                DbgPrint(ORNIX_PREFIX "**Zlping did not seemed to work enough**\n");
+            }
+        }
+        if (wait != STATUS_SUCCESS) {
+            if (AbortBulkStream(Ext, Stream)) {
+                DbgPrint(ORNIX_PREFIX "Waiting for Abort event...\n");
+                KeWaitForSingleObject(&Stream->AbortEvent, Executive, KernelMode, FALSE, NULL);
+            } else {
+                DbgPrint(ORNIX_PREFIX "Not waiting for abort event...\n");
+            }
+        }
+        empty = StreamNothingPending(Stream);
+        if (!empty) {
+            DbgPrint(ORNIX_PREFIX "Queue still not empty, waiting again...\n");
+            LARGE_INTEGER timeout;
+            timeout.QuadPart = ORNIX_DRAIN_WAIT;
+            wait = KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE,
+                                         &timeout);
+            if (wait == STATUS_TIMEOUT) {
+                DbgPrint("\n\n" ORNIX_PREFIX
+                         "Oh SHIT!! Transfers are still pending, prepare for crash!!\n\n\n");
+            } else {
+                DbgPrint(ORNIX_PREFIX "**Cancelled URB just in time.**\n");
+            }
+        }
+    }
+
+    if (InterlockedCompareExchange(&Stream->AbortInProgress, 0, 0) != 0) {
+        DbgPrint(ORNIX_PREFIX "AbortInProgress, waiting for Abort event...\n");
+        KeWaitForSingleObject(&Stream->AbortEvent, Executive, KernelMode, FALSE, NULL);
+    }
+
+    if (!OrnixFlagIsSet(&Ext->Removed)) {
+        if (capture) {
+            OrnixRegWrite(Ext, ORNIX_STREAM_CONTROL, ORNIX_STREAM_CONTROL_IDLE);
+        } else {
+            OrnixRegWrite(Ext, ORNIX_STILL_TRIGGER, 0);
+        }
+        if (!NT_SUCCESS(OrnixResetPipe(Ext, Stream->PipeIndex))) {
+            DbgPrint(ORNIX_PREFIX "OrnixResetPipe failed\n");
+        }
+    }
+
+    ORNIX_STREAM_STATISTICS statistics;
+    StreamReadStatistics(Stream, &statistics);
+    DbgPrint(ORNIX_PREFIX "STOP: UsbShortErrors:%d\n", statistics.UsbShortErrors);
+    DbgPrint(ORNIX_PREFIX "STOP: UsbXactErrors:%d\n", statistics.UsbXactErrors);
+    DbgPrint(ORNIX_PREFIX "STOP: UsbBabbleErrors:%d\n", statistics.UsbBabbleErrors);
+    DbgPrint(ORNIX_PREFIX "STOP: UsbOtherErrors:%d\n", statistics.UsbOtherErrors);
+    DbgPrint(ORNIX_PREFIX "STOP: ActualFramesCaptured:%d\n",
+             (ULONG)statistics.ActualFramesCaptured);
+    DbgPrint(ORNIX_PREFIX "STOP: ActualFramesDropped:%d\n", statistics.ActualFramesDropped);
+    return empty ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }

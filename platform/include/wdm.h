@@ -153,6 +153,40 @@ void NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
 
 // ---------------------------------------------------------------- memory helpers
 #define RtlCopyMemory(d, s, n) __builtin_memcpy((d), (s), (n))
+
+// Doubly linked lists, inline as in the DDK.
+FORCEINLINE void InitializeListHead(PLIST_ENTRY ListHead) {
+    ListHead->Flink = ListHead->Blink = ListHead;
+}
+FORCEINLINE BOOLEAN IsListEmpty(const LIST_ENTRY* ListHead) {
+    return (BOOLEAN)(ListHead->Flink == ListHead);
+}
+FORCEINLINE BOOLEAN RemoveEntryList(PLIST_ENTRY Entry) {
+    PLIST_ENTRY oldFlink = Entry->Flink;
+    PLIST_ENTRY oldBlink = Entry->Blink;
+    oldFlink->Blink = oldBlink;
+    oldBlink->Flink = oldFlink;
+    return (BOOLEAN)(oldFlink == oldBlink);
+}
+FORCEINLINE PLIST_ENTRY RemoveHeadList(PLIST_ENTRY ListHead) {
+    PLIST_ENTRY entry = ListHead->Flink;
+    RemoveEntryList(entry);
+    return entry;
+}
+FORCEINLINE void InsertTailList(PLIST_ENTRY ListHead, PLIST_ENTRY Entry) {
+    PLIST_ENTRY oldBlink = ListHead->Blink;
+    Entry->Flink = ListHead;
+    Entry->Blink = oldBlink;
+    oldBlink->Flink = Entry;
+    ListHead->Blink = Entry;
+}
+FORCEINLINE void InsertHeadList(PLIST_ENTRY ListHead, PLIST_ENTRY Entry) {
+    PLIST_ENTRY oldFlink = ListHead->Flink;
+    Entry->Flink = oldFlink;
+    Entry->Blink = ListHead;
+    oldFlink->Blink = Entry;
+    ListHead->Flink = Entry;
+}
 #define RtlMoveMemory(d, s, n) __builtin_memmove((d), (s), (n))
 #define RtlFillMemory(d, n, f) __builtin_memset((d), (f), (n))
 #define RtlZeroMemory(d, n) __builtin_memset((d), 0, (n))

@@ -164,6 +164,12 @@ PORNIX_STREAM_CONTEXT FakeStreams::Open(ULONG number, KSSTATE state) {
     stream->StreamNumber = number;
     stream->State = state;
     stream->Signature = ORNIX_STREAM_SIGNATURE;
+    // What the open sets up before any transfer exists.
+    InitializeListHead(&stream->PendingTransfers);
+    KeInitializeSpinLock(&stream->PendingLock);
+    KeInitializeSpinLock(&stream->QueueLock);
+    KeInitializeEvent(&stream->DrainEvent, NotificationEvent, FALSE);
+    KeInitializeEvent(&stream->AbortEvent, NotificationEvent, FALSE);
     ext_->StreamContexts[number] = stream;
     return stream;
 }
