@@ -145,7 +145,7 @@ std::vector<uint16_t> ToPictureOrder(std::span<const uint16_t> values, uint32_t 
     for (uint32_t row = 0; row < height; ++row) {
         const uint32_t fromTop = bottomUp ? height - 1 - row : row;
         const uint32_t stored =
-            !interlaced ? fromTop : (fromTop % 2 == 0 ? fromTop / 2 : height / 2 + fromTop / 2);
+            !interlaced ? fromTop : (fromTop % 2 == 0 ? fromTop / 2 : (height + 1) / 2 + fromTop / 2);
         std::copy_n(values.begin() + size_t{stored} * valuesPerRow, valuesPerRow,
                     picture.begin() + size_t{row} * valuesPerRow);
     }

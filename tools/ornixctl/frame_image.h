@@ -69,7 +69,8 @@ std::optional<std::vector<uint16_t>> ReadSamples(uint8_t colourId, std::span<con
 
 // Stored rows to picture rows. An interlaced frame holds the even picture
 // rows first and the odd ones after them (picture row r at r / 2 when even,
-// height / 2 + r / 2 when odd); a bottom-up frame holds the last row first.
+// (height + 1) / 2 + r / 2 when odd); a bottom-up frame holds the last row
+// first.
 // `values` holds `valuesPerRow` values per row.
 std::vector<uint16_t> ToPictureOrder(std::span<const uint16_t> values, uint32_t valuesPerRow,
                                      uint32_t height, bool interlaced, bool bottomUp);
