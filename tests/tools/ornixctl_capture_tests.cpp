@@ -3,6 +3,10 @@
 // JSON summary carries the driver's counters. And the command lines refused.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <memory>
+#include <optional>
+
 #include "ornixctl/frame_image.h"
 #include "ornixctl/png_writer.h"
 #include "ornixctl_test_support.h"

@@ -145,7 +145,8 @@ std::vector<uint16_t> ToPictureOrder(std::span<const uint16_t> values, uint32_t 
     for (uint32_t row = 0; row < height; ++row) {
         const uint32_t fromTop = bottomUp ? height - 1 - row : row;
         const uint32_t stored =
-            !interlaced ? fromTop : (fromTop % 2 == 0 ? fromTop / 2 : (height + 1) / 2 + fromTop / 2);
+            !interlaced ? fromTop
+                        : (fromTop % 2 == 0 ? fromTop / 2 : (height + 1) / 2 + fromTop / 2);
         std::copy_n(values.begin() + size_t{stored} * valuesPerRow, valuesPerRow,
                     picture.begin() + size_t{row} * valuesPerRow);
     }
@@ -240,7 +241,7 @@ std::optional<Image> DecodeFrame(uint32_t colourValue, std::span<const uint8_t> 
     if (layout == PixelLayout::Yuv422 || layout == PixelLayout::Rgb24) {
         // Reorder whole rows of bytes, then convert.
         const uint32_t rowBytes = width * BitsPerPixel(colourId) / 8;
-        const std::vector<uint16_t> raw(bytes.begin(), bytes.begin() + needed);
+        const std::vector<uint16_t> raw(bytes.begin(), bytes.begin() + static_cast<size_t>(needed));
         const std::vector<uint16_t> rows =
             ToPictureOrder(raw, rowBytes, height, interlaced, bottomUp);
         const std::vector<uint8_t> ordered(rows.begin(), rows.end());
