@@ -36,7 +36,34 @@ std::optional<TransferFault> ParseTransferFault(std::string_view text) {
     return fault;
 }
 
-void InjectTransferFault(Rig&, ULONG, TransferFaultKind, uint32_t) {}
+// The stack's bulk fault rules: the next `count` bulk transfers misbehave.
+void InjectTransferFault(Rig& rig, ULONG, TransferFaultKind kind, uint32_t count) {
+    usbsim::FaultRule rule;
+    rule.kind = usbsim::RequestKind::BulkOrInterrupt;
+    switch (kind) {
+        case TransferFaultKind::Short:
+            rule.action = usbsim::FaultAction::ShortData;
+            break;
+        case TransferFaultKind::Babble:
+            rule.usbdStatus = USBD_STATUS_BABBLE_DETECTED;
+            break;
+        case TransferFaultKind::TransactionError:
+            rule.usbdStatus = USBD_STATUS_XACT_ERROR;
+            break;
+        case TransferFaultKind::Stall:
+            rule.action = usbsim::FaultAction::Stall;
+            break;
+        case TransferFaultKind::Synchronous:
+            rule.action = usbsim::FaultAction::CompleteSynchronously;
+            break;
+        default:
+            break;
+    }
+    for (uint32_t n = 1; n <= count; ++n) {
+        rule.occurrence = n;
+        rig.Usb().AddFault(rule);
+    }
+}
 void TriggerStill(ornixcam::Camera&) {}
 
 }  // namespace ornixrig
