@@ -105,8 +105,9 @@ VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Sr
     }
 
     // The frame information follows the header on the capture stream; the
-    // stream class sized the header for it (StreamHeaderMediaSpecific).
-    if (!still && header->Size >= sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO)) {
+    // stream class sized the header for it (StreamHeaderMediaSpecific). Only
+    // its leading fields are written, which 64 bytes hold in every data model.
+    if (!still && header->Size >= sizeof(KSSTREAM_HEADER) + FIELD_OFFSET(KS_FRAME_INFO, hDirectDraw)) {
         PKS_FRAME_INFO info = (PKS_FRAME_INFO)(header + 1);
         if (!stamped) {
             ORNIX_STREAM_STATISTICS statistics;

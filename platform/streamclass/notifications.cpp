@@ -1,12 +1,14 @@
 // The stream-class services a minidriver calls: registration from DriverEntry
 // and the notifications that complete its requests.
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "kernel/kernel.h"
 #include "kernel/win_var_args.h"
 #include "streamclass/adapter_directory.h"
 #include "streamclass/device_events.h"
+#include "streamclass/master_clock.h"
 #include "streamclass/srb_registry.h"
 
 namespace {
@@ -115,15 +117,21 @@ StreamClassStreamNotification(STREAM_MINIDRIVER_STREAM_NOTIFICATION_TYPE Notific
             "SRB_UNKNOWN", "stream notification for an unknown stream object " + Hex(StreamObject));
         return;
     }
-    srbs->Complete(srb, winsim::kStreamRequestComplete);
+    srbs->Complete(srb, winsim::kStreamRequestComplete, StreamObject);
 }
 
 extern "C" void STREAMAPI StreamClassQueryMasterClockSync(HANDLE MasterClockHandle,
                                                           PHW_TIME_CONTEXT TimeContext) {
-    // The master clock is the simulated system clock until streams arrive.
-    (void)MasterClockHandle;
-    if (TimeContext != nullptr) {
-        TimeContext->Time = static_cast<ULONGLONG>(winsim::Now100ns());
-        TimeContext->SystemTime = TimeContext->Time;
+    if (TimeContext == nullptr) {
+        winsim::ReportViolation("MASTER_CLOCK", "master clock queried without a time context");
+        return;
     }
+    const std::optional<int64_t> time = winsim::MasterClocks::StreamTime(MasterClockHandle);
+    if (!time) {
+        winsim::ReportViolation(
+            "MASTER_CLOCK", "master clock query with the unknown handle " + Hex(MasterClockHandle));
+        return;
+    }
+    TimeContext->Time = static_cast<ULONGLONG>(*time);
+    TimeContext->SystemTime = static_cast<ULONGLONG>(winsim::Now100ns());
 }

@@ -29,6 +29,7 @@ SrbRegistry::Entry& SrbRegistry::Create(SRB_COMMAND command, PVOID deviceExtensi
     entry->srb.StreamObject = streamObject;
     entry->srb.Status = STATUS_PENDING;
     entry->srb.HwDeviceExtension = deviceExtension;
+    entry->streamRequest = streamObject != nullptr;
     if (perRequestExtensionSize != 0) {
         entry->extension = std::make_unique<uint8_t[]>(perRequestExtensionSize);
         entry->srb.SRBExtension = entry->extension.get();
@@ -36,6 +37,7 @@ SrbRegistry::Entry& SrbRegistry::Create(SRB_COMMAND command, PVOID deviceExtensi
     std::lock_guard lock(mutex_);
     Entry& ref = *entry;
     bySrb_[&ref.srb] = &ref;
+    ++sent_;
     entries_.push_back(std::move(entry));
     return ref;
 }
@@ -50,7 +52,8 @@ bool SrbRegistry::Owns(PHW_STREAM_REQUEST_BLOCK srb) const {
     return Find(srb) != nullptr;
 }
 
-bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how) {
+bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how,
+                           PHW_STREAM_OBJECT notifiedStream) {
     std::unique_lock lock(mutex_);
     Entry* entry = Find(srb);
     if (entry == nullptr) {
@@ -67,7 +70,7 @@ bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how) {
         return false;
     }
     // The checks of a completion that still counts: the SRB is done either way.
-    const bool streamSrb = entry->srb.StreamObject != nullptr;
+    const bool streamSrb = entry->streamRequest;
     const std::string name = SrbCommandName(entry->srb.Command);
     std::vector<std::pair<const char*, std::string>> findings;
     if (streamSrb != (how == kStreamRequestComplete)) {
@@ -77,6 +80,14 @@ bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how) {
                          " completed through " + std::string(how) + "; it takes " +
                          std::string(streamSrb ? kStreamRequestComplete : kDeviceRequestComplete),
                      srb, how));
+    }
+    if (streamSrb && how == kStreamRequestComplete && notifiedStream != entry->srb.StreamObject) {
+        char streams[96];
+        std::snprintf(streams, sizeof streams, "stream object %p; it was sent to %p",
+                      static_cast<void*>(notifiedStream),
+                      static_cast<void*>(entry->srb.StreamObject));
+        findings.emplace_back("SRB_WRONG_STREAM",
+                              Describe(name + " completed on " + streams, srb, how));
     }
     if (entry->srb.Status == STATUS_PENDING) {
         findings.emplace_back(
@@ -94,6 +105,27 @@ bool SrbRegistry::Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how) {
     }
     completedCv_.notify_all();
     return true;
+}
+
+SrbRegistry::Entry& SrbRegistry::CreateReusable(SRB_COMMAND command, PVOID deviceExtension,
+                                                ULONG perRequestExtensionSize,
+                                                PHW_STREAM_OBJECT streamObject,
+                                                std::function<void()> onCompleted) {
+    Entry& entry = Create(command, deviceExtension, perRequestExtensionSize, streamObject,
+                          std::move(onCompleted));
+    std::lock_guard lock(mutex_);
+    entry.completed = true;
+    --sent_;
+    return entry;
+}
+
+void SrbRegistry::Rearm(PHW_STREAM_REQUEST_BLOCK srb) {
+    std::lock_guard lock(mutex_);
+    if (Entry* entry = Find(srb)) {
+        ++sent_;
+        entry->completed = false;
+        entry->srb.Status = STATUS_PENDING;
+    }
 }
 
 bool SrbRegistry::WaitCompleted(const Entry& entry, int64_t simulatedTimeout100ns) {
@@ -126,7 +158,7 @@ size_t SrbRegistry::ReportOutstanding(std::string_view when) {
 
 uint64_t SrbRegistry::Sent() const {
     std::lock_guard lock(mutex_);
-    return entries_.size();
+    return sent_;
 }
 
 uint64_t SrbRegistry::Completed() const {

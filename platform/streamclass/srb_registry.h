@@ -1,7 +1,7 @@
 // Every SRB the stream class has handed to a minidriver, so that completions
 // can be matched to their senders and the verifier can catch an SRB that is
-// completed twice or never, through the wrong notification, or with its
-// Status still STATUS_PENDING.
+// completed twice or never, through the wrong notification or on the wrong
+// stream, or with its Status still STATUS_PENDING.
 #pragma once
 
 #include <strmini.h>
@@ -29,6 +29,9 @@ class SrbRegistry {
         // The per-request extension, if the minidriver asked for one.
         std::unique_ptr<uint8_t[]> extension;
         bool completed = false;
+        // Completed by StreamRequestComplete. SRB_OPEN_STREAM and
+        // SRB_CLOSE_STREAM carry a stream object and are adapter requests.
+        bool streamRequest = false;
         // Runs inside the first completion, on the completing thread, before
         // the sender learns of it.
         std::function<void()> onCompleted;
@@ -40,12 +43,22 @@ class SrbRegistry {
     Entry& Create(SRB_COMMAND command, PVOID deviceExtension, ULONG perRequestExtensionSize,
                   PHW_STREAM_OBJECT streamObject = nullptr,
                   std::function<void()> onCompleted = nullptr);
+    // An SRB to be sent later, perhaps many times (reads): it starts out
+    // complete, and each Rearm is one send.
+    Entry& CreateReusable(SRB_COMMAND command, PVOID deviceExtension, ULONG perRequestExtensionSize,
+                          PHW_STREAM_OBJECT streamObject, std::function<void()> onCompleted);
 
     // Marks the SRB complete; `how` names the notification (kDeviceRequestComplete
     // or kStreamRequestComplete). Reports SRB_COMPLETED_TWICE or SRB_UNKNOWN,
     // and SRB_NOTIFICATION or SRB_STATUS_PENDING for a completion that still
     // counts. Returns true when this was the first completion of a known SRB.
-    bool Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how);
+    bool Complete(PHW_STREAM_REQUEST_BLOCK srb, std::string_view how,
+                  PHW_STREAM_OBJECT notifiedStream = nullptr);
+
+    // Makes a completed SRB outstanding again (Status STATUS_PENDING) so that
+    // it can be sent once more: reads are reused frame after frame. A second
+    // completion of the previous use is then taken as this use's.
+    void Rearm(PHW_STREAM_REQUEST_BLOCK srb);
 
     // Waits until the SRB is complete or `simulatedTimeout100ns` passes.
     bool WaitCompleted(const Entry& entry, int64_t simulatedTimeout100ns);
@@ -67,6 +80,7 @@ class SrbRegistry {
     std::deque<std::unique_ptr<Entry>> entries_;
     std::unordered_map<PHW_STREAM_REQUEST_BLOCK, Entry*> bySrb_;
     uint64_t completed_ = 0;
+    uint64_t sent_ = 0;
 };
 
 std::string SrbCommandName(ULONG command);

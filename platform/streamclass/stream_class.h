@@ -9,6 +9,7 @@
 #include <strmini.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -25,6 +26,20 @@ struct SrbResult {
     NTSTATUS status = STATUS_PENDING;
     ULONG actualBytesTransferred = 0;
     bool completed = false;
+};
+
+// A stream control SRB as it came back: the result and a copy of the SRB
+// (e.g. CommandData.StreamState of SRB_GET_STREAM_STATE).
+struct StreamSrbResult : SrbResult {
+    HW_STREAM_REQUEST_BLOCK srb{};
+};
+
+// The answer to SRB_GET_STREAM_PROPERTY: the output buffer as the
+// minidriver left it (outputLength bytes).
+struct StreamPropertyAnswer {
+    NTSTATUS status = STATUS_PENDING;
+    ULONG actualBytesTransferred = 0;
+    std::vector<uint8_t> output;
 };
 
 class StreamClass {
@@ -116,6 +131,48 @@ class StreamClass {
     void DisableAllDeviceEvents();
     // SRB_PAGING_OUT_DRIVER, as the class sends it before paging the minidriver out.
     SrbResult PageOutDriver();
+
+    // ---- Streams (streamclass/streams.cpp)
+    // Opens stream `number` as an application's pin create does: a zeroed
+    // stream extension of PerStreamExtensionSize bytes, a HW_STREAM_OBJECT,
+    // and SRB_OPEN_STREAM with `format` (a KSDATAFORMAT and its format block)
+    // as CommandData.OpenFormat. Refused without asking the minidriver
+    // (STATUS_INVALID_PARAMETER) for a number not below NumberOfStreams, and
+    // (STATUS_INVALID_DEVICE_REQUEST) when NumberOfPossibleInstances of it are
+    // open. Null unless the open succeeded; `status` says why.
+    PHW_STREAM_OBJECT OpenStream(ULONG number, std::span<const uint8_t> format,
+                                 NTSTATUS* status = nullptr);
+    // SRB_CLOSE_STREAM; the stream extension is freed once it completes.
+    // Once the adapter is torn down (Stop), stream SRBs no longer reach the
+    // minidriver: control SRBs, reads and the close answer
+    // STATUS_DEVICE_REMOVED.
+    NTSTATUS CloseStream(PHW_STREAM_OBJECT stream);
+    // Instances of stream `number` open now.
+    size_t OpenStreamCount(ULONG number) const;
+
+    // A control SRB to the stream's ReceiveControlPacket at PASSIVE_LEVEL,
+    // waited for; `prepare` fills CommandData and whatever else it needs.
+    StreamSrbResult SendStreamControl(
+        PHW_STREAM_OBJECT stream, SRB_COMMAND command,
+        const std::function<void(HW_STREAM_REQUEST_BLOCK&)>& prepare = {});
+    // SRB_GET_STREAM_PROPERTY for `id` of `set`, which must be one of the
+    // stream's published property sets (else STATUS_PROPSET_NOT_FOUND, not
+    // sent), into an output buffer of `outputLength` bytes. A write past
+    // that buffer, or a success claiming more bytes, is a STREAM_PROPERTY
+    // finding.
+    StreamPropertyAnswer GetStreamProperty(PHW_STREAM_OBJECT stream, const GUID& set, ULONG id,
+                                           ULONG outputLength);
+
+    // A data SRB made once and sent many times, so that streaming costs no
+    // allocation per frame. `onCompleted` runs on the completing thread (any
+    // thread, any IRQL) inside each completion, under the class's lock: it
+    // must only note the fact and wake a waiter.
+    PHW_STREAM_REQUEST_BLOCK CreateDataSrb(PHW_STREAM_OBJECT stream, SRB_COMMAND command,
+                                           std::function<void()> onCompleted);
+    // (Re)sends it to the stream's ReceiveDataPacket at PASSIVE_LEVEL, with
+    // Status STATUS_PENDING; the caller has filled CommandData. May run
+    // while a control SRB of the same stream is in progress.
+    void SendDataSrb(PHW_STREAM_REQUEST_BLOCK srb);
 
   private:
     struct Impl;

@@ -1,0 +1,258 @@
+// Streams of the simulated stream class: open and close through the adapter,
+// control and data SRBs to the routines the minidriver installed at open,
+// and stream properties with a guard behind the application's buffer.
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include "streamclass/stream_class_impl.h"
+
+namespace winsim {
+namespace {
+
+// Guard behind a stream property's output buffer: a whole record of the
+// largest video properties fits in it.
+constexpr size_t kPropertyGuardBytes = 256;
+constexpr uint8_t kPropertyGuardFill = 0xCD;
+
+// How long the class waits for a stream control SRB: generous, simulated.
+constexpr int64_t kStreamSrbPatience100ns = 120LL * 10'000'000;
+
+}  // namespace
+
+StreamRecord* StreamClass::Impl::FindStream(PHW_STREAM_OBJECT object) const {
+    std::lock_guard lock(streamsMutex);
+    for (const auto& record : streams) {
+        if (&record->object == object && record->open) {
+            return record.get();
+        }
+    }
+    return nullptr;
+}
+
+PHW_STREAM_OBJECT StreamClass::OpenStream(ULONG number, std::span<const uint8_t> format,
+                                          NTSTATUS* status) {
+    NTSTATUS ignored = STATUS_SUCCESS;
+    NTSTATUS& result = status != nullptr ? *status : ignored;
+    const HW_STREAM_HEADER* header = StreamHeader();
+    if (header == nullptr) {
+        throw std::logic_error("StreamClass: no started adapter to open a stream on");
+    }
+    if (number >= header->NumberOfStreams || number >= impl_->filter.pins.size()) {
+        result = STATUS_INVALID_PARAMETER;
+        return nullptr;
+    }
+    const PinView& pin = impl_->filter.pins[number];
+    if (OpenStreamCount(number) >= pin.possibleInstances) {
+        result = STATUS_INVALID_DEVICE_REQUEST;
+        return nullptr;
+    }
+
+    auto record = std::make_unique<StreamRecord>();
+    record->number = number;
+    record->format.assign(format.begin(), format.end());
+    record->propertySets = pin.propertySets;
+    const size_t extensionSize =
+        std::max<size_t>(16, (impl_->registration.PerStreamExtensionSize + 15) / 16 * 16);
+    record->extension = std::aligned_alloc(16, extensionSize);
+    std::memset(record->extension, 0, extensionSize);
+    HW_STREAM_OBJECT& object = record->object;
+    object.SizeOfThisPacket = sizeof(HW_STREAM_OBJECT);
+    object.StreamNumber = number;
+    object.HwStreamExtension =
+        impl_->registration.PerStreamExtensionSize != 0 ? record->extension : nullptr;
+    object.HwDeviceExtension = impl_->extension;
+    StreamRecord* opening = record.get();
+    {
+        std::lock_guard lock(impl_->streamsMutex);
+        impl_->streams.push_back(std::move(record));
+    }
+
+    const SrbResult open = impl_->Send(SRB_OPEN_STREAM, opening->format.data(), 0, nullptr, false,
+                                       0, &opening->object);
+    result = open.completed ? open.status : STATUS_IO_TIMEOUT;
+    if (NT_SUCCESS(result) &&
+        (object.ReceiveDataPacket == nullptr || object.ReceiveControlPacket == nullptr)) {
+        ReportViolation("STREAM_OPEN", "SRB_OPEN_STREAM of stream " + std::to_string(number) +
+                                           " succeeded without installing the stream's "
+                                           "ReceiveDataPacket and ReceiveControlPacket");
+        result = STATUS_UNSUCCESSFUL;
+    }
+    if (!NT_SUCCESS(result)) {
+        // The class frees the extension of a stream that failed to open;
+        // the record stays (closed) for a late notification to find.
+        std::lock_guard lock(impl_->streamsMutex);
+        if (open.completed) {
+            std::free(opening->extension);
+            opening->extension = nullptr;
+        }
+        return nullptr;
+    }
+    std::lock_guard lock(impl_->streamsMutex);
+    opening->open = true;
+    return &opening->object;
+}
+
+NTSTATUS StreamClass::CloseStream(PHW_STREAM_OBJECT stream) {
+    StreamRecord* record = impl_->FindStream(stream);
+    if (record == nullptr) {
+        throw std::logic_error("StreamClass: closing a stream that is not open");
+    }
+    if (!impl_->AdapterAlive()) {
+        // The adapter was torn down under the stream: nobody to tell.
+        std::lock_guard lock(impl_->streamsMutex);
+        record->open = false;
+        return STATUS_DEVICE_REMOVED;
+    }
+    const SrbResult close =
+        impl_->Send(SRB_CLOSE_STREAM, nullptr, 0, nullptr, false, 0, &record->object);
+    std::lock_guard lock(impl_->streamsMutex);
+    record->open = false;
+    if (close.completed) {
+        std::free(record->extension);
+        record->extension = nullptr;
+    }
+    return close.completed ? close.status : STATUS_IO_TIMEOUT;
+}
+
+size_t StreamClass::OpenStreamCount(ULONG number) const {
+    std::lock_guard lock(impl_->streamsMutex);
+    return std::count_if(impl_->streams.begin(), impl_->streams.end(),
+                         [&](const auto& r) { return r->open && r->number == number; });
+}
+
+StreamSrbResult StreamClass::SendStreamControl(
+    PHW_STREAM_OBJECT stream, SRB_COMMAND command,
+    const std::function<void(HW_STREAM_REQUEST_BLOCK&)>& prepare) {
+    if (impl_->FindStream(stream) == nullptr) {
+        throw std::logic_error("StreamClass: control SRB for a stream that is not open");
+    }
+    if (!impl_->AdapterAlive()) {
+        StreamSrbResult gone;
+        gone.status = STATUS_DEVICE_REMOVED;
+        gone.completed = true;
+        return gone;
+    }
+    SrbRegistry::Entry& entry = impl_->srbs.Create(
+        command, impl_->extension, impl_->registration.PerRequestExtensionSize, stream);
+    PHW_STREAM_REQUEST_BLOCK srb = &entry.srb;
+    srb->TimeoutOriginal = 15;
+    srb->TimeoutCounter = 15;
+    if (prepare) {
+        prepare(*srb);
+    }
+    {
+        std::unique_lock<std::mutex> serial(impl_->serialise, std::defer_lock);
+        if (!impl_->registration.TurnOffSynchronization) {
+            serial.lock();
+        }
+        RunAtIrql(PASSIVE_LEVEL, [&] { stream->ReceiveControlPacket(srb); });
+    }
+    StreamSrbResult result;
+    result.completed = impl_->srbs.WaitCompleted(entry, kStreamSrbPatience100ns);
+    if (!result.completed) {
+        impl_->srbs.ReportOutstanding("stream control request not completed in time");
+    }
+    result.status = srb->Status;
+    result.actualBytesTransferred = srb->ActualBytesTransferred;
+    result.srb = *srb;
+    return result;
+}
+
+StreamPropertyAnswer StreamClass::GetStreamProperty(PHW_STREAM_OBJECT stream, const GUID& set,
+                                                    ULONG id, ULONG outputLength) {
+    StreamRecord* record = impl_->FindStream(stream);
+    if (record == nullptr) {
+        throw std::logic_error("StreamClass: property request for a stream that is not open");
+    }
+    StreamPropertyAnswer answer;
+    const auto found = std::find_if(record->propertySets.begin(), record->propertySets.end(),
+                                    [&](const GUID& g) { return SameGuid(g, set); });
+    if (found == record->propertySets.end()) {
+        answer.status = STATUS_PROPSET_NOT_FOUND;
+        return answer;
+    }
+    // The descriptor and buffers outlive the call: a minidriver that never
+    // completes the request may still write into them later.
+    struct Request {
+        KSPROPERTY property{};
+        STREAM_PROPERTY_DESCRIPTOR descriptor{};
+        std::vector<uint8_t> output;
+    };
+    static std::mutex keptMutex;
+    static std::list<std::unique_ptr<Request>> kept;
+    auto request = std::make_unique<Request>();
+    request->property.Set = set;
+    request->property.Id = id;
+    request->property.Flags = KSPROPERTY_TYPE_GET;
+    request->output.assign(outputLength + kPropertyGuardBytes, 0);
+    std::memset(request->output.data() + outputLength, kPropertyGuardFill, kPropertyGuardBytes);
+    STREAM_PROPERTY_DESCRIPTOR& descriptor = request->descriptor;
+    descriptor.Property = &request->property;
+    descriptor.PropertySetID = static_cast<ULONG>(found - record->propertySets.begin());
+    descriptor.PropertyInfo = request->output.data();
+    descriptor.PropertyInputSize = sizeof(KSPROPERTY);
+    descriptor.PropertyOutputSize = outputLength;
+
+    const StreamSrbResult result =
+        SendStreamControl(stream, SRB_GET_STREAM_PROPERTY, [&](HW_STREAM_REQUEST_BLOCK& srb) {
+            srb.CommandData.PropertyInfo = &descriptor;
+            srb.NumberOfBytesToTransfer = outputLength;
+        });
+    answer.status = result.completed ? result.status : STATUS_IO_TIMEOUT;
+    answer.actualBytesTransferred = result.actualBytesTransferred;
+    const std::string what = "SRB_GET_STREAM_PROPERTY (set index " +
+                             std::to_string(descriptor.PropertySetID) + ", id " +
+                             std::to_string(id) + ") on stream " + std::to_string(record->number);
+    const bool overrun = std::any_of(request->output.begin() + outputLength, request->output.end(),
+                                     [](uint8_t b) { return b != kPropertyGuardFill; });
+    if (overrun) {
+        ReportViolation(
+            "STREAM_PROPERTY",
+            what + " wrote past the " + std::to_string(outputLength) + "-byte output buffer");
+        answer.status = STATUS_BUFFER_OVERFLOW;
+    } else if (NT_SUCCESS(answer.status) && answer.actualBytesTransferred > outputLength) {
+        ReportViolation("STREAM_PROPERTY",
+                        what + " claims " + std::to_string(answer.actualBytesTransferred) +
+                            " bytes returned in a " + std::to_string(outputLength) +
+                            "-byte output buffer");
+    }
+    answer.output.assign(request->output.begin(), request->output.begin() + outputLength);
+    if (!result.completed) {
+        std::lock_guard lock(keptMutex);
+        kept.push_back(std::move(request));
+    }
+    return answer;
+}
+
+PHW_STREAM_REQUEST_BLOCK StreamClass::CreateDataSrb(PHW_STREAM_OBJECT stream, SRB_COMMAND command,
+                                                    std::function<void()> onCompleted) {
+    if (impl_->FindStream(stream) == nullptr) {
+        throw std::logic_error("StreamClass: data SRB for a stream that is not open");
+    }
+    SrbRegistry::Entry& entry = impl_->srbs.CreateReusable(
+        command, impl_->extension, impl_->registration.PerRequestExtensionSize, stream,
+        std::move(onCompleted));
+    return &entry.srb;
+}
+
+void StreamClass::SendDataSrb(PHW_STREAM_REQUEST_BLOCK srb) {
+    impl_->srbs.Rearm(srb);
+    if (!impl_->AdapterAlive()) {
+        // No minidriver to take it: the class fails it itself.
+        srb->Status = STATUS_DEVICE_REMOVED;
+        impl_->srbs.Complete(srb, kStreamRequestComplete, srb->StreamObject);
+        return;
+    }
+    srb->TimeoutOriginal = 15;
+    srb->TimeoutCounter = 15;
+    PHW_STREAM_OBJECT stream = srb->StreamObject;
+    std::unique_lock<std::mutex> serial(impl_->serialise, std::defer_lock);
+    if (!impl_->registration.TurnOffSynchronization) {
+        serial.lock();
+    }
+    RunAtIrql(PASSIVE_LEVEL, [stream, srb] { stream->ReceiveDataPacket(srb); });
+}
+
+}  // namespace winsim
