@@ -3,7 +3,6 @@
 #include <charconv>
 #include <string>
 
-#include "streamclass/pin.h"
 
 namespace ornixrig {
 
@@ -67,25 +66,3 @@ void InjectTransferFault(Rig& rig, ULONG, TransferFaultKind kind, uint32_t count
 void TriggerStill(ornixcam::Camera&) {}
 
 }  // namespace ornixrig
-
-namespace winsim {
-struct Pin::Impl {};
-std::unique_ptr<Pin> Pin::Open(StreamClass&, PinOptions, NTSTATUS* status) {
-    if (status != nullptr)
-        *status = STATUS_NOT_IMPLEMENTED;
-    return nullptr;
-}
-Pin::~Pin() = default;
-NTSTATUS Pin::Run() {
-    return STATUS_NOT_IMPLEMENTED;
-}
-std::optional<PinFrame> Pin::NextFrame(double) {
-    return std::nullopt;
-}
-NTSTATUS Pin::Stop() {
-    return STATUS_NOT_IMPLEMENTED;
-}
-std::optional<KSPROPERTY_DROPPEDFRAMES_CURRENT_S> Pin::DroppedFrames(NTSTATUS*) {
-    return std::nullopt;
-}
-}  // namespace winsim
