@@ -1,6 +1,7 @@
 #include "camera/camera.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "camera/register_layout.h"
 
@@ -33,6 +34,40 @@ std::optional<uint8_t> FindEventEndpoint(const ConfigurationProfile& c) {
     return std::nullopt;
 }
 
+// The capture and still endpoints: the first two bulk-IN endpoints of the
+// first alternate setting that has any.
+std::pair<std::optional<uint8_t>, std::optional<uint8_t>> FindVideoEndpoints(
+    const ConfigurationProfile& c) {
+    for (const AlternateSettingProfile& setting : c.alternateSettings) {
+        std::vector<uint8_t> found;
+        for (const EndpointProfile& endpoint : setting.endpoints) {
+            if (endpoint.type == EndpointType::Bulk && endpoint.IsIn()) {
+                found.push_back(endpoint.address);
+            }
+        }
+        if (!found.empty()) {
+            return {found[0], found.size() > 1 ? std::optional<uint8_t>(found[1]) : std::nullopt};
+        }
+    }
+    return {};
+}
+
+bool IsClearEndpointHalt(const usbsim::SetupPacket& setup) {
+    constexpr uint8_t kClearFeature = 1;
+    return setup.bmRequestType == 0x02 && setup.bRequest == kClearFeature && setup.wValue == 0;
+}
+
+int64_t SteadyNow100ns() {
+    using namespace std::chrono;
+    return duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count() / 100;
+}
+
+std::chrono::steady_clock::time_point SteadyAt(int64_t t100ns) {
+    return std::chrono::steady_clock::time_point(
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::nanoseconds(t100ns * 100)));
+}
+
 }  // namespace
 
 Camera::Camera(Profile profile)
@@ -45,9 +80,13 @@ Camera::Camera(Profile profile)
       formatBanks_(profile_),
       eventEndpoint_(FindEventEndpoint(profile_.configuration)),
       events_(profile_.events),
-      shortReads_(profile_.quirks.shortReads) {
+      shortReads_(profile_.quirks.shortReads),
+      now100ns_(SteadyNow100ns),
+      realTimeAt_(SteadyAt),
+      timer_([this](uint8_t endpoint) { SignalReady(endpoint); }) {
     InstallRegisterBehaviour();
     formatBanks_.Install(registers_);
+    InstallVideo();
 }
 
 void Camera::InstallRegisterBehaviour() {
@@ -118,6 +157,12 @@ Camera::Result Camera::Control(const usbsim::SetupPacket& setup, std::span<uint8
         std::lock_guard lock(mutex_);
         if (StandardRequests::IsStandard(setup)) {
             result = standard_.Handle(setup, data);
+            if (IsClearEndpointHalt(setup) && result.handshake == usbsim::Handshake::Ack) {
+                // The host's pipe reset: that endpoint starts over at a fresh frame.
+                if (VideoEndpoint* video = Video(static_cast<uint8_t>(setup.wIndex))) {
+                    video->Restart();
+                }
+            }
         } else if ((setup.bmRequestType & kTypeMask) == kVendorType) {
             result = VendorRequest(setup, data);
         } else {
@@ -125,6 +170,7 @@ Camera::Result Camera::Control(const usbsim::SetupPacket& setup, std::span<uint8
         }
     }
     log_.RecordControl(setup, data, result);
+    FlushVideoSignals();
     return result;
 }
 
@@ -160,6 +206,7 @@ Camera::Result Camera::ReadRegisters(uint16_t firstByte, std::span<uint8_t> data
 }
 
 Camera::Result Camera::WriteRegisters(uint16_t firstByte, std::span<const uint8_t> data) {
+    NoteBankWrite(firstByte);
     if (!registers_.Write(firstByte, data)) {
         return Result::Stall();
     }
@@ -168,9 +215,19 @@ Camera::Result Camera::WriteRegisters(uint16_t firstByte, std::span<const uint8_
 
 Camera::Result Camera::Transfer(uint8_t endpointAddress, std::span<uint8_t> data) {
     Result result;
+    std::optional<int64_t> due;
     {
         std::lock_guard lock(mutex_);
-        result = EndpointTransfer(endpointAddress, data);
+        VideoEndpoint* video = Video(endpointAddress);
+        if (video != nullptr && standard_.ActiveEndpoint(endpointAddress) != nullptr &&
+            !standard_.Halted(endpointAddress)) {
+            result = video->Transfer(data, now100ns_(), due);
+        } else {
+            result = EndpointTransfer(endpointAddress, data);
+        }
+    }
+    if (due) {
+        timer_.Arm(endpointAddress, realTimeAt_(*due));
     }
     log_.RecordTransfer(endpointAddress, data, result);
     return result;
@@ -361,6 +418,192 @@ void Camera::SetEndpointHandler(uint8_t address, EndpointHandler handler) {
         endpointHandlers_[address] = std::move(handler);
     } else {
         endpointHandlers_.erase(address);
+    }
+}
+
+void Camera::InstallVideo() {
+    std::tie(captureEndpoint_, stillEndpoint_) = FindVideoEndpoints(profile_.configuration);
+    const FrameContent content = profile_.video.scene ? FrameContent::Scene : FrameContent::Pattern;
+    capture_ = std::make_unique<VideoEndpoint>([this] { return VideoSetup(false); }, content, false);
+    still_ = std::make_unique<VideoEndpoint>([this] { return VideoSetup(true); }, content, true);
+    capture_->SetPacing(profile_.video.pacing);
+    still_->SetPacing(profile_.video.pacing);
+    const auto onWrite = [this](uint16_t index, WriteHook hook) {
+        if (registers_.Contains(index)) {
+            registers_.SetWriteHook(index, std::move(hook));
+        }
+    };
+    onWrite(reg::kStreamControl, [this](const RegisterWrite& w) {
+        constexpr uint32_t kStart = 0xFFFFFFFF, kAnswerEmpty = 0x40404040;
+        if (w.value == kStart) {
+            capture_->Start(now100ns_());
+        } else if (w.value == kAnswerEmpty) {
+            capture_->AnswerEmpty();
+        } else if (w.value == 0) {
+            capture_->Stop();
+        }
+        if (captureEndpoint_) {
+            signalAfterUnlock_.push_back(*captureEndpoint_);
+        }
+        return WriteOutcome::Store;
+    });
+    onWrite(reg::kStillTrigger, [this](const RegisterWrite& w) {
+        constexpr uint32_t kStillOpen = 1u << 2;
+        still_->SetOpen((w.value & kStillOpen) != 0);
+        return WriteOutcome::Store;
+    });
+}
+
+void Camera::NoteBankWrite(uint16_t firstByte) {
+    const unsigned banks = profile_.FormatBankCount();
+    if (firstByte >= reg::kCaptureBankBase && firstByte < reg::kCaptureBankBase + banks * reg::kBankStride) {
+        captureBank_ = (firstByte - reg::kCaptureBankBase) / reg::kBankStride;
+    } else if (firstByte >= reg::kStillBankBase &&
+               firstByte < reg::kStillBankBase + banks * reg::kBankStride) {
+        stillBank_ = (firstByte - reg::kStillBankBase) / reg::kBankStride;
+    }
+}
+
+FrameSetup Camera::VideoSetup(bool still) const {
+    FrameSetup setup;
+    const unsigned bank = still ? stillBank_ : captureBank_;
+    if (bank >= profile_.formatBanks.size() || bank >= profile_.FormatBankCount()) {
+        return setup;
+    }
+    const auto stored = [this](uint16_t index) {
+        return registers_.Contains(index) ? registers_.Peek(index) : 0;
+    };
+    const auto at = [&](uint16_t offset) {
+        return stored(still ? reg::StillBank(bank, offset) : reg::CaptureBank(bank, offset));
+    };
+    FrameGeometry& g = setup.geometry;
+    const uint32_t size = at(reg::fmt::kSize), position = at(reg::fmt::kPosition);
+    const uint32_t binning = at(reg::fmt::kBinning);
+    g.colourValue = (at(reg::fmt::kColorId) & 0xFF) | profile_.formatBanks[bank].ColorIdFlags();
+    g.width = size & 0xFFFF;
+    g.height = size >> 16;
+    g.startX = static_cast<int16_t>(position & 0xFFFF);
+    g.startY = static_cast<int16_t>(position >> 16);
+    g.binX = std::max<uint32_t>(binning & 0xFF, 1);
+    g.binY = std::max<uint32_t>((binning >> 16) & 0xFF, 1);
+    g.highSpeed = stored(reg::kSpeed) != 0;
+    setup.frequency = stored(reg::CaptureBank(bank, reg::fmt::kCurrentFrequency));
+    SensorMapping mapping;
+    const uint8_t base = static_cast<uint8_t>(profile_.formatBanks[bank].colorInquiry);
+    mapping.monochrome = base == 0 || base == 5 || base == 6;
+    mapping.layout = stored(reg::kSensorLayout);
+    mapping.origin = stored(reg::kSensorOrigin);
+    for (const ProductDataSection& section : profile_.productData.sections) {
+        if (section.id == 1) {
+            setup.hot = MapDefects(g, mapping, section.payload);
+        }
+    }
+    return setup;
+}
+
+VideoEndpoint* Camera::Video(uint8_t endpoint) const {
+    if (captureEndpoint_ == endpoint) {
+        return capture_.get();
+    }
+    if (stillEndpoint_ == endpoint) {
+        return still_.get();
+    }
+    return nullptr;
+}
+
+void Camera::FlushVideoSignals() {
+    std::vector<uint8_t> endpoints;
+    {
+        std::lock_guard lock(mutex_);
+        endpoints.swap(signalAfterUnlock_);
+    }
+    for (uint8_t endpoint : endpoints) {
+        SignalReady(endpoint);
+    }
+}
+
+void Camera::TriggerStill() {
+    bool triggered = false;
+    {
+        std::lock_guard lock(mutex_);
+        triggered = still_->Trigger();
+    }
+    if (triggered && stillEndpoint_) {
+        SignalReady(*stillEndpoint_);
+    }
+}
+
+std::optional<int64_t> Camera::RunStillSchedule(int64_t now100ns) {
+    constexpr int64_t k100nsPerMs = 10'000;
+    const auto& at = profile_.video.stillTriggersMs;
+    std::optional<int64_t> next;
+    uint32_t due = 0;
+    {
+        std::lock_guard lock(mutex_);
+        for (; nextStillTrigger_ < at.size() && int64_t{at[nextStillTrigger_]} * k100nsPerMs <= now100ns;
+             ++nextStillTrigger_) {
+            ++due;
+        }
+        if (nextStillTrigger_ < at.size()) {
+            next = int64_t{at[nextStillTrigger_]} * k100nsPerMs;
+        }
+    }
+    for (uint32_t i = 0; i < due; ++i) {
+        TriggerStill();
+    }
+    return next;
+}
+
+void Camera::SetPacing(bool on) {
+    std::lock_guard lock(mutex_);
+    capture_->SetPacing(on);
+    still_->SetPacing(on);
+}
+
+void Camera::SetClock(std::function<int64_t()> now100ns,
+                      std::function<std::chrono::steady_clock::time_point(int64_t)> realTimeAt) {
+    std::lock_guard lock(mutex_);
+    now100ns_ = std::move(now100ns);
+    realTimeAt_ = std::move(realTimeAt);
+}
+
+uint64_t Camera::FramesStarted(uint8_t endpoint) const {
+    std::lock_guard lock(mutex_);
+    const VideoEndpoint* video = Video(endpoint);
+    return video ? video->FramesStarted() : 0;
+}
+
+std::vector<uint8_t> Camera::ExpectedFrame(uint8_t endpoint, uint64_t frameNumber) const {
+    FrameSetup setup;
+    {
+        std::lock_guard lock(mutex_);
+        setup = VideoSetup(endpoint == stillEndpoint_);
+    }
+    std::vector<uint8_t> frame;
+    FrameRenderer renderer;
+    renderer.Render(setup.geometry, frameNumber, {},
+                    profile_.video.scene ? FrameContent::Scene : FrameContent::Pattern, frame);
+    return frame;
+}
+
+std::optional<uint64_t> Camera::FrameNumberOf(uint8_t endpoint, std::span<const uint8_t> frame) const {
+    FrameSetup setup;
+    {
+        std::lock_guard lock(mutex_);
+        setup = VideoSetup(endpoint == stillEndpoint_);
+    }
+    return RecoverFrameNumber(setup.geometry, frame, setup.hot);
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> Camera::HotSamples(uint8_t endpoint) const {
+    std::lock_guard lock(mutex_);
+    return VideoSetup(endpoint == stillEndpoint_).hot;
+}
+
+void Camera::SplitNextFrame(uint8_t endpoint, uint32_t atByte) {
+    std::lock_guard lock(mutex_);
+    if (VideoEndpoint* video = Video(endpoint)) {
+        video->SplitNextFrame(atByte);
     }
 }
 

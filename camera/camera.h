@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -21,7 +22,9 @@
 #include "camera/profile.h"
 #include "camera/register_file.h"
 #include "camera/request_log.h"
+#include "camera/ready_timer.h"
 #include "camera/standard_requests.h"
+#include "camera/video_endpoint.h"
 #include "platform/usb/usb_device.h"
 
 namespace ornixcam {
@@ -98,6 +101,35 @@ class Camera final : public usbsim::UsbDevice {
     // time since power-up; returns when it next holds something.
     std::optional<int64_t> RunEventSchedule(int64_t now100ns);
 
+    // Video on the bulk-IN endpoints (see camera/video_endpoint.h). The
+    // capture and still endpoints are the first and second bulk-IN
+    // endpoints of the first alternate setting that has one.
+    std::optional<uint8_t> CaptureEndpoint() const { return captureEndpoint_; }
+    std::optional<uint8_t> StillEndpoint() const { return stillEndpoint_; }
+    // One still frame, if the still stream is open (ORNIX_STILL_TRIGGER bit 2).
+    void TriggerStill();
+    // Off: every frame is available at once, frame n + 1 right after n.
+    void SetPacing(bool on);
+    // Where simulated time comes from (100 ns units) and the real moment a
+    // simulated time arrives; by default the steady clock, unscaled.
+    void SetClock(std::function<int64_t()> now100ns,
+                  std::function<std::chrono::steady_clock::time_point(int64_t)> realTimeAt);
+    uint64_t FramesStarted(uint8_t endpoint) const;
+    // The clean bytes of frame `frameNumber` in the endpoint's current geometry.
+    std::vector<uint8_t> ExpectedFrame(uint8_t endpoint, uint64_t frameNumber) const;
+    // The number a delivered frame carries, modulo what the pattern holds:
+    // 512 for 8-bit samples (12/24-bit ids count as bytes), 131072 for
+    // 16-bit samples, 2^32 for colour id 128, 65535 for colour id 129.
+    std::optional<uint64_t> FrameNumberOf(uint8_t endpoint, std::span<const uint8_t> frame) const;
+    // (column, row) of the samples shown hot in the current geometry.
+    std::vector<std::pair<uint32_t, uint32_t>> HotSamples(uint8_t endpoint) const;
+    // The next frame of `endpoint` ends a transfer short at byte `atByte`
+    // and goes on in the transfer after it.
+    void SplitNextFrame(uint8_t endpoint, uint32_t atByte);
+    // External still triggers of the profile due by `now100ns` since power-up
+    // fire; returns when the next one is due.
+    std::optional<int64_t> RunStillSchedule(int64_t now100ns);
+
     // Tells the stack an endpoint that answered Nak may have data now (0: all).
     // Call it without holding anything the stack's threads might wait for.
     void SignalReady(uint8_t endpointAddress);
@@ -110,6 +142,11 @@ class Camera final : public usbsim::UsbDevice {
     void InstallRegisterBehaviour();
     void SignalEventsIf(bool pending);
     WriteOutcome OnReset(const RegisterWrite& write);
+    void InstallVideo();
+    FrameSetup VideoSetup(bool still) const;
+    VideoEndpoint* Video(uint8_t endpoint) const;
+    void NoteBankWrite(uint16_t firstByte);
+    void FlushVideoSignals();
     bool OnMessageData(size_t offset, std::span<const uint8_t> bytes);
 
     const Profile profile_;
@@ -132,6 +169,18 @@ class Camera final : public usbsim::UsbDevice {
     PassThroughHandler passThrough_;
     MessageHandler onMessage_;
     std::function<void(uint8_t)> ready_;
+
+    std::optional<uint8_t> captureEndpoint_;
+    std::optional<uint8_t> stillEndpoint_;
+    unsigned captureBank_ = 0;  // the banks the host last programmed
+    unsigned stillBank_ = 0;
+    std::unique_ptr<VideoEndpoint> capture_;
+    std::unique_ptr<VideoEndpoint> still_;
+    std::vector<uint8_t> signalAfterUnlock_;  // endpoints to wake once the lock is released
+    size_t nextStillTrigger_ = 0;
+    std::function<int64_t()> now100ns_;
+    std::function<std::chrono::steady_clock::time_point(int64_t)> realTimeAt_;
+    ReadyTimer timer_;  // last: its thread calls into the members above
 };
 
 }  // namespace ornixcam

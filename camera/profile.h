@@ -225,6 +225,15 @@ struct EventsProfile {
     bool operator==(const EventsProfile&) const = default;
 };
 
+// The video endpoints: what frames show and how they are timed.
+struct VideoProfile {
+    bool pacing = true;    // false: every frame is there at once
+    bool scene = false;    // a picture for people instead of the test pattern
+    std::vector<uint32_t> stillTriggersMs;  // external triggers, ascending
+
+    bool operator==(const VideoProfile&) const = default;
+};
+
 struct Profile {
     std::string name;
     DeviceProfile device;
@@ -243,6 +252,7 @@ struct Profile {
     Quirks quirks;
     HostControllerProfile hostController;
     EventsProfile events;
+    VideoProfile video;
     // String values of the device's driver registry key (e.g. TevrinKey), as
     // the installation would have written them.
     std::map<std::u16string, std::u16string> registry;

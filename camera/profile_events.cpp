@@ -77,4 +77,34 @@ void ParseEvents(const json& object, EventsProfile& events) {
     }
 }
 
+void ParseVideo(const json& object, VideoProfile& video) {
+    const std::string path = "video";
+    json_values::RequireFields(object, path, {"pacing", "content", "stillTriggersMs"});
+    if (auto it = object.find("pacing"); it != object.end()) {
+        if (!it->is_boolean()) {
+            Fail(Path(path, "pacing"), "expected true or false");
+        }
+        video.pacing = it->get<bool>();
+    }
+    if (auto it = object.find("content"); it != object.end()) {
+        const std::string& text = json_values::Text(*it, Path(path, "content"));
+        if (text != "pattern" && text != "scene") {
+            Fail(Path(path, "content"), "expected \"pattern\" or \"scene\", got \"" + text + "\"");
+        }
+        video.scene = text == "scene";
+    }
+    if (auto it = object.find("stillTriggersMs"); it != object.end()) {
+        const std::string triggers = Path(path, "stillTriggersMs");
+        json_values::RequireArray(*it, triggers);
+        video.stillTriggersMs.clear();
+        for (size_t i = 0; i < it->size(); ++i) {
+            const auto ms = static_cast<uint32_t>(json_values::Unsigned((*it)[i], Path(triggers, i), kMaxMs));
+            if (!video.stillTriggersMs.empty() && ms < video.stillTriggersMs.back()) {
+                Fail(Path(triggers, i), "must not be earlier than the entry before");
+            }
+            video.stillTriggersMs.push_back(ms);
+        }
+    }
+}
+
 }  // namespace ornixcam

@@ -320,7 +320,7 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
         root, "",
         {"name", "description", "device", "strings", "configuration", "fpga", "productData",
          "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks",
-         "registry", "hostController", "events"});
+         "registry", "hostController", "events", "video"});
     Mentions valueMentions;
     Mentions quirkMentions;
     if (auto it = root.find("name"); it != root.end()) {
@@ -370,6 +370,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     }
     if (auto it = root.find("events"); it != root.end()) {
         ParseEvents(*it, profile.events);
+    }
+    if (auto it = root.find("video"); it != root.end()) {
+        ParseVideo(*it, profile.video);
     }
 
     // The speed register follows a changed bus speed unless the document sets it too.

@@ -26,6 +26,8 @@ static VOID OrnixResetDeviceContext(PORNIX_DEVICE_CONTEXT Ext) {
     Ext->WorkItemCount = 1;
     Ext->WorkItemsClosed = 0;
     KeInitializeEvent(&Ext->WorkItemsDone, NotificationEvent, FALSE);
+    // Before anything can read the product data the correction walks.
+    KeInitializeSpinLock(&Ext->DefectLock);
     Ext->PixelCorrectionEnabled = TRUE;
 }
 

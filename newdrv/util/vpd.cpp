@@ -3,16 +3,22 @@
 #include "ornix.h"
 #include "vpd_layout.h"
 
+// The frame path reads DefectSection at DISPATCH_LEVEL under DefectLock: the
+// pointers are unpublished under that lock and the block is freed after it.
 NTSTATUS OrnixInvalidateVpd(PORNIX_DEVICE_CONTEXT Ext) {
     if (Ext->VpdImage) {
+        KIRQL oldIrql;
+        KeAcquireSpinLock(&Ext->DefectLock, &oldIrql);
         // The sections point into the image: drop them before it goes.
+        PUCHAR image = Ext->VpdImage;
         Ext->DefectSection = NULL;
         Ext->DefectSectionLength = 0;
         Ext->Section4 = NULL;
         Ext->Section4Length = 0;
-        OrnixFreePool(Ext->VpdImage);
         Ext->VpdImage = NULL;
         Ext->VpdLength = 0;
+        KeReleaseSpinLock(&Ext->DefectLock, oldIrql);
+        OrnixFreePool(image);
     }
     return STATUS_SUCCESS;
 }
@@ -54,24 +60,29 @@ NTSTATUS OrnixReadVpd(PORNIX_DEVICE_CONTEXT Ext) {
         return status;
     }
 
+    // Allocated and filled outside DefectLock (the reads block); only the
+    // publication below takes it.
     PUCHAR image = (PUCHAR)OrnixAllocatePool(length);
     if (!image) {
         DbgPrint(ORNIX_PREFIX " OrnixReadVpd: No more memory\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    Ext->VpdImage = image;
-    Ext->VpdLength = length;
-
     status = OrnixReadVpdRange(Ext, mappingType, image, length, 0);
     if (!NT_SUCCESS(status)) {
         DbgPrint(ORNIX_PREFIX " OrnixReadVpd:Failed to read huge VPD\n");
-        OrnixInvalidateVpd(Ext);
+        OrnixFreePool(image);
         return status;
     }
 
-    // Either section may be missing: its pair then stays empty.
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&Ext->DefectLock, &oldIrql);
+    Ext->VpdImage = image;
+    Ext->VpdLength = length;
+    // Either section may be missing: its pair then stays empty. The look-up
+    // only walks the image in memory, so it may run under the lock.
     OrnixFindVpdSection(Ext, &Ext->DefectSection, &Ext->DefectSectionLength,
                         ORNIX_VPD_DEFECT_SECTION);
     OrnixFindVpdSection(Ext, &Ext->Section4, &Ext->Section4Length, ORNIX_VPD_SECTION_4);
+    KeReleaseSpinLock(&Ext->DefectLock, oldIrql);
     return STATUS_SUCCESS;
 }

@@ -1,6 +1,7 @@
 // Completion of requests: results into the URB and the IRP, the trace, the
 // statistics, and the requests whose completion waited for this one.
 #include <algorithm>
+#include <utility>
 
 #include "usb/stack_internals.h"
 #include "usb/usbd_status.h"
@@ -82,6 +83,13 @@ void UsbStack::Impl::Finish(Request* r, Outcome outcome) {
         for (Request* waiter : r->completeAfterMe) {
             if (--waiter->waitingFor == 0) {
                 nowComplete.push_back(waiter);
+            }
+        }
+        Pipe& queue = *r->queue;
+        if (queue.heldForNext != nullptr && queue.heldForNext != r) {
+            Request* held = std::exchange(queue.heldForNext, nullptr);
+            if (--held->waitingFor == 0) {
+                nowComplete.push_back(held);
             }
         }
         ScheduleLocked(r->queue);

@@ -1,5 +1,7 @@
 #include "usb/fault_rules.h"
 
+#include <algorithm>
+
 namespace usbsim {
 
 void FaultRules::Add(const FaultRule& rule) {
@@ -12,15 +14,19 @@ void FaultRules::Clear() {
     rules_.clear();
 }
 
-std::optional<FaultRule> FaultRules::Next(RequestKind kind) {
+std::optional<FaultRule> FaultRules::Next(RequestKind kind, uint8_t endpoint) {
     std::lock_guard lock(mutex_);
     std::optional<FaultRule> hit;
     for (Armed& armed : rules_) {
-        if (armed.rule.kind != RequestKind::Any && armed.rule.kind != kind) {
+        const FaultRule& rule = armed.rule;
+        if ((rule.kind != RequestKind::Any && rule.kind != kind) ||
+            (rule.endpoint != 0 && rule.endpoint != endpoint)) {
             continue;
         }
         ++armed.seen;
-        const bool fires = armed.rule.occurrence == 0 || armed.seen == armed.rule.occurrence;
+        const uint64_t last = uint64_t{rule.occurrence} + std::max<uint32_t>(rule.count, 1) - 1;
+        const bool fires =
+            rule.occurrence == 0 || (armed.seen >= rule.occurrence && armed.seen <= last);
         if (fires && !hit) {
             hit = armed.rule;
         }

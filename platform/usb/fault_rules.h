@@ -15,9 +15,9 @@ class FaultRules {
     void Add(const FaultRule& rule);
     void Clear();
 
-    // Counts one accepted request of `kind` against every rule and returns the
-    // action of the oldest rule that fires for it, if any.
-    std::optional<FaultRule> Next(RequestKind kind);
+    // Counts one accepted request of `kind` on `endpoint` against every rule
+    // and returns the action of the oldest rule that fires for it, if any.
+    std::optional<FaultRule> Next(RequestKind kind, uint8_t endpoint);
 
   private:
     struct Armed {

@@ -3,6 +3,7 @@
 // settle the result (completion, a NAK that waits for the device, or a
 // completion that must wait for others first).
 #include <algorithm>
+#include <utility>
 #include <string>
 
 #include "usb/stack_internals.h"
@@ -100,6 +101,7 @@ NTSTATUS UsbStack::Impl::ServeAbort(Request* r, bool inlineCall) {
     std::vector<Request*> toCancel;
     Outcome outcome;
     bool completeNow = true;
+    Request* released = nullptr;
     {
         std::lock_guard lock(mutex);
         if (!inlineCall) {
@@ -110,6 +112,12 @@ NTSTATUS UsbStack::Impl::ServeAbort(Request* r, bool inlineCall) {
         } else if (HasFault(*r, FaultAction::Stall)) {
             outcome.status = USBD_STATUS_STALL_PID;
         } else {
+            // A completion held for the next request goes now: nothing follows an abort.
+            if (Request* held = std::exchange(r->target->heldForNext, nullptr)) {
+                if (--held->waitingFor == 0) {
+                    released = held;
+                }
+            }
             DrainLocked(*r->target, r, toCancel);
             if (r->waitingFor > 0) {
                 completeNow = false;
@@ -125,6 +133,9 @@ NTSTATUS UsbStack::Impl::ServeAbort(Request* r, bool inlineCall) {
         }
         ScheduleLocked(r->queue);
         stateChanged.notify_all();
+    }
+    if (released != nullptr) {
+        RunAtDispatchLevel([&] { Finish(released, released->parkedOutcome); });
     }
     FinishAll(toCancel, USBD_STATUS_CANCELED);  // the last of them completes a parked abort
     if (!completeNow) {
@@ -224,6 +235,10 @@ Settlement UsbStack::Impl::SettleLocked(Request* r, std::optional<Outcome>& outc
         }
     }
     outcome->status = ApplyEffectsLocked(*r, *outcome, toCancel);
+    if (HasFault(*r, FaultAction::CompleteOutOfOrder) && queue.heldForNext == nullptr) {
+        queue.heldForNext = r;  // Finish of the pipe's next request lets it go
+        ++r->waitingFor;
+    }
     if (r->waitingFor > 0) {
         r->state = RequestState::Parked;
         r->parkedOutcome = *outcome;
@@ -257,6 +272,11 @@ bool UsbStack::Impl::IsIdleLocked() const {
             case RequestState::Nakked:
             case RequestState::Stuck:
                 break;
+            case RequestState::Parked:
+                if (r->queue->heldForNext != r) {
+                    return false;  // waits for requests that are on their way
+                }
+                break;  // an out-of-order completion waits for the client's next request
             case RequestState::Waiting: {
                 // Behind a NAKed or stuck head it cannot move either.
                 const std::deque<Request*>& waiting = r->queue->waiting;

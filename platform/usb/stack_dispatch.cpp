@@ -145,7 +145,7 @@ NTSTATUS UsbStack::Impl::Submit(PIRP irp, PURB urb) {
 }
 
 UsbStack::Impl::Acceptance UsbStack::Impl::AcceptLocked(Request* r) {
-    r->fault = faults.Next(r->kind);
+    r->fault = faults.Next(r->kind, r->target ? r->target->endpointAddress : 0);
     held.emplace(r->irp, r);
     live.insert(r);
     winsim::NoteIrpHeldByLowerDriver(r->irp);

@@ -100,6 +100,7 @@ struct Pipe {
     bool serving = false;          // a host-controller thread has the head on the bus
     bool scheduled = false;        // in the run queue
     uint64_t readyGeneration = 0;  // ready callbacks that named this endpoint
+    Request* heldForNext = nullptr;  // parked by an out-of-order fault until the next completes
     std::mutex wire;               // one transaction at a time on the endpoint
 };
 

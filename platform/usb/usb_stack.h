@@ -40,17 +40,24 @@ enum class FaultAction {
     Stall,                  // the endpoint stalls (USBD_STATUS_STALL_PID)
     NeverComplete,          // stays pending until cancelled or aborted
     CompleteSynchronously,  // completed inside IoCallDriver, which returns the status
+    CompleteOutOfOrder,     // completion held back until the pipe's next request completed
 };
 // FailWithStatus and Stall keep the request from the device. ShortData lets
 // the device answer in full and reports fewer bytes. CompleteSynchronously
 // serves the request at once, ahead of anything queued on its pipe; if the
-// device NAKs it, it pends like any other request.
+// device NAKs it, it pends like any other request. CompleteOutOfOrder serves
+// the request as usual but completes it only after the next request of the
+// same pipe has completed (or the pipe is aborted), so the client sees the
+// two complete in reverse order. Bus-level transfer faults are FailWithStatus
+// with USBD_STATUS_BABBLE_DETECTED or USBD_STATUS_XACT_ERROR.
 
 // Only requests that pass validation are counted against a rule; when several
 // rules fire for one request, the oldest one acts.
 struct FaultRule {
     RequestKind kind = RequestKind::Any;
-    uint32_t occurrence = 1;  // the n-th request of this kind from now; 0 = every one
+    uint32_t occurrence = 1;  // the n-th matching request from now; 0 = every one
+    uint32_t count = 1;       // it and the count - 1 matching requests after it
+    uint8_t endpoint = 0;     // only requests on this endpoint address; 0 = any
     FaultAction action = FaultAction::FailWithStatus;
     USBD_STATUS usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING;
     uint32_t shortLength = 0;
