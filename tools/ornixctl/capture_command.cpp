@@ -129,7 +129,7 @@ int RunCapture(Session& session, const CaptureOptions& options, bool json, std::
     int64_t dropCount = 0;
     for (unsigned index = 0; index < options.count; ++index) {
         if (options.still) {
-            ornixrig::TriggerStill(session.Rig().Camera());
+            session.Rig().Camera().TriggerStill();
         }
         const std::optional<winsim::PinFrame> frame = pin->NextFrame(options.frameTimeoutSeconds);
         if (!frame) {

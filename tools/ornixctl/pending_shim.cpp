@@ -3,7 +3,6 @@
 #include <charconv>
 #include <string>
 
-
 namespace ornixrig {
 
 std::optional<TransferFault> ParseTransferFault(std::string_view text) {
@@ -35,10 +34,13 @@ std::optional<TransferFault> ParseTransferFault(std::string_view text) {
     return fault;
 }
 
-// The stack's bulk fault rules: the next `count` bulk transfers misbehave.
-void InjectTransferFault(Rig& rig, ULONG, TransferFaultKind kind, uint32_t count) {
+// A stack fault rule: the pin's next `count` bulk transfers misbehave.
+void InjectTransferFault(Rig& rig, ULONG pin, TransferFaultKind kind, uint32_t count) {
     usbsim::FaultRule rule;
     rule.kind = usbsim::RequestKind::BulkOrInterrupt;
+    rule.endpoint =
+        (pin == 0 ? rig.Camera().CaptureEndpoint() : rig.Camera().StillEndpoint()).value_or(0);
+    rule.count = count;
     switch (kind) {
         case TransferFaultKind::Short:
             rule.action = usbsim::FaultAction::ShortData;
@@ -52,17 +54,16 @@ void InjectTransferFault(Rig& rig, ULONG, TransferFaultKind kind, uint32_t count
         case TransferFaultKind::Stall:
             rule.action = usbsim::FaultAction::Stall;
             break;
+        case TransferFaultKind::OutOfOrder:
+            rule.action = usbsim::FaultAction::CompleteOutOfOrder;
+            break;
         case TransferFaultKind::Synchronous:
             rule.action = usbsim::FaultAction::CompleteSynchronously;
             break;
         default:
             break;
     }
-    for (uint32_t n = 1; n <= count; ++n) {
-        rule.occurrence = n;
-        rig.Usb().AddFault(rule);
-    }
+    rig.Usb().AddFault(rule);
 }
-void TriggerStill(ornixcam::Camera&) {}
 
 }  // namespace ornixrig

@@ -1,5 +1,4 @@
-// Stand-ins until the rig's transfer faults and the camera's still trigger
-// land; removed when they do.
+// A stand-in until the rig's transfer faults land; removed when they do.
 #pragma once
 
 #include <cstdint>
@@ -24,5 +23,4 @@ struct TransferFault {
 };
 std::optional<TransferFault> ParseTransferFault(std::string_view text);
 void InjectTransferFault(Rig& rig, ULONG pin, TransferFaultKind kind, uint32_t count);
-void TriggerStill(ornixcam::Camera& camera);
 }  // namespace ornixrig
