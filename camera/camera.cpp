@@ -424,7 +424,8 @@ void Camera::SetEndpointHandler(uint8_t address, EndpointHandler handler) {
 void Camera::InstallVideo() {
     std::tie(captureEndpoint_, stillEndpoint_) = FindVideoEndpoints(profile_.configuration);
     const FrameContent content = profile_.video.scene ? FrameContent::Scene : FrameContent::Pattern;
-    capture_ = std::make_unique<VideoEndpoint>([this] { return VideoSetup(false); }, content, false);
+    capture_ =
+        std::make_unique<VideoEndpoint>([this] { return VideoSetup(false); }, content, false);
     still_ = std::make_unique<VideoEndpoint>([this] { return VideoSetup(true); }, content, true);
     capture_->SetPacing(profile_.video.pacing);
     still_->SetPacing(profile_.video.pacing);
@@ -456,7 +457,8 @@ void Camera::InstallVideo() {
 
 void Camera::NoteBankWrite(uint16_t firstByte) {
     const unsigned banks = profile_.FormatBankCount();
-    if (firstByte >= reg::kCaptureBankBase && firstByte < reg::kCaptureBankBase + banks * reg::kBankStride) {
+    if (firstByte >= reg::kCaptureBankBase &&
+        firstByte < reg::kCaptureBankBase + banks * reg::kBankStride) {
         captureBank_ = (firstByte - reg::kCaptureBankBase) / reg::kBankStride;
     } else if (firstByte >= reg::kStillBankBase &&
                firstByte < reg::kStillBankBase + banks * reg::kBankStride) {
@@ -540,7 +542,8 @@ std::optional<int64_t> Camera::RunStillSchedule(int64_t now100ns) {
     uint32_t due = 0;
     {
         std::lock_guard lock(mutex_);
-        for (; nextStillTrigger_ < at.size() && int64_t{at[nextStillTrigger_]} * k100nsPerMs <= now100ns;
+        for (; nextStillTrigger_ < at.size() &&
+               int64_t{at[nextStillTrigger_]} * k100nsPerMs <= now100ns;
              ++nextStillTrigger_) {
             ++due;
         }
@@ -586,7 +589,8 @@ std::vector<uint8_t> Camera::ExpectedFrame(uint8_t endpoint, uint64_t frameNumbe
     return frame;
 }
 
-std::optional<uint64_t> Camera::FrameNumberOf(uint8_t endpoint, std::span<const uint8_t> frame) const {
+std::optional<uint64_t> Camera::FrameNumberOf(uint8_t endpoint,
+                                              std::span<const uint8_t> frame) const {
     FrameSetup setup;
     {
         std::lock_guard lock(mutex_);

@@ -124,7 +124,8 @@ class Camera final : public usbsim::UsbDevice {
     // (column, row) of the samples shown hot in the current geometry.
     std::vector<std::pair<uint32_t, uint32_t>> HotSamples(uint8_t endpoint) const;
     // The next frame of `endpoint` ends a transfer short at byte `atByte`
-    // and goes on in the transfer after it.
+    // and goes on in the transfer after it; repeated calls split the frames
+    // after it in turn.
     void SplitNextFrame(uint8_t endpoint, uint32_t atByte);
     // External still triggers of the profile due by `now100ns` since power-up
     // fire; returns when the next one is due.

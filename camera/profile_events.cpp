@@ -98,7 +98,8 @@ void ParseVideo(const json& object, VideoProfile& video) {
         json_values::RequireArray(*it, triggers);
         video.stillTriggersMs.clear();
         for (size_t i = 0; i < it->size(); ++i) {
-            const auto ms = static_cast<uint32_t>(json_values::Unsigned((*it)[i], Path(triggers, i), kMaxMs));
+            const auto ms =
+                static_cast<uint32_t>(json_values::Unsigned((*it)[i], Path(triggers, i), kMaxMs));
             if (!video.stillTriggersMs.empty() && ms < video.stillTriggersMs.back()) {
                 Fail(Path(triggers, i), "must not be earlier than the entry before");
             }

@@ -67,15 +67,18 @@ bool VideoEndpoint::StartFrame(int64_t now, std::optional<int64_t>& due) {
             epochNumber_ = number_;
             duration100ns_ = duration;
         }
-        nextStart100ns_ = epoch100ns_ +
-                          static_cast<int64_t>(number_ - epochNumber_ + 1) * duration100ns_;
+        nextStart100ns_ =
+            epoch100ns_ + static_cast<int64_t>(number_ - epochNumber_ + 1) * duration100ns_;
     }
     anyFrame_ = true;
     ++framesStarted_;
     inFrame_ = true;
     offset_ = 0;
-    splitThisFrame_ = split_;
-    split_.reset();
+    splitThisFrame_.reset();
+    if (!splits_.empty()) {
+        splitThisFrame_ = splits_.front();
+        splits_.pop_front();
+    }
     return true;
 }
 

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <span>
@@ -49,8 +50,9 @@ class VideoEndpoint {
 
     void SetPacing(bool on) { pacing_ = on; }
     // The camera ends the transfer that reaches byte `atByte` of the next
-    // frame there, and continues the frame in the transfer after it.
-    void SplitNextFrame(uint32_t atByte) { split_ = atByte; }
+    // frame there, and continues the frame in the transfer after it. Calls
+    // queue up, one frame each.
+    void SplitNextFrame(uint32_t atByte) { splits_.push_back(atByte); }
 
     // One IN transaction. `due` is set when the endpoint NAKed because its
     // next frame is not due until then (simulated 100 ns).
@@ -72,17 +74,17 @@ class VideoEndpoint {
     bool open_ = false;
     uint64_t triggers_ = 0;
     bool pacing_ = true;
-    std::optional<uint32_t> split_;
+    std::deque<uint32_t> splits_;
     std::optional<uint32_t> splitThisFrame_;
 
     bool inFrame_ = false;
     std::vector<uint8_t> frame_;
     size_t offset_ = 0;
     uint64_t framesStarted_ = 0;
-    uint64_t number_ = 0;      // of the frame in progress or last sent
-    bool anyFrame_ = false;    // since the stream started
-    int64_t epoch100ns_ = 0;   // when the stream started
-    uint64_t epochNumber_ = 0; // the number of the stream's first frame
+    uint64_t number_ = 0;       // of the frame in progress or last sent
+    bool anyFrame_ = false;     // since the stream started
+    int64_t epoch100ns_ = 0;    // when the stream started
+    uint64_t epochNumber_ = 0;  // the number of the stream's first frame
     int64_t nextStart100ns_ = 0;
     int64_t duration100ns_ = 0;
 };

@@ -54,7 +54,9 @@ T Fold(uint32_t x) {
 }
 
 // One count per sample: the fold direction stays readable from two neighbours.
-uint32_t Step(SampleKind) { return 1; }
+uint32_t Step(SampleKind) {
+    return 1;
+}
 
 void Put16(uint8_t* p, uint16_t v, SampleKind kind) {
     if (kind == SampleKind::Little16) {
@@ -76,8 +78,9 @@ void RenderPoints(const FrameGeometry& g, uint64_t n,
     // A sparse grid that moves one column per frame, with the hot samples
     // merged in: all sorted by row, then column.
     std::vector<std::pair<uint32_t, uint32_t>> hotByRow(hot.begin(), hot.end());
-    std::sort(hotByRow.begin(), hotByRow.end(),
-              [](auto a, auto b) { return std::pair{a.second, a.first} < std::pair{b.second, b.first}; });
+    std::sort(hotByRow.begin(), hotByRow.end(), [](auto a, auto b) {
+        return std::pair{a.second, a.first} < std::pair{b.second, b.first};
+    });
     const uint32_t cap = FrameBytes(g);
     const uint32_t outW = g.OutWidth(), outH = g.OutHeight();
     const uint32_t shift = static_cast<uint32_t>(n % kPointStep);
@@ -88,15 +91,18 @@ void RenderPoints(const FrameGeometry& g, uint64_t n,
             return;
         }
         const uint8_t rec[kPointRecord] = {
-            static_cast<uint8_t>(x), static_cast<uint8_t>(x >> 8), static_cast<uint8_t>(y),
-            static_cast<uint8_t>(y >> 8), static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+            static_cast<uint8_t>(x),     static_cast<uint8_t>(x >> 8),
+            static_cast<uint8_t>(y),     static_cast<uint8_t>(y >> 8),
+            static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
         out.insert(out.end(), rec, rec + kPointRecord);
     };
     size_t h = 0;
     for (uint32_t y = 0; y < outH; ++y) {
         const bool gridRow = y % kPointStep == 0;
         for (uint32_t x = shift; gridRow && x < outW; x += kPointStep) {
-            for (; h < hotByRow.size() && std::pair{hotByRow[h].second, hotByRow[h].first} < std::pair{y, x}; ++h) {
+            for (; h < hotByRow.size() &&
+                   std::pair{hotByRow[h].second, hotByRow[h].first} < std::pair{y, x};
+                 ++h) {
                 add(hotByRow[h].first, hotByRow[h].second, 0xFFFF);
             }
             if (h < hotByRow.size() && hotByRow[h] == std::pair{x, y}) {
@@ -114,15 +120,28 @@ void RenderPoints(const FrameGeometry& g, uint64_t n,
 
 uint32_t BitsPerPixel(uint8_t id) {
     switch (id) {
-    case 0: case 8: case 9: case 10: case 11: case 16: case 17: case 18: case 19:
-    case kCount: case kPointList:
-        return 8;
-    case 1:
-        return 12;
-    case 3: case 4: case 7:
-        return 24;
-    default:
-        return id == 2 || id == 5 || id == 6 || (id >= 12 && id <= 15) || (id >= 20 && id <= 31) ? 16 : 0;
+        case 0:
+        case 8:
+        case 9:
+        case 10:
+        case 11:
+        case 16:
+        case 17:
+        case 18:
+        case 19:
+        case kCount:
+        case kPointList:
+            return 8;
+        case 1:
+            return 12;
+        case 3:
+        case 4:
+        case 7:
+            return 24;
+        default:
+            return id == 2 || id == 5 || id == 6 || (id >= 12 && id <= 15) || (id >= 20 && id <= 31)
+                       ? 16
+                       : 0;
     }
 }
 
@@ -145,11 +164,13 @@ int64_t FrameDuration100ns(uint32_t frameBytes, uint32_t frequency) {
     constexpr int64_t kMicroframe100ns = 1250;
     constexpr int64_t kBytesPerMicroframe = 13 * 512;
     const int64_t bytes = frameBytes;
-    const int64_t busLimit = (bytes + kBytesPerMicroframe - 1) / kBytesPerMicroframe * kMicroframe100ns;
+    const int64_t busLimit =
+        (bytes + kBytesPerMicroframe - 1) / kBytesPerMicroframe * kMicroframe100ns;
     if (frequency == 0) {
         return busLimit;
     }
-    const int64_t perRate = (bytes * 10'000'000 + int64_t{frequency} * 1024 - 1) / (int64_t{frequency} * 1024);
+    const int64_t perRate =
+        (bytes * 10'000'000 + int64_t{frequency} * 1024 - 1) / (int64_t{frequency} * 1024);
     return std::max(perRate, busLimit);
 }
 
@@ -159,7 +180,8 @@ std::optional<std::pair<uint32_t, uint32_t>> MapSensorPixel(const FrameGeometry&
     const int32_t bx = static_cast<int32_t>(g.binX), by = static_cast<int32_t>(g.binY);
     const int32_t sx = static_cast<int32_t>(x), sy = static_cast<int32_t>(y);
     const int32_t w = static_cast<int32_t>(g.width), h = static_cast<int32_t>(g.height);
-    if (bx <= 0 || by <= 0 || sx < g.startX || sx >= g.startX + w || sy < g.startY || sy >= g.startY + h) {
+    if (bx <= 0 || by <= 0 || sx < g.startX || sx >= g.startX + w || sy < g.startY ||
+        sy >= g.startY + h) {
         return std::nullopt;
     }
     int32_t c = 0, r = 0;
@@ -192,7 +214,8 @@ std::optional<std::pair<uint32_t, uint32_t>> MapSensorPixel(const FrameGeometry&
     return std::pair{static_cast<uint32_t>(c), static_cast<uint32_t>(r)};
 }
 
-std::vector<std::pair<uint32_t, uint32_t>> MapDefects(const FrameGeometry& g, const SensorMapping& m,
+std::vector<std::pair<uint32_t, uint32_t>> MapDefects(const FrameGeometry& g,
+                                                      const SensorMapping& m,
                                                       std::span<const uint8_t> list) {
     std::vector<std::pair<uint32_t, uint32_t>> samples;
     const uint32_t bits = BitsPerPixel(g.ColourId());
@@ -205,8 +228,9 @@ std::vector<std::pair<uint32_t, uint32_t>> MapDefects(const FrameGeometry& g, co
             samples.push_back(*s);
         }
     }
-    std::sort(samples.begin(), samples.end(),
-              [](auto a, auto b) { return std::pair{a.second, a.first} < std::pair{b.second, b.first}; });
+    std::sort(samples.begin(), samples.end(), [](auto a, auto b) {
+        return std::pair{a.second, a.first} < std::pair{b.second, b.first};
+    });
     samples.erase(std::unique(samples.begin(), samples.end()), samples.end());
     return samples;
 }

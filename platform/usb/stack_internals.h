@@ -96,12 +96,12 @@ struct Pipe {
     bool retired = false;  // its setting was replaced; the handle no longer works
 
     std::deque<Request*> waiting;
-    std::vector<Request*> active;  // taken from `waiting`, not yet completed
-    bool serving = false;          // a host-controller thread has the head on the bus
-    bool scheduled = false;        // in the run queue
-    uint64_t readyGeneration = 0;  // ready callbacks that named this endpoint
+    std::vector<Request*> active;    // taken from `waiting`, not yet completed
+    bool serving = false;            // a host-controller thread has the head on the bus
+    bool scheduled = false;          // in the run queue
+    uint64_t readyGeneration = 0;    // ready callbacks that named this endpoint
     Request* heldForNext = nullptr;  // parked by an out-of-order fault until the next completes
-    std::mutex wire;               // one transaction at a time on the endpoint
+    std::mutex wire;                 // one transaction at a time on the endpoint
 };
 
 struct ActiveConfiguration {

@@ -41,7 +41,7 @@ struct TransferResult {
 enum class BusSpeed { Full, High };
 
 class UsbDevice {
-public:
+  public:
     virtual ~UsbDevice() = default;
 
     // A control transfer on endpoint 0, standard requests included (GET_DESCRIPTOR,

@@ -28,11 +28,14 @@ class VideoEndpointTest : public ::testing::Test {
             std::lock_guard lock(mutex_);
             ready_.push_back(address);
         });
-        camera_.SetClock([this] { return now_.load(); },
-                         [](int64_t) { return std::chrono::steady_clock::now() + std::chrono::hours(1); });
+        camera_.SetClock(
+            [this] { return now_.load(); },
+            [](int64_t) { return std::chrono::steady_clock::now() + std::chrono::hours(1); });
         EXPECT_EQ(Out(camera_, 0x00, 0x09, 1, 0), kAck);  // SET_CONFIGURATION 1
-        EXPECT_EQ(WriteRegister(camera_, reg::CaptureBank(0, reg::fmt::kSize), 64 | 32 << 16), kAck);
-        EXPECT_EQ(WriteRegister(camera_, reg::StillBank(0, reg::still::kSize), 32 | 16 << 16), kAck);
+        EXPECT_EQ(WriteRegister(camera_, reg::CaptureBank(0, reg::fmt::kSize), 64 | 32 << 16),
+                  kAck);
+        EXPECT_EQ(WriteRegister(camera_, reg::StillBank(0, reg::still::kSize), 32 | 16 << 16),
+                  kAck);
     }
 
     Reply Poll(uint8_t endpoint, size_t size = 1 << 16) {
@@ -147,6 +150,34 @@ TEST_F(VideoEndpointTest, PacedFramesWaitForTheirTimeAndALateHostSkipsFrames) {
     now_ = 4 * frame + 1;
     EXPECT_EQ(camera_.FrameNumberOf(kCapture, Poll(kCapture).data), 4u);
     EXPECT_EQ(camera_.FramesStarted(kCapture), 3u);
+}
+
+class ScheduledStillTest : public VideoEndpointTest {
+  protected:
+    ScheduledStillTest()
+        : VideoEndpointTest(ParseProfile(R"({"video": {"pacing": false, "content": "pattern",
+                                                        "stillTriggersMs": [5, 10, 10]}})")) {}
+};
+
+// The profile's external triggers fire when due, one frame each, and only
+// while the still stream is open.
+TEST_F(ScheduledStillTest, ExternalTriggersFromTheProfileMakeStillFrames) {
+    EXPECT_EQ(camera_.RunStillSchedule(49'999), 50'000);
+    ASSERT_EQ(WriteRegister(camera_, reg::kStillTrigger, 4), kAck);
+    EXPECT_EQ(camera_.RunStillSchedule(50'000), 100'000);
+    EXPECT_EQ(Poll(kStill).handshake(), kAck);
+    EXPECT_EQ(Poll(kStill).handshake(), Handshake::Nak);
+    EXPECT_EQ(camera_.RunStillSchedule(100'000), std::nullopt);
+    EXPECT_EQ(camera_.FrameNumberOf(kStill, Poll(kStill).data), 1u);
+    EXPECT_EQ(camera_.FrameNumberOf(kStill, Poll(kStill).data), 2u);
+    EXPECT_EQ(Poll(kStill).handshake(), Handshake::Nak);
+}
+
+TEST(VideoProfile, RejectsUnknownContentAndTriggersOutOfOrder) {
+    EXPECT_THROW(ParseProfile(R"({"video": {"content": "noise"}})"), ProfileError);
+    EXPECT_THROW(ParseProfile(R"({"video": {"stillTriggersMs": [10, 5]}})"), ProfileError);
+    EXPECT_THROW(ParseProfile(R"({"video": {"pacing": 1}})"), ProfileError);
+    EXPECT_FALSE(ParseProfile(R"({"video": {"pacing": false}})").video.pacing);
 }
 
 class HotPixelTest : public VideoEndpointTest {

@@ -13,7 +13,8 @@ namespace {
 
 using Samples = std::vector<std::pair<uint32_t, uint32_t>>;
 
-FrameGeometry Geometry(uint32_t colourValue, uint32_t w, uint32_t h, uint32_t bx = 1, uint32_t by = 1) {
+FrameGeometry Geometry(uint32_t colourValue, uint32_t w, uint32_t h, uint32_t bx = 1,
+                       uint32_t by = 1) {
     FrameGeometry g;
     g.colourValue = colourValue;
     g.width = w;
@@ -35,8 +36,8 @@ TEST(FrameContent, RasterSamplesFollowTheColourIdsWidthAndByteOrder) {
         uint8_t id;
         size_t bytesPerSample;
         bool bigEndian;
-    } cases[] = {{0, 1, false},  {8, 1, false},  {19, 1, false}, {2, 2, true},  {5, 2, true},
-                 {12, 2, true},  {23, 2, true},  {6, 2, false},  {24, 2, false}, {31, 2, false}};
+    } cases[] = {{0, 1, false}, {8, 1, false}, {19, 1, false}, {2, 2, true},   {5, 2, true},
+                 {12, 2, true}, {23, 2, true}, {6, 2, false},  {24, 2, false}, {31, 2, false}};
     for (const Case& c : cases) {
         SCOPED_TRACE(int{c.id});
         const auto frame = Render(Geometry(c.id, 8, 4), 300);
@@ -59,8 +60,8 @@ TEST(FrameContent, RasterSamplesFollowTheColourIdsWidthAndByteOrder) {
 }
 
 TEST(FrameContent, SizesOfTheOddWidthsCountAndPointListIds) {
-    EXPECT_EQ(Render(Geometry(1, 101, 3), 0).size(), 454u);     // 12 bits
-    EXPECT_EQ(Render(Geometry(3, 10, 10), 0).size(), 300u);     // 24 bits
+    EXPECT_EQ(Render(Geometry(1, 101, 3), 0).size(), 454u);  // 12 bits
+    EXPECT_EQ(Render(Geometry(3, 10, 10), 0).size(), 300u);  // 24 bits
     EXPECT_EQ(Render(Geometry(8, 64, 32, 2, 2), 0).size(), 512u);
     const auto count = Render(Geometry(128, 640, 480), 0x01020304);
     EXPECT_EQ(count, (std::vector<uint8_t>{4, 3, 2, 1}));
@@ -125,12 +126,13 @@ TEST(FrameContent, FrameNumberIsRecoveredModuloWhatThePatternHolds) {
     struct Case {
         uint32_t colourValue;
         uint64_t modulus;
-    } cases[] = {{8, 512}, {8 | 1u << 24, 512}, {0 | 1u << 25, 512}, {12, 131072}, {6, 131072},
+    } cases[] = {{8, 512}, {8 | 1u << 24, 512},      {0 | 1u << 25, 512}, {12, 131072}, {6, 131072},
                  {1, 512}, {128, uint64_t{1} << 32}, {129, 65535}};
     const Samples hot = {{0, 0}, {1, 1}};
     for (const Case& c : cases) {
         const FrameGeometry g = Geometry(c.colourValue, 40, 16);
-        for (uint64_t n : {0ull, 1ull, 254ull, 255ull, 256ull, 511ull, 512ull, 70000ull, 131071ull}) {
+        for (uint64_t n :
+             {0ull, 1ull, 254ull, 255ull, 256ull, 511ull, 512ull, 70000ull, 131071ull}) {
             SCOPED_TRACE(testing::Message() << c.colourValue << " frame " << n);
             const auto frame = Render(g, n, hot);
             EXPECT_EQ(RecoverFrameNumber(g, frame, hot), n % c.modulus);
@@ -188,14 +190,15 @@ TEST(FramePacing, FrameTakesItsBytesAtTheFrequencyButNoLessThanTheBusAllows) {
         uint32_t bytes, frequency;
         int64_t expected100ns;
     } cases[] = {
-        {1310720, 24000, 533334},   // 1280 x 1024 at 24000 KiB/s, rounded up
-        {1310720, 1000000, 246250}, // bus: 197 microframes of 13 x 512 bytes
-        {6656, 0, 1250},            // no frequency: the bus alone
+        {1310720, 24000, 533334},    // 1280 x 1024 at 24000 KiB/s, rounded up
+        {1310720, 1000000, 246250},  // bus: 197 microframes of 13 x 512 bytes
+        {6656, 0, 1250},             // no frequency: the bus alone
         {6657, 0, 2500},
-        {4, 12000, 1250},           // the count frame still takes a microframe
+        {4, 12000, 1250},  // the count frame still takes a microframe
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(FrameDuration100ns(c.bytes, c.frequency), c.expected100ns) << c.bytes << "@" << c.frequency;
+        EXPECT_EQ(FrameDuration100ns(c.bytes, c.frequency), c.expected100ns)
+            << c.bytes << "@" << c.frequency;
     }
 }
 

@@ -39,8 +39,12 @@ TEST_F(TransferFaultTest, RuleHitsCountConsecutiveRequestsOfItsEndpointOnly) {
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << std::hex << c.status << " " << int(c.action));
         stack->ClearFaults();
-        stack->AddFault({.kind = RequestKind::BulkOrInterrupt, .occurrence = 2, .count = 2,
-                         .endpoint = kBulkIn, .action = c.action, .usbdStatus = c.status,
+        stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
+                         .occurrence = 2,
+                         .count = 2,
+                         .endpoint = kBulkIn,
+                         .action = c.action,
+                         .usbdStatus = c.status,
                          .shortLength = 100});
         EXPECT_EQ(Read(kBulkIn).length, 512u);
         for (int i = 0; i < 2; ++i) {
@@ -57,7 +61,9 @@ TEST_F(TransferFaultTest, RuleHitsCountConsecutiveRequestsOfItsEndpointOnly) {
 }
 
 TEST_F(TransferFaultTest, StallHaltsOnlyTheFilteredEndpoint) {
-    stack->AddFault({.kind = RequestKind::BulkOrInterrupt, .occurrence = 1, .endpoint = kBulkIn,
+    stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
+                     .occurrence = 1,
+                     .endpoint = kBulkIn,
                      .action = FaultAction::Stall});
     EXPECT_EQ(Read(kInterruptIn, 8).usbd, USBD_STATUS_SUCCESS);
     EXPECT_EQ(Read(kBulkIn).usbd, USBD_STATUS_STALL_PID);
@@ -66,7 +72,8 @@ TEST_F(TransferFaultTest, StallHaltsOnlyTheFilteredEndpoint) {
 }
 
 TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequest) {
-    stack->AddFault({.kind = RequestKind::BulkOrInterrupt, .endpoint = kBulkIn,
+    stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
+                     .endpoint = kBulkIn,
                      .action = FaultAction::CompleteOutOfOrder});
     URB first = BulkIn(), second = BulkIn();
     UrbCall firstCall(Pdo(), &first);
@@ -82,7 +89,8 @@ TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequest) {
 }
 
 TEST_F(TransferFaultTest, AbortReleasesAHeldCompletion) {
-    stack->AddFault({.kind = RequestKind::BulkOrInterrupt, .endpoint = kBulkIn,
+    stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
+                     .endpoint = kBulkIn,
                      .action = FaultAction::CompleteOutOfOrder});
     URB held = BulkIn();
     UrbCall heldCall(Pdo(), &held);

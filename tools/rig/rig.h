@@ -20,6 +20,29 @@
 
 namespace ornixrig {
 
+// Transfer faults a capture can ask for, each acting on its own layer: the
+// bus (short, babble, transaction error, stall, out-of-order and synchronous
+// completion, by the USB stack) or the camera (a frame split across
+// transfers).
+enum class TransferFaultKind {
+    Short,
+    Babble,
+    TransactionError,
+    Stall,
+    Split,
+    OutOfOrder,
+    Synchronous
+};
+
+struct TransferFault {
+    TransferFaultKind kind = TransferFaultKind::Short;
+    uint32_t count = 1;  // consecutive transfers (frames, for Split)
+};
+
+// "KIND[:COUNT]" with KIND one of short, babble, xact, stall, split,
+// out-of-order, sync; COUNT at least 1, 1 when left out. Nullopt otherwise.
+std::optional<TransferFault> ParseTransferFault(std::string_view text);
+
 struct RigOptions {
     ornixcam::Profile profile = ornixcam::DefaultProfile();
     usbsim::UsbStackOptions usb;  // the profile's hostController settings override these
@@ -29,7 +52,7 @@ struct RigOptions {
 };
 
 class Rig {
-public:
+  public:
     explicit Rig(RigOptions options = {});
     // Unloads the driver (SRB_UNINITIALIZE_DEVICE if started, the verifier's
     // unload checks), then unplugs the camera.
@@ -47,10 +70,15 @@ public:
     winsim::StreamClass& StreamClass() { return *streamClass_; }
     PORNIX_DEVICE_CONTEXT Device() const;
 
-private:
+    // The next `count` transfers of the pin's video endpoint (0 capture,
+    // 1 still) fail as `kind` says; Split splits the next `count` frames.
+    // Nothing happens for a pin the camera has no endpoint for.
+    void InjectTransferFault(ULONG pin, TransferFaultKind kind, uint32_t count);
+
+  private:
     // Raises the events of the profile's schedule when they fall due, in
     // simulated time since the camera was plugged in.
-    void RunEventSchedule();
+    void RunEventSchedule();  // and the external still triggers
     void StopEventSchedule();
 
     std::unique_ptr<ornixcam::Camera> camera_;
