@@ -11,7 +11,6 @@
 #include "ornixctl/capture_report.h"
 #include "ornixctl/frame_image.h"
 #include "ornixctl/names.h"
-#include "ornixctl/pending_shim.h"
 #include "ornixctl/png_writer.h"
 #include "streamclass/pin.h"
 
@@ -120,7 +119,7 @@ int RunCapture(Session& session, const CaptureOptions& options, bool json, std::
         return 1;
     }
     if (fault) {
-        ornixrig::InjectTransferFault(session.Rig(), negotiated->pin, fault->kind, fault->count);
+        session.Rig().InjectTransferFault(negotiated->pin, fault->kind, fault->count);
     }
 
     ProgressLine progress(out, options.terminal);

@@ -11,7 +11,6 @@
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
-#include "ornixctl/pending_shim.h"
 #include "ornixctl/session.h"
 #include "ornixctl/try_format_command.h"
 
@@ -81,7 +80,7 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
                         return ornixrig::ParseTransferFault(text)
                                    ? std::string()
                                    : "must be KIND[:COUNT] with KIND one of short, babble, "
-                                     "transaction, stall, split, out-of-order, synchronous";
+                                     "xact, stall, split, out-of-order, sync";
                     },
                     "KIND[:COUNT]"));
         }
