@@ -59,8 +59,8 @@ static LONGLONG StreamStampFrame(PORNIX_STREAM_CONTEXT Stream, LONGLONG StreamTi
 
 // IRQL: up to DISPATCH_LEVEL, no lock held. Returns the request to the
 // stream class; a fixed-size frame is delivered whole or empty.
-VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb,
-                       NTSTATUS Status, ULONG Length) {
+VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb, NTSTATUS Status,
+                       ULONG Length) {
     PORNIX_DEVICE_CONTEXT ext = Stream->Device;
     DbgPrint(ORNIX_PREFIX "OrnixCompleteRead, srb:0x%08lx, sts:0x%08lx, length:0x%x\n",
              (ULONG)(ULONG_PTR)Srb, (ULONG)Status, Length);
@@ -89,8 +89,8 @@ VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Sr
     BOOLEAN stamped = FALSE;
     BOOLEAN clocked = StreamMasterClock(Stream) != NULL;
     if (clocked && !still && Status != STATUS_CANCELLED) {
-        presentation = StreamStampFrame(Stream, GetStreamTime(Srb, Stream), &pictureNumber,
-                                        &dropCount);
+        presentation =
+            StreamStampFrame(Stream, GetStreamTime(Srb, Stream), &pictureNumber, &dropCount);
         stamped = TRUE;
     }
     header->PresentationTime.Time = presentation;
@@ -107,7 +107,8 @@ VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Sr
     // The frame information follows the header on the capture stream; the
     // stream class sized the header for it (StreamHeaderMediaSpecific). Only
     // its leading fields are written, which 64 bytes hold in every data model.
-    if (!still && header->Size >= sizeof(KSSTREAM_HEADER) + FIELD_OFFSET(KS_FRAME_INFO, hDirectDraw)) {
+    if (!still &&
+        header->Size >= sizeof(KSSTREAM_HEADER) + FIELD_OFFSET(KS_FRAME_INFO, hDirectDraw)) {
         PKS_FRAME_INFO info = (PKS_FRAME_INFO)(header + 1);
         if (!stamped) {
             ORNIX_STREAM_STATISTICS statistics;

@@ -77,8 +77,8 @@ NTSTATUS StreamOpenStream(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Sr
     }
     PORNIX_STREAM_CONTEXT stream = Ext->StreamContexts[number];
     // Verified above: the format is a full KS_DATAFORMAT_VIDEOINFOHEADER.
-    stream->AvgTimePerFrame =
-        ((PKS_DATAFORMAT_VIDEOINFOHEADER)Srb->CommandData.OpenFormat)->VideoInfoHeader.AvgTimePerFrame;
+    stream->AvgTimePerFrame = ((PKS_DATAFORMAT_VIDEOINFOHEADER)Srb->CommandData.OpenFormat)
+                                  ->VideoInfoHeader.AvgTimePerFrame;
 
     object->ReceiveDataPacket = OrnixReceiveDataPacket;
     object->ReceiveControlPacket = OrnixReceiveCtrlPacket;

@@ -109,7 +109,8 @@ NTSTATUS StreamFreeResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT St
 
     PHW_STREAM_REQUEST_BLOCK srb;
     while ((srb = StreamDequeueRead(Stream)) != NULL) {
-        DbgPrint(ORNIX_PREFIX "StreamFreeResources: found SRB 0x%08lx in pending queue, cancelling\n",
+        DbgPrint(ORNIX_PREFIX
+                 "StreamFreeResources: found SRB 0x%08lx in pending queue, cancelling\n",
                  (ULONG)(ULONG_PTR)srb);
         srb->Status = STATUS_CANCELLED;
         InterlockedDecrement(&Stream->OutstandingReads);

@@ -76,8 +76,8 @@ NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
         if (capture && !removed) {
             LARGE_INTEGER timeout;
             timeout.QuadPart = ORNIX_FLUSH_WAIT;
-            wait = KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE,
-                                         &timeout);
+            wait =
+                KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE, &timeout);
             if (wait == STATUS_TIMEOUT) {
                 DbgPrint(ORNIX_PREFIX "**Zlping did not seemed to work enough**\n");
             }
@@ -95,8 +95,8 @@ NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
             DbgPrint(ORNIX_PREFIX "Queue still not empty, waiting again...\n");
             LARGE_INTEGER timeout;
             timeout.QuadPart = ORNIX_DRAIN_WAIT;
-            wait = KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE,
-                                         &timeout);
+            wait =
+                KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE, &timeout);
             if (wait == STATUS_TIMEOUT) {
                 DbgPrint("\n\n" ORNIX_PREFIX
                          "Oh SHIT!! Transfers are still pending, prepare for crash!!\n\n\n");

@@ -139,8 +139,7 @@ VOID STREAMAPI OrnixReceiveCtrlPacket(PHW_STREAM_REQUEST_BLOCK Srb) {
         case SRB_GET_STREAM_STATE:
             Srb->CommandData.StreamState = stream->State;
             Srb->ActualBytesTransferred = sizeof(KSSTATE);
-            Srb->Status =
-                stream->State == KSSTATE_PAUSE ? STATUS_NO_DATA_DETECTED : STATUS_SUCCESS;
+            Srb->Status = stream->State == KSSTATE_PAUSE ? STATUS_NO_DATA_DETECTED : STATUS_SUCCESS;
             break;
         case SRB_SET_STREAM_STATE:
             Srb->Status = StreamSetState(ext, stream, Srb->CommandData.StreamState);

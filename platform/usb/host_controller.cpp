@@ -79,6 +79,16 @@ NTSTATUS UsbStack::Impl::ServeAndSettle(Request* r, bool inlineCall) {
     std::optional<Outcome> outcome = Serve(*r);
     std::vector<Request*> toCancel;
     Settlement settlement;
+    // A pipe's completions reach the client in bus order, one at a time, as
+    // a controller's completion processing delivers them: the next request
+    // may go on the bus as soon as this one is settled, but its completion
+    // waits until this one's routine has returned. A completion inside the
+    // client's own IoCallDriver takes no turn: the client may hold locks that
+    // a waiting completion routine wants.
+    std::unique_lock<std::recursive_mutex> inOrder(r->queue->completionOrder, std::defer_lock);
+    if (!inlineCall) {
+        inOrder.lock();
+    }
     {
         std::lock_guard lock(mutex);
         if (!inlineCall) {

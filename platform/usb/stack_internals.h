@@ -102,6 +102,7 @@ struct Pipe {
     uint64_t readyGeneration = 0;    // ready callbacks that named this endpoint
     Request* heldForNext = nullptr;  // parked by an out-of-order fault until the next completes
     std::mutex wire;                 // one transaction at a time on the endpoint
+    std::recursive_mutex completionOrder;  // completions delivered one at a time, in order
 };
 
 struct ActiveConfiguration {

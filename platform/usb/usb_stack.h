@@ -56,11 +56,11 @@ enum class FaultAction {
 struct FaultRule {
     RequestKind kind = RequestKind::Any;
     uint32_t occurrence = 1;  // the n-th matching request from now; 0 = every one
-    uint32_t count = 1;       // it and the count - 1 matching requests after it
-    uint8_t endpoint = 0;     // only requests on this endpoint address; 0 = any
     FaultAction action = FaultAction::FailWithStatus;
     USBD_STATUS usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING;
     uint32_t shortLength = 0;
+    uint32_t count = 1;    // it and the count - 1 matching requests after it
+    uint8_t endpoint = 0;  // only requests on this endpoint address; 0 = any
 };
 
 struct UsbStackOptions {

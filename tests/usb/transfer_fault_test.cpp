@@ -41,11 +41,11 @@ TEST_F(TransferFaultTest, RuleHitsCountConsecutiveRequestsOfItsEndpointOnly) {
         stack->ClearFaults();
         stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
                          .occurrence = 2,
-                         .count = 2,
-                         .endpoint = kBulkIn,
                          .action = c.action,
                          .usbdStatus = c.status,
-                         .shortLength = 100});
+                         .shortLength = 100,
+                         .count = 2,
+                         .endpoint = kBulkIn});
         EXPECT_EQ(Read(kBulkIn).length, 512u);
         for (int i = 0; i < 2; ++i) {
             const Result interrupt = Read(kInterruptIn, 8);
@@ -63,8 +63,8 @@ TEST_F(TransferFaultTest, RuleHitsCountConsecutiveRequestsOfItsEndpointOnly) {
 TEST_F(TransferFaultTest, StallHaltsOnlyTheFilteredEndpoint) {
     stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
                      .occurrence = 1,
-                     .endpoint = kBulkIn,
-                     .action = FaultAction::Stall});
+                     .action = FaultAction::Stall,
+                     .endpoint = kBulkIn});
     EXPECT_EQ(Read(kInterruptIn, 8).usbd, USBD_STATUS_SUCCESS);
     EXPECT_EQ(Read(kBulkIn).usbd, USBD_STATUS_STALL_PID);
     EXPECT_TRUE(StatusOf(kBulkIn).halted);
@@ -73,8 +73,8 @@ TEST_F(TransferFaultTest, StallHaltsOnlyTheFilteredEndpoint) {
 
 TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequest) {
     stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
-                     .endpoint = kBulkIn,
-                     .action = FaultAction::CompleteOutOfOrder});
+                     .action = FaultAction::CompleteOutOfOrder,
+                     .endpoint = kBulkIn});
     URB first = BulkIn(), second = BulkIn();
     UrbCall firstCall(Pdo(), &first);
     ASSERT_EQ(firstCall.Send(), STATUS_PENDING);
@@ -90,8 +90,8 @@ TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequest) {
 
 TEST_F(TransferFaultTest, AbortReleasesAHeldCompletion) {
     stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
-                     .endpoint = kBulkIn,
-                     .action = FaultAction::CompleteOutOfOrder});
+                     .action = FaultAction::CompleteOutOfOrder,
+                     .endpoint = kBulkIn});
     URB held = BulkIn();
     UrbCall heldCall(Pdo(), &held);
     ASSERT_EQ(heldCall.Send(), STATUS_PENDING);
