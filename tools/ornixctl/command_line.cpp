@@ -1,9 +1,13 @@
 #include "ornixctl/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
+
 #include <exception>
+#include <iostream>
 #include <tuple>
 
+#include "ornixctl/capture_command.h"
 #include "ornixctl/controls_command.h"
 #include "ornixctl/formats_command.h"
 #include "ornixctl/info_command.h"
@@ -33,6 +37,11 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     auto* tryFormat = app.add_subcommand(
         "try-format",
         "negotiate one of a pin's formats as an application does, and show the answer");
+    const CLI::Validator sizeCheck(
+        [](std::string& text) {
+            return ParseSize(text) ? std::string() : "must be WIDTHxHEIGHT with positive numbers";
+        },
+        "WxH");
     TryFormatOptions tryOptions;
     std::string size;
     int64_t interval = 0;
@@ -44,16 +53,51 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
         ->required();
     auto* sizeOption =
         tryFormat->add_option("--size", size, "the window to ask for, WIDTHxHEIGHT (e.g. 640x480)")
-            ->check(CLI::Validator(
-                [](std::string& text) {
-                    return ParseSize(text) ? std::string()
-                                           : "must be WIDTHxHEIGHT with positive numbers";
-                },
-                "WxH"));
+            ->check(sizeCheck);
     auto* intervalOption = tryFormat->add_option(
         "--interval", interval,
         "the frame interval to ask for, in 100-nanosecond units (333333 is 30 fps)");
-    for (CLI::App* command : {info, formats, controls, tryFormat}) {
+
+    auto* capture = app.add_subcommand(
+        "capture", "run a pin and write the frames it delivers into a directory");
+    auto* still = app.add_subcommand(
+        "still", "trigger the camera's still image for each frame and write the still frames");
+    CaptureOptions captureOptions;
+    std::string captureSize;
+    int64_t captureInterval = 0;
+    CLI::Option* captureIntervalOption = nullptr;
+    for (CLI::App* command : {capture, still}) {
+        if (command == capture) {
+            command->add_option("--pin", captureOptions.request.pin, "capture (default) or still")
+                ->check(CLI::IsMember({"capture", "still"}));
+            captureIntervalOption = command->add_option(
+                "--interval", captureInterval, "the frame interval to ask for, 100 ns units");
+            command
+                ->add_option("--fault", captureOptions.fault,
+                             "inject a transfer fault once the stream runs: KIND[:COUNT]")
+                ->check(CLI::Validator(
+                    [](std::string& text) {
+                        return ornixrig::ParseTransferFault(text)
+                                   ? std::string()
+                                   : "must be KIND[:COUNT] with KIND one of short, babble, "
+                                     "xact, stall, split, out-of-order, sync";
+                    },
+                    "KIND[:COUNT]"));
+        }
+        command->add_option("--format", captureOptions.request.format,
+                            "the pin's format N, as `formats` numbers them (default 0)");
+        command->add_option("--size", captureSize, "the window, WIDTHxHEIGHT")->check(sizeCheck);
+        command->add_option("--count", captureOptions.count, "frames to take")
+            ->required()
+            ->check(CLI::Range(1u, 1000000u));
+        command->add_option("--out", captureOptions.outDir, "the directory to write frames into")
+            ->required();
+        auto* png =
+            command->add_flag("--png")->description("write pictures as PNG files (the default)");
+        command->add_flag("--raw", captureOptions.raw, "write each frame's bytes as delivered")
+            ->excludes(png);
+    }
+    for (CLI::App* command : {info, formats, controls, tryFormat, capture, still}) {
         command->footer(
             "Global options (--camera, --log, --trace, --json) may follow the command.");
     }
@@ -90,6 +134,22 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
                 tryOptions.frameInterval = interval;
             }
             return RunTryFormat(session, tryOptions, options.json, out, err);
+        }
+        if (capture->parsed() || still->parsed()) {
+            if (!captureSize.empty()) {
+                std::tie(captureOptions.request.width, captureOptions.request.height) =
+                    *ParseSize(captureSize);
+            }
+            if (captureIntervalOption->count() > 0) {
+                captureOptions.request.frameInterval = captureInterval;
+            }
+            if (still->parsed()) {
+                captureOptions.request.pin = "still";
+            }
+            // Still frames come only when the camera is triggered.
+            captureOptions.still = captureOptions.request.pin == "still";
+            captureOptions.terminal = &out == &std::cout && isatty(STDOUT_FILENO) != 0;
+            return RunCapture(session, captureOptions, options.json, out, err);
         }
     } catch (const std::exception& e) {
         err << "ornixctl: " << e.what() << "\n";

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "camera/register_map.h"
+#include "ornixctl/frame_image.h"
 #include "ornixctl/names.h"
 #include "ornixctl/text_table.h"
-#include "streamclass/data_intersection.h"
 
 namespace ornixctl {
 namespace {
@@ -19,9 +19,6 @@ namespace reg = ornixcam::reg;
 static_assert(reg::still::kPosition == reg::fmt::kPosition &&
               reg::still::kSize == reg::fmt::kSize && reg::still::kColorId == reg::fmt::kColorId &&
               reg::still::kBinning == reg::fmt::kBinning);
-
-constexpr uint32_t kColourInterlaced = 1u << 24;
-constexpr uint32_t kColourBottomUp = 1u << 25;
 
 std::optional<int32_t> PositiveNumber(std::string_view text) {
     int32_t value = 0;
@@ -152,50 +149,23 @@ std::optional<std::pair<int32_t, int32_t>> ParseSize(const std::string& text) {
 
 int RunTryFormat(Session& session, const TryFormatOptions& options, bool json, std::ostream& out,
                  std::ostream& err) {
-    const bool still = options.pin == "still";
-    const ULONG pinNumber = still ? ORNIX_STILL_STREAM : ORNIX_CAPTURE_STREAM;
-    const winsim::FilterView& filter = session.Rig().StreamClass().Filter();
-    if (pinNumber >= filter.pins.size()) {
-        err << "ornixctl: the camera has no " << options.pin << " pin\n";
+    const auto negotiated = NegotiateFormat(session, options, err);
+    if (!negotiated) {
         return 1;
     }
-    const winsim::PinView& pin = filter.pins[pinNumber];
-    if (options.format >= pin.ranges.size()) {
-        err << "ornixctl: the " << options.pin << " pin has " << pin.ranges.size()
-            << " formats; there is no format " << options.format << "\n";
-        return 1;
-    }
-    const winsim::DataRangeView& range = pin.ranges[options.format];
-    const auto request = winsim::VideoRangeRequest(range.bytes, options.width, options.height,
-                                                   options.frameInterval);
-    if (!request || !range.video) {
-        err << "ornixctl: format " << options.format << " is not a video range\n";
-        return 1;
-    }
-    const winsim::VideoRangeView& published = *range.video;
-
-    const winsim::IntersectResult result =
-        winsim::Intersect(session.Rig().StreamClass(), pinNumber, *request);
-    if (!NT_SUCCESS(result.status)) {
-        err << "ornixctl: the driver refused the format: " << NtStatusName(result.status) << "\n";
-        return 1;
-    }
-    const auto answer = winsim::DecodeVideoFormat(result.format);
-    if (!answer) {
-        err << "ornixctl: the driver answered " << result.format.size()
-            << " bytes that are not a video format\n";
-        return 1;
-    }
+    const ULONG pinNumber = negotiated->pin;
+    const winsim::VideoRangeView& published = negotiated->published;
+    const bool still = pinNumber == ORNIX_STILL_STREAM;
 
     nlohmann::ordered_json doc;
     doc["camera"] = session.ProfileName();
     doc["pin"] = pinNumber;
-    doc["pinName"] = pin.name ? PinName(*pin.name) : "";
+    doc["pinName"] = negotiated->pinName;
     doc["format"] = options.format;
     doc["request"] = {{"width", options.width.value_or(published.width)},
                       {"height", options.height ? int64_t{*options.height} : published.height},
                       {"frameInterval", options.frameInterval.value_or(published.avgTimePerFrame)}};
-    doc["answer"] = AnswerJson(*answer);
+    doc["answer"] = AnswerJson(negotiated->answer);
     doc["programmed"] = ProgrammedJson(session, still);
     if (json) {
         out << doc.dump(2) << "\n";

@@ -8,16 +8,12 @@
 #include <ostream>
 #include <string>
 
+#include "ornixctl/negotiation.h"
 #include "ornixctl/session.h"
 
 namespace ornixctl {
 
-struct TryFormatOptions {
-    std::string pin = "capture";  // "capture" or "still"
-    unsigned format = 0;          // the pin's data range, numbered as `formats` does
-    std::optional<int32_t> width, height;
-    std::optional<int64_t> frameInterval;  // 100 ns units
-};
+using TryFormatOptions = FormatRequest;
 
 // "640x480" -> (640, 480); nothing unless both are positive 32-bit numbers.
 std::optional<std::pair<int32_t, int32_t>> ParseSize(const std::string& text);
