@@ -661,6 +661,9 @@ NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Str
                             PORNIX_TRANSFER_CONTEXT Transfer, PUCHAR Buffer, ULONG Length);
 NTSTATUS BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
                                 PORNIX_TRANSFER_CONTEXT Transfer);
+// Every transfer of the stream from a fresh frame (start and restart).
+NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                             BOOLEAN SetRunning);
 NTSTATUS NTAPI BulkStreamComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 // The work of one completion, with no lock held: run by BulkStreamComplete
 // or, for a completion deferred during a submission, by BulkStreamRunDeferred.

@@ -130,22 +130,7 @@ VOID BulkStreamRestartCR(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Conte
         return;
     }
 
-    NTSTATUS status = STATUS_SUCCESS;
-    KIRQL irql;
-    KeAcquireSpinLock(&stream->PendingLock, &irql);
-    InterlockedExchange(&stream->AbortNeeded, 0);
-    stream->CurrentSrb = NULL;
-    stream->FrameOffset = 0;
-    ULONG count = StreamGetTransferCount(stream);
-    for (ULONG i = 0; i < count; i++) {
-        PORNIX_TRANSFER_CONTEXT transfer = &stream->TransferContexts[i];
-        PUCHAR buffer;
-        ULONG length;
-        StreamGetNextBuffer(stream, transfer, &buffer, &length);
-        status = BulkStreamTransfer(Ext, stream, transfer, buffer, length);
-    }
-    KeReleaseSpinLock(&stream->PendingLock, irql);
-    BulkStreamRunDeferred(stream);
+    NTSTATUS status = BulkStreamSubmitAll(Ext, stream, FALSE);
 
     // The reset worker told the camera to stop before the reset.
     if (stream->StreamNumber == ORNIX_CAPTURE_STREAM && NT_SUCCESS(status)) {

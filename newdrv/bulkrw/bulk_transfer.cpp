@@ -95,6 +95,34 @@ NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Str
     return status == STATUS_PENDING ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
+// IRQL: DISPATCH_LEVEL or below, no lock held. Submits every transfer of the
+// stream from the start of a fresh frame under PendingLock, setting Running
+// first when asked (a completion during the start must find the stream
+// running). The status of the last submission.
+NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                             BOOLEAN SetRunning) {
+    NTSTATUS status = STATUS_SUCCESS;
+    KIRQL irql;
+    KeAcquireSpinLock(&Stream->PendingLock, &irql);
+    Stream->CurrentSrb = NULL;
+    Stream->FrameOffset = 0;
+    InterlockedExchange(&Stream->AbortNeeded, 0);
+    if (SetRunning) {
+        InterlockedExchange(&Stream->Running, 1);
+    }
+    ULONG count = StreamGetTransferCount(Stream);
+    for (ULONG i = 0; i < count; i++) {
+        PORNIX_TRANSFER_CONTEXT transfer = &Stream->TransferContexts[i];
+        PUCHAR buffer;
+        ULONG length;
+        StreamGetNextBuffer(Stream, transfer, &buffer, &length);
+        status = BulkStreamTransfer(Ext, Stream, transfer, buffer, length);
+    }
+    KeReleaseSpinLock(&Stream->PendingLock, irql);
+    BulkStreamRunDeferred(Stream);
+    return status;
+}
+
 // IRQL: DISPATCH_LEVEL or below. Resubmits a transfer for the next piece of video.
 NTSTATUS BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
                                 PORNIX_TRANSFER_CONTEXT Transfer) {

@@ -21,26 +21,7 @@ static BOOLEAN StreamNothingPending(PORNIX_STREAM_CONTEXT Stream) {
 // IRQL: PASSIVE_LEVEL (writes a camera register).
 NTSTATUS StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
     DbgPrint(ORNIX_PREFIX "StreamStart\n");
-    NTSTATUS status = STATUS_SUCCESS;
-
-    KIRQL irql;
-    KeAcquireSpinLock(&Stream->PendingLock, &irql);
-    Stream->CurrentSrb = NULL;
-    Stream->FrameOffset = 0;
-    InterlockedExchange(&Stream->AbortNeeded, 0);
-    // Running is set before the first submission: a completion that arrives
-    // while the start goes on must find the stream running.
-    InterlockedExchange(&Stream->Running, 1);
-    ULONG count = StreamGetTransferCount(Stream);
-    for (ULONG i = 0; i < count; i++) {
-        PORNIX_TRANSFER_CONTEXT transfer = &Stream->TransferContexts[i];
-        PUCHAR buffer;
-        ULONG length;
-        StreamGetNextBuffer(Stream, transfer, &buffer, &length);
-        status = BulkStreamTransfer(Ext, Stream, transfer, buffer, length);
-    }
-    KeReleaseSpinLock(&Stream->PendingLock, irql);
-    BulkStreamRunDeferred(Stream);
+    NTSTATUS status = BulkStreamSubmitAll(Ext, Stream, TRUE);
 
     if (NT_SUCCESS(status)) {
         if (Stream->StreamNumber == ORNIX_STILL_STREAM) {
