@@ -85,13 +85,22 @@ static NTSTATUS StreamLeaveRun(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT 
     return status;
 }
 
+// The state an application asked for, read as the 32-bit number it sent: a
+// value outside the enumeration is no KSSTATE yet.
+static ULONG StreamRequestedState(PHW_STREAM_REQUEST_BLOCK Srb) {
+    ULONG requested;
+    RtlCopyMemory(&requested, &Srb->CommandData.StreamState, sizeof(requested));
+    return requested;
+}
+
 // IRQL: PASSIVE_LEVEL.
 static NTSTATUS StreamSetState(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
-                               KSSTATE Requested) {
-    DbgPrint(ORNIX_PREFIX "Set stream state to %x\n", (ULONG)Requested);
-    if ((ULONG)Requested > (ULONG)KSSTATE_RUN) {
+                               ULONG RequestedValue) {
+    DbgPrint(ORNIX_PREFIX "Set stream state to %x\n", RequestedValue);
+    if (RequestedValue > (ULONG)KSSTATE_RUN) {
         return STATUS_NOT_IMPLEMENTED;
     }
+    KSSTATE Requested = (KSSTATE)RequestedValue;
     switch (Stream->State) {
         case KSSTATE_STOP:
             if (Requested == KSSTATE_STOP) {
@@ -142,7 +151,7 @@ VOID STREAMAPI OrnixReceiveCtrlPacket(PHW_STREAM_REQUEST_BLOCK Srb) {
             Srb->Status = stream->State == KSSTATE_PAUSE ? STATUS_NO_DATA_DETECTED : STATUS_SUCCESS;
             break;
         case SRB_SET_STREAM_STATE:
-            Srb->Status = StreamSetState(ext, stream, Srb->CommandData.StreamState);
+            Srb->Status = StreamSetState(ext, stream, StreamRequestedState(Srb));
             break;
         case SRB_GET_STREAM_PROPERTY:
             OrnixGetStreamProperty(Srb);

@@ -170,7 +170,13 @@ TEST_F(StreamStateTest, TheStillPinStartsAtOnceAndTellsTheCamera) {
 TEST_F(StreamStateTest, RequestsOutsideTheTableAreRefused) {
     std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture);
     ASSERT_TRUE(pin);
-    EXPECT_EQ(pin->SetState(KSSTATE(7)), STATUS_NOT_IMPLEMENTED);
+    // A state outside the enumeration, as a 32-bit number on the wire.
+    winsim::StreamSrbResult beyond = Class().SendStreamControl(
+        pin->StreamObject(), SRB_SET_STREAM_STATE, [](HW_STREAM_REQUEST_BLOCK& srb) {
+            const ULONG seven = 7;
+            std::memcpy(&srb.CommandData, &seven, sizeof seven);
+        });
+    EXPECT_EQ(beyond.status, STATUS_NOT_IMPLEMENTED);
     const struct {
         SRB_COMMAND command;
         const char* line;

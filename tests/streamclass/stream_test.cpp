@@ -93,10 +93,14 @@ TEST_F(StreamingTest, ReportsStreamSrbsCompletedTwiceOnTheWrongStreamOrNever) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.check);
         PHW_STREAM_REQUEST_BLOCK read = sc_->CreateDataSrb(capture, SRB_READ_DATA, nullptr);
-        KSSTREAM_HEADER header{};
+        // The capture pin's header is followed by its frame information.
+        struct {
+            KSSTREAM_HEADER header;
+            KS_FRAME_INFO info;
+        } headers{};
         uint8_t buffer[16];
-        header.Data = buffer;
-        read->CommandData.DataBufferArray = &header;
+        headers.header.Data = buffer;
+        read->CommandData.DataBufferArray = &headers.header;
         sc_->SendDataSrb(read);
         c.complete(TakeRead(0));
         ExpectViolation(c.check, {c.gist});
