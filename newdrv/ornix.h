@@ -192,6 +192,10 @@ typedef struct _ORNIX_STREAM_CONTEXT {
     // list to empty and this to reach 0: a completion past its removal from
     // the list still touches the stream and its IRP.
     ULONG CompletionsInProgress;
+    // The read request of a split frame one of whose pieces failed or ended
+    // short (under PendingLock): its bytes cannot be whole, so it goes back
+    // empty even when its last piece arrives in full.
+    PHW_STREAM_REQUEST_BLOCK BrokenFrameSrb;
 } ORNIX_STREAM_CONTEXT, *PORNIX_STREAM_CONTEXT;
 
 // Per-adapter record, allocated by the stream class (HwDeviceExtension) and

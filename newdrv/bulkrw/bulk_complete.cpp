@@ -36,6 +36,9 @@ static BOOLEAN TransferLeaveList(PORNIX_STREAM_CONTEXT Stream, PORNIX_TRANSFER_C
             DbgPrint(ORNIX_PREFIX "NO URB PENDING IN FRAGMENTED FRAME...\n");
             OrnixSetFlag(&Stream->AbortNeeded);
             Stream->UsbOtherErrors++;
+            if ((Transfer->PartialFlags & ORNIX_PARTIAL_LAST) == 0 && Transfer->Srb != NULL) {
+                Stream->BrokenFrameSrb = Transfer->Srb;  // closed before its end
+            }
             Transfer->PartialFlags |= ORNIX_PARTIAL_LAST;
         }
         return TRUE;
@@ -114,6 +117,17 @@ static NTSTATUS TransferClassify(PORNIX_STREAM_CONTEXT Stream, PORNIX_TRANSFER_C
 // A complete frame: the read request it fills goes back to the application.
 static VOID TransferDeliverFrame(PORNIX_STREAM_CONTEXT Stream, PORNIX_TRANSFER_CONTEXT Transfer,
                                  NTSTATUS Status, ULONG Length) {
+    if (Transfer->Srb != NULL) {
+        KIRQL irql;
+        KeAcquireSpinLock(&Stream->PendingLock, &irql);
+        if (Transfer->Srb == Stream->BrokenFrameSrb) {
+            // A piece of this frame is missing: it goes back empty rather
+            // than as a whole frame with a hole in it.
+            Stream->BrokenFrameSrb = NULL;
+            Length = 0;
+        }
+        KeReleaseSpinLock(&Stream->PendingLock, irql);
+    }
     if (!OrnixFlagIsSet(&Stream->Running)) {
         DbgPrint(ORNIX_PREFIX "channel is stopping, cancelling\n");
         Status = STATUS_CANCELLED;
@@ -162,6 +176,11 @@ VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer) {
     ULONG length = 0;
     if (listed) {
         status = TransferClassify(stream, Transfer, &length);
+        BOOLEAN whole = status == STATUS_SUCCESS &&
+                        Transfer->Urb.TransferBufferLength == Transfer->TransferLength;
+        if (!whole && Transfer->Srb != NULL && (Transfer->PartialFlags & ORNIX_PARTIAL_LAST) == 0) {
+            stream->BrokenFrameSrb = Transfer->Srb;
+        }
     }
     KeReleaseSpinLock(&stream->PendingLock, irql);
 

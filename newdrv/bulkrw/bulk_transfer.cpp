@@ -106,6 +106,7 @@ NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT St
     KeAcquireSpinLock(&Stream->PendingLock, &irql);
     Stream->CurrentSrb = NULL;
     Stream->FrameOffset = 0;
+    Stream->BrokenFrameSrb = NULL;
     InterlockedExchange(&Stream->AbortNeeded, 0);
     if (SetRunning) {
         InterlockedExchange(&Stream->Running, 1);

@@ -378,6 +378,23 @@ TEST_F(FrameDeliveryTest, PresentationTimesAndDropCountsFollowTheClock) {
     EXPECT_EQ(frame->frameInfo.DropCount, 0);
 }
 
+// A format without a frame interval has nothing to divide by: frames are
+// stamped with the clock as it reads and count no missed frames.
+TEST_F(FrameDeliveryTest, AZeroFrameIntervalCountsNoDrops) {
+    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture);
+    ASSERT_TRUE(pin);
+    Stream(kCapture)->AvgTimePerFrame = 0;
+    pin->SetClockSource([] { return int64_t(123456789); });
+    ASSERT_EQ(pin->Run(), STATUS_SUCCESS);
+    for (int i = 0; i < 3; ++i) {
+        std::optional<PinFrame> frame = pin->NextFrame(kPatience);
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->presentationTime, 123456789);
+        EXPECT_EQ(frame->frameInfo.DropCount, 0);
+        EXPECT_EQ(frame->duration, 0);
+    }
+}
+
 // ---------------------------------------------------------------- still pin
 
 using StillFrameTest = StreamingTest;
