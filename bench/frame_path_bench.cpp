@@ -32,8 +32,8 @@ struct CaptureRig {
         const winsim::DataRangeView& range = rig.StreamClass().Filter().pins.at(0).ranges.at(0);
         std::optional<std::vector<uint8_t>> request = winsim::VideoRangeRequest(
             range.bytes, std::nullopt, std::nullopt, range.video->minFrameInterval);
-        winsim::IntersectionAnswer answer = rig.StreamClass().PinDataIntersection(
-            0, winsim::PackDataRanges({*request}), 4096);
+        winsim::IntersectionAnswer answer =
+            rig.StreamClass().PinDataIntersection(0, winsim::PackDataRanges({*request}), 4096);
         winsim::PinOptions options;
         options.format = answer.format;
         options.queuedReads = 4;
@@ -74,8 +74,8 @@ void BM_PacedCapture(benchmark::State& state) {
     state.counters["frames"] = double(frames);
     state.counters["drop_count"] = dropped ? double(dropped->DropCount) : -1;
     state.counters["frames_dropped"] = double(statistics.ActualFramesDropped);
-    state.counters["cpu_per_frame"] =
-        benchmark::Counter(double(frames), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["cpu_per_frame"] = benchmark::Counter(
+        double(frames), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     state.SetItemsProcessed(frames);
 }
 BENCHMARK(BM_PacedCapture)->Iterations(1)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
@@ -121,6 +121,9 @@ void BM_UnpacedCapture(benchmark::State& state) {
     state.SetBytesProcessed(frames * int64_t(frameBytes));
     state.counters["memcpy_ratio"] = captureSeconds > 0 ? memcpySeconds / captureSeconds : 0;
     state.counters["pool_allocations"] = double(allocations);
+    ORNIX_STREAM_STATISTICS statistics{};
+    StreamReadStatistics(capture.rig.Device()->StreamContexts[0], &statistics);
+    state.counters["frames_dropped"] = double(statistics.ActualFramesDropped);
 }
 BENCHMARK(BM_UnpacedCapture)->MinTime(3)->Unit(benchmark::kMicrosecond)->UseRealTime();
 

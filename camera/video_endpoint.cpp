@@ -58,7 +58,7 @@ bool VideoEndpoint::StartFrame(int64_t now, std::optional<int64_t>& due) {
         number_ = std::max(first, epochNumber_ + slot);
     }
     FrameSetup setup = source_();
-    renderer_.Render(setup.geometry, number_, setup.hot, content_, frame_);
+    renderer_.Begin(setup.geometry, number_, std::move(setup.hot), content_);
     if (!still_ && pacing_) {
         const int64_t duration = FrameDuration100ns(FrameBytes(setup.geometry), setup.frequency);
         if (duration != duration100ns_) {
@@ -93,17 +93,18 @@ usbsim::TransferResult VideoEndpoint::Transfer(std::span<uint8_t> data, int64_t 
     if (!inFrame_ && !StartFrame(now, due)) {
         return usbsim::TransferResult::Nak();
     }
-    size_t end = frame_.size();
+    const size_t frameBytes = renderer_.Size();
+    size_t end = frameBytes;
     if (splitThisFrame_ && *splitThisFrame_ > offset_ && *splitThisFrame_ < end) {
         end = *splitThisFrame_;
     }
     const size_t length = std::min(end - offset_, data.size());
-    std::copy_n(frame_.begin() + static_cast<std::ptrdiff_t>(offset_), length, data.begin());
+    renderer_.CopyOut(offset_, data.first(length));
     offset_ += length;
     if (splitThisFrame_ && offset_ == *splitThisFrame_) {
         splitThisFrame_.reset();
     }
-    if (offset_ >= frame_.size()) {
+    if (offset_ >= frameBytes) {
         inFrame_ = false;
     }
     return usbsim::TransferResult::Ack(static_cast<uint32_t>(length));

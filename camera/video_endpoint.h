@@ -78,7 +78,6 @@ class VideoEndpoint {
     std::optional<uint32_t> splitThisFrame_;
 
     bool inFrame_ = false;
-    std::vector<uint8_t> frame_;
     size_t offset_ = 0;
     uint64_t framesStarted_ = 0;
     uint64_t number_ = 0;       // of the frame in progress or last sent

@@ -1,6 +1,7 @@
 #include "camera/video_frames.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace ornixcam {
 namespace {
@@ -239,86 +240,128 @@ void FrameRenderer::Prepare(const FrameGeometry& g) {
     if (cached_ == g) {
         return;
     }
+    const SampleKind kind = KindOf(g.ColourId());
     const uint32_t rowSamples = RowSamples(g), outH = g.OutHeight();
-    const uint32_t step = Step(KindOf(g.ColourId()));
-    positions_.resize(size_t{rowSamples} * outH);
+    const uint32_t step = Step(kind);
+    rowStarts_.resize(outH);
     for (uint32_t s = 0; s < outH; ++s) {
-        const uint32_t r = PictureRow(g, s);
-        for (uint32_t c = 0; c < rowSamples; ++c) {
-            positions_[size_t{s} * rowSamples + c] = (c + r) * step;
+        rowStarts_[s] = PictureRow(g, s) * step;
+    }
+    // One fold period and a row beyond it, stored as the frame stores
+    // samples: any row of any frame is one contiguous slice of it.
+    const uint32_t period = kind == SampleKind::Byte ? 512 : 131072;
+    const size_t sampleBytes = kind == SampleKind::Byte ? 1 : 2;
+    ramp_.resize((size_t{period} + rowSamples) * sampleBytes);
+    for (size_t x = 0; x < size_t{period} + rowSamples; ++x) {
+        const uint32_t folded = static_cast<uint32_t>(x % period);
+        if (kind == SampleKind::Byte) {
+            ramp_[x] = Fold<uint8_t>(folded);
+        } else {
+            Put16(&ramp_[2 * x], Fold<uint16_t>(folded), kind);
         }
     }
     cached_ = g;
 }
 
-void FrameRenderer::Render(const FrameGeometry& g, uint64_t n,
-                           std::span<const std::pair<uint32_t, uint32_t>> hot, FrameContent content,
-                           std::vector<uint8_t>& out) {
+void FrameRenderer::Begin(const FrameGeometry& g, uint64_t n,
+                          std::vector<std::pair<uint32_t, uint32_t>> hot, FrameContent content) {
     const uint8_t id = g.ColourId();
+    direct_ = false;
     if (id == kCount) {
-        out.assign({static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8),
-                    static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 24)});
+        whole_.assign({static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8),
+                       static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 24)});
         return;
     }
     if (id == kPointList) {
-        RenderPoints(g, n, hot, out);
+        RenderPoints(g, n, hot, whole_);
         return;
     }
-    const uint32_t bytes = FrameBytes(g);
-    out.resize(bytes);
-    if (bytes == 0) {
-        return;
-    }
+    size_ = FrameBytes(g);
     Prepare(g);
     const SampleKind kind = KindOf(id);
-    const uint32_t rowSamples = RowSamples(g);
-    const uint32_t add = static_cast<uint32_t>(n);
-    const size_t count = kind == SampleKind::Byte ? std::min<size_t>(positions_.size(), bytes)
-                                                  : std::min<size_t>(positions_.size(), bytes / 2);
-    if (content == FrameContent::Scene) {
-        // Eight grey bars and a bright block that crosses the picture.
-        const uint32_t block = std::max<uint32_t>(rowSamples / 16, 1);
-        const uint32_t blockX = static_cast<uint32_t>(n * 4 % std::max<uint32_t>(rowSamples, 1));
-        for (size_t i = 0; i < count; ++i) {
-            const uint32_t c = static_cast<uint32_t>(i % rowSamples);
-            const uint32_t r = static_cast<uint32_t>(i / rowSamples);
-            uint32_t level = c * 8 / rowSamples * 32 + 16;
-            if (c >= blockX && c < blockX + block && r % 64 < 32) {
-                level = 240;
-            }
-            if (kind == SampleKind::Byte) {
-                out[i] = static_cast<uint8_t>(level);
-            } else {
-                Put16(&out[2 * i], static_cast<uint16_t>(level << 8), kind);
-            }
-        }
-    } else if (kind == SampleKind::Byte) {
-        uint8_t* dst = out.data();
-        const uint32_t* pos = positions_.data();
-        for (size_t i = 0; i < count; ++i) {
-            dst[i] = Fold<uint8_t>(pos[i] + add);
-        }
-    } else {
-        uint8_t* dst = out.data();
-        const uint32_t* pos = positions_.data();
-        const bool little = kind == SampleKind::Little16;
-        for (size_t i = 0; i < count; ++i) {
-            const uint16_t v = Fold<uint16_t>(pos[i] + add);
-            dst[2 * i] = static_cast<uint8_t>(little ? v : v >> 8);
-            dst[2 * i + 1] = static_cast<uint8_t>(little ? v >> 8 : v);
-        }
+    sampleBytes_ = kind == SampleKind::Byte ? 1 : 2;
+    period_ = kind == SampleKind::Byte ? 512 : 131072;
+    rowSamples_ = RowSamples(g);
+    add_ = static_cast<uint32_t>(n);
+    samples_ = std::min<size_t>(size_t{rowSamples_} * rowStarts_.size(), size_ / sampleBytes_);
+    hot_ = std::move(hot);
+    if (content == FrameContent::Pattern) {
+        direct_ = true;  // drawn piece by piece into the caller's buffers
+        return;
     }
-    for (auto [c, r] : hot) {
-        const size_t i = size_t{r} * rowSamples + c;
-        if (i >= count) {
-            continue;
+    // Eight grey bars and a bright block that crosses the picture.
+    whole_.assign(size_, 0);
+    const uint32_t block = std::max<uint32_t>(rowSamples_ / 16, 1);
+    const uint32_t blockX = static_cast<uint32_t>(n * 4 % std::max<uint32_t>(rowSamples_, 1));
+    for (size_t i = 0; i < samples_; ++i) {
+        const uint32_t c = static_cast<uint32_t>(i % rowSamples_);
+        const uint32_t r = static_cast<uint32_t>(i / rowSamples_);
+        uint32_t level = c * 8 / rowSamples_ * 32 + 16;
+        if (c >= blockX && c < blockX + block && r % 64 < 32) {
+            level = 240;
         }
         if (kind == SampleKind::Byte) {
-            out[i] = 0xFF;
+            whole_[i] = static_cast<uint8_t>(level);
         } else {
-            Put16(&out[2 * i], 0xFFFF, kind);
+            Put16(&whole_[2 * i], static_cast<uint16_t>(level << 8), kind);
         }
     }
+    DrawHot(0, whole_);
+}
+
+size_t FrameRenderer::Size() const {
+    return direct_ ? size_ : whole_.size();
+}
+
+void FrameRenderer::CopyOut(size_t offset, std::span<uint8_t> dst) {
+    if (!direct_) {
+        const size_t n = offset < whole_.size() ? std::min(dst.size(), whole_.size() - offset) : 0;
+        std::memcpy(dst.data(), whole_.data() + offset, n);
+        return;
+    }
+    // Sample (c, r) of frame n is Fold(c + r + n): a stored row is a slice of
+    // the ramp, so a piece is drawn at the speed of a copy.
+    const size_t storedBytes = samples_ * sampleBytes_;
+    const size_t rowBytes = size_t{rowSamples_} * sampleBytes_;
+    size_t at = offset;
+    const size_t end = offset + dst.size();
+    while (at < end && at < storedBytes) {
+        const size_t row = at / rowBytes;
+        const size_t inRow = at - row * rowBytes;
+        const size_t chunk = std::min({end, (row + 1) * rowBytes, storedBytes}) - at;
+        const uint32_t x0 = (rowStarts_[row] + add_) % period_;
+        std::memcpy(dst.data() + (at - offset), ramp_.data() + size_t{x0} * sampleBytes_ + inRow,
+                    chunk);
+        at += chunk;
+    }
+    if (at < end) {
+        std::memset(dst.data() + (at - offset), 0, end - at);  // bytes past the last stored row
+    }
+    DrawHot(offset, dst);
+}
+
+// Hot samples are full scale: all ones in either byte order, so a sample
+// that straddles two pieces is drawn byte by byte.
+void FrameRenderer::DrawHot(size_t offset, std::span<uint8_t> dst) const {
+    for (auto [c, r] : hot_) {
+        const size_t i = size_t{r} * rowSamples_ + c;
+        if (i >= samples_) {
+            continue;
+        }
+        for (size_t b = i * sampleBytes_; b < (i + 1) * sampleBytes_; ++b) {
+            if (b >= offset && b - offset < dst.size()) {
+                dst[b - offset] = 0xFF;
+            }
+        }
+    }
+}
+
+void FrameRenderer::Render(const FrameGeometry& g, uint64_t n,
+                           std::span<const std::pair<uint32_t, uint32_t>> hot, FrameContent content,
+                           std::vector<uint8_t>& out) {
+    Begin(g, n, {hot.begin(), hot.end()}, content);
+    out.resize(Size());
+    CopyOut(0, out);
 }
 
 std::optional<uint64_t> RecoverFrameNumber(const FrameGeometry& g, std::span<const uint8_t> frame,

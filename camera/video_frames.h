@@ -63,19 +63,41 @@ std::vector<std::pair<uint32_t, uint32_t>> MapDefects(const FrameGeometry& geome
 
 enum class FrameContent { Pattern, Scene };
 
-// Renders frames of one geometry; keeps the per-geometry base tables.
+// Renders frames of one geometry; keeps the per-geometry base tables. A
+// frame is begun once and copied out piece by piece as the pipe carries it.
 class FrameRenderer {
   public:
-    // Frame `n` into `out` (resized); hot samples are drawn full-scale.
+    // Frame `n`; hot samples are drawn full-scale.
+    void Begin(const FrameGeometry& geometry, uint64_t n,
+               std::vector<std::pair<uint32_t, uint32_t>> hot, FrameContent content);
+    size_t Size() const;
+    // Bytes [offset, offset + dst.size()) of the frame begun last.
+    void CopyOut(size_t offset, std::span<uint8_t> dst);
+
+    // The whole frame `n` at once into `out` (resized).
     void Render(const FrameGeometry& geometry, uint64_t n,
                 std::span<const std::pair<uint32_t, uint32_t>> hot, FrameContent content,
                 std::vector<uint8_t>& out);
 
   private:
     void Prepare(const FrameGeometry& geometry);
+    void DrawHot(size_t offset, std::span<uint8_t> dst) const;
 
     std::optional<FrameGeometry> cached_;
-    std::vector<uint32_t> positions_;  // per stored sample: (column + row) * step
+    std::vector<uint32_t> rowStarts_;  // per stored row: picture row * step
+    std::vector<uint8_t> ramp_;        // the folded ramp, one period and a row more
+
+    // The frame begun last: the pattern is drawn directly, anything else
+    // is drawn whole into whole_.
+    bool direct_ = false;
+    std::vector<uint8_t> whole_;
+    size_t size_ = 0;
+    size_t samples_ = 0;
+    size_t sampleBytes_ = 1;
+    uint32_t period_ = 512;
+    uint32_t rowSamples_ = 0;
+    uint32_t add_ = 0;
+    std::vector<std::pair<uint32_t, uint32_t>> hot_;
 };
 
 // The frame number a delivered frame carries, modulo 2^(bits + 1) for

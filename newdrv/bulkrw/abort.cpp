@@ -24,37 +24,40 @@ static BOOLEAN StreamShouldRestart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONT
     return OrnixFlagIsSet(&Stream->Running) && !OrnixFlagIsSet(&Ext->Removed);
 }
 
-// IRQL: up to DISPATCH_LEVEL. TRUE when this call started an abort.
-BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
-    BOOLEAN owner = FALSE;
+// Ends the abort this thread owns unless a completion that ran meanwhile
+// asked for another: that completion found the abort under way and could not
+// start its own, so the owner goes on. The check and the release are one step
+// under PendingLock, the lock under which completions ask. FALSE: still owned.
+static BOOLEAN StreamEndAbortUnlessNeeded(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
+    KIRQL irql;
+    KeAcquireSpinLock(&Stream->PendingLock, &irql);
+    BOOLEAN again = OrnixFlagIsSet(&Stream->AbortNeeded) && StreamShouldRestart(Ext, Stream);
+    if (!again) {
+        KeSetEvent(&Stream->AbortEvent, 0, FALSE);
+        InterlockedDecrement(&Stream->AbortInProgress);
+    }
+    KeReleaseSpinLock(&Stream->PendingLock, irql);
+    return !again;
+}
+
+// IRQL: up to DISPATCH_LEVEL. Runs the abort this thread owns: the pipe abort
+// here below DISPATCH_LEVEL, on a worker thread otherwise.
+static VOID StreamRunOwnedAbort(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
     KIRQL irql;
     KeAcquireSpinLock(&Stream->PendingLock, &irql);
     BOOLEAN empty = IsListEmpty(&Stream->PendingTransfers);
-    if (!empty || StreamShouldRestart(Ext, Stream)) {
-        if (InterlockedIncrement(&Stream->AbortInProgress) == 1) {
-            owner = TRUE;
-            // Reset before anyone can see the abort under way.
-            KeResetEvent(&Stream->AbortEvent);
-        } else {
-            InterlockedDecrement(&Stream->AbortInProgress);
-        }
-    }
     KeReleaseSpinLock(&Stream->PendingLock, irql);
-    if (!owner) {
-        return FALSE;
-    }
-
     if (empty) {
         if (StreamShouldRestart(Ext, Stream)) {
             BulkStreamRestart(Ext, Stream);
         } else {
             StreamEndAbort(Stream);
         }
-        return TRUE;
+        return;
     }
     if (KeGetCurrentIrql() < DISPATCH_LEVEL) {
         AbortBulkPipePart2(Ext, Stream);
-        return TRUE;
+        return;
     }
     // The pipe abort waits for the bus: a worker thread sends it. Teardown
     // waits for the worker through the work-item count.
@@ -68,13 +71,33 @@ BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream)
     if (work == NULL) {
         DbgPrint(ORNIX_PREFIX "AbortBulkPipe: no mem\n");
         StreamEndAbort(Stream);
-        return TRUE;
+        return;
     }
     work->Device = Ext;
     work->Stream = Stream;
     ExInitializeWorkItem(&work->WorkItem, AbortBulkPipeWorker, work);
     ExQueueWorkItem(&work->WorkItem, DelayedWorkQueue);
-    return TRUE;
+}
+
+// IRQL: up to DISPATCH_LEVEL. TRUE when this call started an abort.
+BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
+    BOOLEAN owner = FALSE;
+    KIRQL irql;
+    KeAcquireSpinLock(&Stream->PendingLock, &irql);
+    if (!IsListEmpty(&Stream->PendingTransfers) || StreamShouldRestart(Ext, Stream)) {
+        if (InterlockedIncrement(&Stream->AbortInProgress) == 1) {
+            owner = TRUE;
+            // Reset before anyone can see the abort under way.
+            KeResetEvent(&Stream->AbortEvent);
+        } else {
+            InterlockedDecrement(&Stream->AbortInProgress);
+        }
+    }
+    KeReleaseSpinLock(&Stream->PendingLock, irql);
+    if (owner) {
+        StreamRunOwnedAbort(Ext, Stream);
+    }
+    return owner;
 }
 
 // IRQL: PASSIVE_LEVEL, on a system worker thread.
@@ -136,5 +159,10 @@ VOID BulkStreamRestartCR(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Conte
     if (stream->StreamNumber == ORNIX_CAPTURE_STREAM && NT_SUCCESS(status)) {
         OrnixRegWrite(Ext, ORNIX_STREAM_CONTROL, ORNIX_STREAM_CONTROL_START);
     }
-    StreamEndAbort(stream);
+    // A transfer that completed out of order during the restart asked for an
+    // abort while this one was still under way: the stream would otherwise
+    // stop with nothing pending.
+    if (!StreamEndAbortUnlessNeeded(Ext, stream)) {
+        StreamRunOwnedAbort(Ext, stream);
+    }
 }

@@ -9,11 +9,13 @@
 // Still stream open, trigger-mode bits cleared.
 #define ORNIX_STILL_TRIGGER_OPEN 4
 
-// Whether nothing of the stream is with the bus (PendingLock taken here).
+// Whether nothing of the stream is with the bus and no completion is still
+// at work on it: a transfer leaves the list before its completion is done
+// with the stream (PendingLock taken here).
 static BOOLEAN StreamNothingPending(PORNIX_STREAM_CONTEXT Stream) {
     KIRQL irql;
     KeAcquireSpinLock(&Stream->PendingLock, &irql);
-    BOOLEAN empty = IsListEmpty(&Stream->PendingTransfers);
+    BOOLEAN empty = IsListEmpty(&Stream->PendingTransfers) && Stream->CompletionsInProgress == 0;
     KeReleaseSpinLock(&Stream->PendingLock, irql);
     return empty;
 }

@@ -42,6 +42,13 @@ void UsbStack::Impl::HostControllerLoop(int index) {
 }
 
 void UsbStack::Impl::ScheduleLocked(const std::shared_ptr<Pipe>& queue) {
+    // A head that NAKed before the device last said it was ready (a request
+    // served inline, then overtaken) is retried: the host controller retries
+    // NAKed transfers for as long as they are queued.
+    if (!queue->waiting.empty() && queue->waiting.front()->state == RequestState::Nakked &&
+        queue->waiting.front()->readyGenerationSeen != queue->readyGeneration) {
+        queue->waiting.front()->state = RequestState::Waiting;
+    }
     if (queue->scheduled || queue->serving || queue->waiting.empty() ||
         queue->waiting.front()->state != RequestState::Waiting) {
         return;
@@ -245,7 +252,10 @@ Settlement UsbStack::Impl::SettleLocked(Request* r, std::optional<Outcome>& outc
         }
     }
     outcome->status = ApplyEffectsLocked(*r, *outcome, toCancel);
-    if (HasFault(*r, FaultAction::CompleteOutOfOrder) && queue.heldForNext == nullptr) {
+    // Nothing follows a request whose pipe is being aborted: holding it for
+    // the next one would park it, and the abort waiting for it, for good.
+    if (HasFault(*r, FaultAction::CompleteOutOfOrder) && queue.heldForNext == nullptr &&
+        !r->cancelOnNak) {
         queue.heldForNext = r;  // Finish of the pipe's next request lets it go
         ++r->waitingFor;
     }
