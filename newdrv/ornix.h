@@ -37,6 +37,9 @@
 
 // Device power states as the power handler records them.
 #define ORNIX_POWER_D0 1
+#define ORNIX_POWER_D1 2
+#define ORNIX_POWER_D2 3
+#define ORNIX_POWER_D3 4
 
 // Rows in a constant table.
 #define ORNIX_ROW_COUNT(rows) ((ULONG)(sizeof(rows) / sizeof((rows)[0])))
@@ -117,8 +120,9 @@ struct _ORNIX_STREAM_CONTEXT;
 typedef struct _ORNIX_TRANSFER_CONTEXT {
     struct _URB_BULK_OR_INTERRUPT_TRANSFER Urb;
     PIRP Irp;
-    PHW_STREAM_REQUEST_BLOCK Srb;  // read request whose buffer this transfer fills; NULL: TempBuffer
-    LIST_ENTRY Link;               // in PendingTransfers while submitted
+    PHW_STREAM_REQUEST_BLOCK
+        Srb;          // read request whose buffer this transfer fills; NULL: TempBuffer
+    LIST_ENTRY Link;  // in PendingTransfers while submitted
     struct _ORNIX_STREAM_CONTEXT* Stream;
     ULONG PartialFlags;    // ORNIX_PARTIAL_FIRST / ORNIX_PARTIAL_LAST
     ULONG TransferLength;  // bytes asked for
@@ -154,15 +158,15 @@ typedef struct _ORNIX_STREAM_CONTEXT {
     KEVENT DriverReadyEvent;
     LONG volatile DriverReadyWanted;
 
-    ULONG FrameSize;             // bytes of one frame on the bulk pipe
-    LONGLONG AvgTimePerFrame;    // 100 ns units, from the format given at open
-    BOOLEAN VariableFrameSize;   // colour id 129: frames are shorter as a rule
-    KSSTATE State;               // as the driver tracks it
-    ULONG StreamNumber;          // ORNIX_CAPTURE_STREAM or ORNIX_STILL_STREAM
-    PUCHAR TempBuffer;           // FrameSize bytes for transfers without a read request
-    LONG volatile Running;       // transfers are in flight and resubmitted
-    LONG volatile AbortNeeded;   // a completion saw a fault: abort and restart
-    KEVENT DrainEvent;           // the last transfer of a stopping stream completed
+    ULONG FrameSize;            // bytes of one frame on the bulk pipe
+    LONGLONG AvgTimePerFrame;   // 100 ns units, from the format given at open
+    BOOLEAN VariableFrameSize;  // colour id 129: frames are shorter as a rule
+    KSSTATE State;              // as the driver tracks it
+    ULONG StreamNumber;         // ORNIX_CAPTURE_STREAM or ORNIX_STILL_STREAM
+    PUCHAR TempBuffer;          // FrameSize bytes for transfers without a read request
+    LONG volatile Running;      // transfers are in flight and resubmitted
+    LONG volatile AbortNeeded;  // a completion saw a fault: abort and restart
+    KEVENT DrainEvent;          // the last transfer of a stopping stream completed
     // Capture stream only; NULL without a clock. Completions read it while
     // the control path changes it: both go through interlocked pointer operations.
     HANDLE volatile MasterClock;
@@ -176,12 +180,12 @@ typedef struct _ORNIX_STREAM_CONTEXT {
     ULONG UsbBabbleErrors;
     ULONG UsbOtherErrors;
 
-    LONG volatile AbortInProgress;  // 1 while an abort of the pipe is under way
-    KEVENT AbortEvent;              // signalled when an abort and its restart end
+    LONG volatile AbortInProgress;        // 1 while an abort of the pipe is under way
+    KEVENT AbortEvent;                    // signalled when an abort and its restart end
     PHW_STREAM_REQUEST_BLOCK CurrentSrb;  // read request of the frame being split
     ULONG FrameOffset;                    // bytes of that frame given to transfers
-    LONG volatile StartDelayed;  // capture entered RUN with an empty queue
-    ULONG Signature;             // ORNIX_STREAM_SIGNATURE
+    LONG volatile StartDelayed;           // capture entered RUN with an empty queue
+    ULONG Signature;                      // ORNIX_STREAM_SIGNATURE
 
     // The thread that holds PendingLock while it hands a transfer to the bus,
     // and the completions that arrived inside that call (see bulk_engine.cpp).
@@ -347,7 +351,7 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     LONG RequestedStillStartX;
     LONG RequestedStillStartY;
     // Frame-rate chart of the capture format: frequencies, ascending.
-    PUSHORT KFreqChart;  // NULL when not built
+    PUSHORT KFreqChart;    // NULL when not built
     LONG KFreqChartCount;  // 0 when not built
 
     // Property tables. PropertySets is one deferred-free block: the set
@@ -358,8 +362,8 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
 
     // Device events. EventSets is one deferred-free block: the set entries,
     // then the device-event items.
-    PKSEVENT_SET EventSets;    // NULL when no event set exists
-    ULONG EventSetCount;       // 0 to 2
+    PKSEVENT_SET EventSets;  // NULL when no event set exists
+    ULONG EventSetCount;     // 0 to 2
     // Enables minus disables while the still-trigger set exists, and the same
     // while the device-event set exists. Changed by interlocked operations:
     // completion routines read them beside the stream class's enables.
@@ -376,6 +380,8 @@ VOID STREAMAPI OrnixReceivePacket(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID STREAMAPI OrnixCancelPacket(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID STREAMAPI OrnixTimeoutPacket(PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS OrnixSetDevicePowerState(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSaveState(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS OrnixRestoreState(PORNIX_DEVICE_CONTEXT Ext);
 
 // Shutdown steps shared by surprise removal, paging out and teardown.
 VOID OrnixHaltInterruptPipe(PORNIX_DEVICE_CONTEXT Ext);
@@ -590,8 +596,8 @@ VOID OrnixValidateWindow(PORNIX_DEVICE_CONTEXT Ext, BOOLEAN Still, ULONG Width, 
 NTSTATUS OrnixSelectFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format, ULONG Width,
                            ULONG Height, BOOLEAN SetFrequency, const LONGLONG* RequestedInterval,
                            PLONGLONG ResultInterval);
-NTSTATUS OrnixSelectStillFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format,
-                                ULONG Width, ULONG Height);
+NTSTATUS OrnixSelectStillFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format, ULONG Width,
+                                ULONG Height);
 NTSTATUS OrnixReadCurrentFormat(PORNIX_DEVICE_CONTEXT Ext);
 // 100 ns units; the largest LONGLONG for a frequency of 0.
 LONGLONG OrnixFrameInterval(ULONG Width, ULONG Height, ULONG BitsPerPixel, ULONG Frequency);
@@ -644,8 +650,8 @@ VOID StreamReadStatistics(PORNIX_STREAM_CONTEXT Stream, PORNIX_STREAM_STATISTICS
 // Read requests (any IRQL up to DISPATCH_LEVEL).
 VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb);
 PHW_STREAM_REQUEST_BLOCK StreamDequeueRead(PORNIX_STREAM_CONTEXT Stream);
-VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb,
-                       NTSTATUS Status, ULONG Length);
+VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb, NTSTATUS Status,
+                       ULONG Length);
 LONGLONG GetStreamTime(PHW_STREAM_REQUEST_BLOCK Srb, PORNIX_STREAM_CONTEXT Stream);
 
 // Defective-pixel correction of one delivered frame, in place (DISPATCH_LEVEL

@@ -1,0 +1,183 @@
+// Cancellation of requests (in the read queue, in the bulk engine, and of
+// requests that are not reads) and device power transitions.
+#include <array>
+#include <cstdio>
+
+#include "kernel/kernel.h"
+#include "stream_fixture.h"
+
+namespace ornixtest {
+namespace {
+
+using winsim::PinFrame;
+using winsim::PinRead;
+
+constexpr ULONG kCapture = ORNIX_CAPTURE_STREAM;
+
+class CancelTest : public StreamingTest {
+  protected:
+    // As the stream class does when the application cancels the request.
+    void Cancel(PHW_STREAM_REQUEST_BLOCK srb) {
+        winsim::RunAtIrql(DISPATCH_LEVEL, [&] { Class().Registration().HwCancelPacket(srb); });
+    }
+    // The reads in the stream's ring, oldest first.
+    std::vector<PHW_STREAM_REQUEST_BLOCK> Ring(ULONG pin) const {
+        std::vector<PHW_STREAM_REQUEST_BLOCK> ring;
+        PORNIX_STREAM_CONTEXT stream = Stream(pin);
+        for (ULONG slot = stream->ReadHead; slot != stream->ReadTail;
+             slot = (slot + 1) % ORNIX_READ_QUEUE_SLOTS) {
+            ring.push_back(stream->ReadQueue[slot]);
+        }
+        return ring;
+    }
+};
+
+// Three reads queued in PAUSE, the ring starting at slot 0 or at the last
+// slot (so that it wraps): cancelling any one of them returns it at once,
+// cancelled and empty, and leaves the others in their order, which is the
+// order they are filled in once the stream runs.
+TEST_F(CancelTest, AQueuedReadComesBackAndTheOthersKeepTheirOrder) {
+    for (ULONG head : {ULONG{0}, ULONG{ORNIX_READ_QUEUE_SLOTS - 1}}) {
+        for (size_t victim = 0; victim < 3; ++victim) {
+            SCOPED_TRACE(testing::Message() << "head " << head << ", cancel read " << victim);
+            std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture);
+            ASSERT_TRUE(pin);
+            ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+            ASSERT_EQ(pin->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+            Stream(kCapture)->ReadHead = Stream(kCapture)->ReadTail = head;  // empty, moved
+            std::vector<std::shared_ptr<PinRead>> reads;
+            for (int i = 0; i < 3; ++i) {
+                reads.push_back(pin->SubmitRead());
+            }
+            Cancel(reads[victim]->Srb());
+
+            std::optional<PinFrame> cancelled = reads[victim]->Wait(kPatience);
+            ASSERT_TRUE(cancelled);
+            EXPECT_EQ(cancelled->status, STATUS_CANCELLED);
+            EXPECT_EQ(cancelled->dataUsed, 0u);
+            EXPECT_TRUE(Logged("ORNIX: srb is in Pending queue"));
+            EXPECT_TRUE(Logged("ORNIX:  Found SRB"));
+            reads.erase(reads.begin() + static_cast<std::ptrdiff_t>(victim));
+            EXPECT_EQ(Ring(kCapture),
+                      (std::vector<PHW_STREAM_REQUEST_BLOCK>{reads[0]->Srb(), reads[1]->Srb()}));
+            EXPECT_EQ(Stream(kCapture)->ReadTail, (head + 2) % ORNIX_READ_QUEUE_SLOTS);
+            EXPECT_EQ(Stream(kCapture)->OutstandingReads, 2);
+
+            ASSERT_EQ(pin->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+            std::array<uint64_t, 2> numbers{};
+            for (size_t i = 0; i < 2; ++i) {
+                std::optional<PinFrame> frame = reads[i]->Wait(kPatience);
+                ASSERT_TRUE(frame);
+                numbers[i] = ExpectCameraFrame(kCapture, *frame);
+            }
+            EXPECT_LT(numbers[0], numbers[1]);
+            pin.reset();
+            winsim::ClearDebugLog();
+        }
+    }
+}
+
+// A read the bulk engine holds: the cancel aborts the stream's transfers,
+// every read they held comes back cancelled through the engine, and the
+// restarted stream fills the next read with a whole frame.
+TEST_F(CancelTest, AReadInTheEngineIsReturnedByAnAbortAndTheStreamGoesOn) {
+    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture, 0);
+    ASSERT_TRUE(pin);
+    ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+    ASSERT_EQ(pin->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    const ULONG transfers = StreamGetTransferCount(Stream(kCapture));
+    // The transfers stay on the bus until something aborts them.
+    Stack().AddFault({.kind = usbsim::RequestKind::BulkOrInterrupt,
+                      .action = usbsim::FaultAction::NeverComplete,
+                      .count = transfers,
+                      .endpoint = Endpoint(kCapture)});
+    std::vector<std::shared_ptr<PinRead>> reads;
+    for (ULONG i = 0; i < transfers + 1; ++i) {
+        reads.push_back(pin->SubmitRead());
+    }
+    ASSERT_EQ(pin->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(Ring(kCapture), std::vector<PHW_STREAM_REQUEST_BLOCK>{reads.back()->Srb()});
+
+    Cancel(reads[0]->Srb());
+    EXPECT_TRUE(Logged("ORNIX: srb is still not found, aborting stream"));
+    EXPECT_TRUE(Logged("ORNIX:  Failed to find SRB"));
+    for (ULONG i = 0; i < transfers; ++i) {
+        std::optional<PinFrame> frame = reads[i]->Wait(kPatience);
+        ASSERT_TRUE(frame) << "read " << i;
+        EXPECT_EQ(frame->status, STATUS_CANCELLED);
+        EXPECT_EQ(frame->dataUsed, 0u);
+    }
+    std::optional<PinFrame> next = reads.back()->Wait(kPatience);
+    ASSERT_TRUE(next);
+    ExpectCameraFrame(kCapture, *next);
+}
+
+// Only reads are cancelled here: any other request prints the entry line
+// and is left to complete in its own time; the queue is not touched.
+TEST_F(CancelTest, RequestsOtherThanReadsAreLeftAlone) {
+    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture);
+    ASSERT_TRUE(pin);
+    ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+    std::shared_ptr<PinRead> read = pin->SubmitRead();
+    for (SRB_COMMAND command :
+         {SRB_GET_STREAM_STATE, SRB_SET_STREAM_STATE, SRB_WRITE_DATA, SRB_GET_STREAM_PROPERTY}) {
+        HW_STREAM_REQUEST_BLOCK other{};
+        other.Command = command;
+        other.StreamObject = pin->StreamObject();
+        winsim::ClearDebugLog();
+        Cancel(&other);
+        char entry[64];
+        std::snprintf(entry, sizeof entry, "ORNIX: **OrnixCancelPacket**, SRB:0x%08x",
+                      static_cast<unsigned>(reinterpret_cast<uintptr_t>(&other)));
+        EXPECT_EQ(Log(), std::vector<std::string>{entry});
+    }
+    EXPECT_EQ(Ring(kCapture), std::vector<PHW_STREAM_REQUEST_BLOCK>{read->Srb()});
+    EXPECT_FALSE(read->Completed());
+}
+
+// ---------------------------------------------------------------- power
+
+using PowerTest = StreamingTest;
+
+// Every transition of the power table from D0, with what each one runs: the
+// FPGA is looked at on the way back from D3 only (and found configured here),
+// and a value outside D0..D3 is refused but recorded.
+TEST_F(PowerTest, TransitionsFollowTheTable) {
+    constexpr ULONG kD0 = 1, kD1 = 2, kD2 = 3, kD3 = 4;
+    const struct Step {
+        ULONG to;
+        NTSTATUS status;
+        const char* logged;  // the line the step prints, if any
+        bool fpgaLooked;
+    } steps[] = {
+        {kD0, STATUS_SUCCESS, nullptr, false},  // same state
+        {kD3, STATUS_SUCCESS, "ORNIX: Switching from D0 to D3", false},
+        {kD3, STATUS_SUCCESS, nullptr, false},
+        {kD0, STATUS_SUCCESS, "ORNIX: Switching from D3 to D0", true},
+        {kD2, STATUS_SUCCESS, nullptr, false},
+        {kD0, STATUS_SUCCESS, nullptr, false},  // from D2: nothing to restore
+        {kD1, STATUS_SUCCESS, nullptr, false},
+        {kD3, STATUS_SUCCESS, nullptr, false},  // from D1: nothing to save
+        {kD0, STATUS_SUCCESS, "ORNIX: Switching from D3 to D0", true},
+        {0, STATUS_INVALID_PARAMETER, nullptr, false},
+        {kD0, STATUS_SUCCESS, nullptr, false},  // recorded 0 is not D3
+        {5, STATUS_INVALID_PARAMETER, nullptr, false},
+        {kD3, STATUS_SUCCESS, nullptr, false},  // from 5: nothing to save
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(testing::Message() << "from " << Ext()->DevicePowerState << " to " << step.to);
+        winsim::ClearDebugLog();
+        winsim::SrbResult result = Class().SendAdapterSrbValue(SRB_CHANGE_POWER_STATE, step.to);
+        EXPECT_EQ(result.status, step.status);
+        EXPECT_EQ(Ext()->DevicePowerState, step.to);
+        EXPECT_TRUE(Logged("ORNIX: OrnixSetDevicePowerState"));
+        if (step.logged != nullptr) {
+            EXPECT_TRUE(Logged(step.logged));
+        }
+        EXPECT_EQ(Logged("ORNIX: fpga is already programmed!!"), step.fpgaLooked);
+        EXPECT_FALSE(Logged("ORNIX: **Cam Driver Failed"));
+    }
+}
+
+}  // namespace
+}  // namespace ornixtest
