@@ -121,7 +121,7 @@ typedef struct _ORNIX_TRANSFER_CONTEXT {
     struct _URB_BULK_OR_INTERRUPT_TRANSFER Urb;
     PIRP Irp;
     PHW_STREAM_REQUEST_BLOCK
-        Srb;          // read request whose buffer this transfer fills; NULL: TempBuffer
+    Srb;              // read request whose buffer this transfer fills; NULL: TempBuffer
     LIST_ENTRY Link;  // in PendingTransfers while submitted
     struct _ORNIX_STREAM_CONTEXT* Stream;
     ULONG PartialFlags;    // ORNIX_PARTIAL_FIRST / ORNIX_PARTIAL_LAST
@@ -184,7 +184,8 @@ typedef struct _ORNIX_STREAM_CONTEXT {
     KEVENT AbortEvent;                    // signalled when an abort and its restart end
     PHW_STREAM_REQUEST_BLOCK CurrentSrb;  // read request of the frame being split
     ULONG FrameOffset;                    // bytes of that frame given to transfers
-    LONG volatile StartDelayed;           // capture entered RUN with an empty queue
+    LONG volatile StartDelayed;           // ORNIX_START_*: the capture start a full queue makes
+    KEVENT DelayedStartDone;              // the reader that took the delayed start is done
     ULONG Signature;                      // ORNIX_STREAM_SIGNATURE
 
     // The thread that holds PendingLock while it hands a transfer to the bus,
@@ -628,6 +629,9 @@ ULONG StreamGetTransferCount(PORNIX_STREAM_CONTEXT Stream);
 VOID STREAMAPI OrnixReceiveCtrlPacket(PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
 NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID StreamArmDelayedStart(PORNIX_STREAM_CONTEXT Stream);
+VOID StreamTakeDelayedStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID StreamDisarmDelayedStart(PORNIX_STREAM_CONTEXT Stream);
 VOID OrnixGetStreamProperty(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID VideoStreamGetConnectionProperty(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID VideoStreamGetDroppedFramesProperty(PHW_STREAM_REQUEST_BLOCK Srb);

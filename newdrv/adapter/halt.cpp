@@ -20,7 +20,7 @@ VOID OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext) {
             continue;
         }
         if (stream->State == KSSTATE_RUN) {
-            InterlockedExchange(&stream->StartDelayed, 0);
+            StreamDisarmDelayedStart(stream);
             StreamStop(Ext, stream);
             StreamSetKsState(stream, KSSTATE_PAUSE);
             DbgPrint(ORNIX_PREFIX "S# %d is paused.\n", i);

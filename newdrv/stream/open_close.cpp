@@ -34,6 +34,7 @@ NTSTATUS StreamInitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber
     KeInitializeEvent(&stream->DriverReadyEvent, NotificationEvent, FALSE);
     KeInitializeEvent(&stream->DrainEvent, NotificationEvent, FALSE);
     KeInitializeEvent(&stream->AbortEvent, NotificationEvent, FALSE);
+    KeInitializeEvent(&stream->DelayedStartDone, NotificationEvent, TRUE);
 
     for (ULONG i = 0; i < ORNIX_STREAM_TRANSFERS; i++) {
         stream->TransferContexts[i].Stream = stream;
@@ -100,7 +101,7 @@ NTSTATUS StreamClose(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb) {
     DbgPrint(ORNIX_PREFIX "StreamClose on stream # %d\n", number);
 
     if (stream->State == KSSTATE_RUN) {
-        InterlockedExchange(&stream->StartDelayed, 0);
+        StreamDisarmDelayedStart(stream);
         StreamStop(Ext, stream);
         StreamSetKsState(stream, KSSTATE_PAUSE);
     }

@@ -96,8 +96,8 @@ VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb) {
 
     // The delayed capture start: the stream begins once the queue is full.
     // Only one reader may take the start.
-    if (full && InterlockedCompareExchange(&stream->StartDelayed, 0, 1) == 1) {
-        StreamStart(ext, stream);
+    if (full) {
+        StreamTakeDelayedStart(ext, stream);
     }
     if (stream->StreamNumber == ORNIX_STILL_STREAM &&
         InterlockedCompareExchange(&stream->OutstandingReads, 0, 0) == 1 &&

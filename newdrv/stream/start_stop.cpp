@@ -42,6 +42,40 @@ NTSTATUS StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
     return status;
 }
 
+// The delayed capture start. StartDelayed moves from NONE to WAITING when the
+// capture stream enters RUN with an empty queue, from WAITING to STARTING
+// when the read that fills the queue takes the start, and back to NONE when
+// the stream leaves RUN. A stop waits for a start under way: otherwise the
+// start could resubmit transfers behind the stop's back, and the resources
+// would be freed under them.
+#define ORNIX_START_NONE 0
+#define ORNIX_START_WAITING 1
+#define ORNIX_START_STARTING 2
+
+// IRQL: up to DISPATCH_LEVEL (the caller holds QueueLock).
+VOID StreamArmDelayedStart(PORNIX_STREAM_CONTEXT Stream) {
+    KeResetEvent(&Stream->DelayedStartDone);
+    InterlockedExchange(&Stream->StartDelayed, ORNIX_START_WAITING);
+}
+
+// IRQL: PASSIVE_LEVEL (the start writes a camera register). Only one reader
+// takes the start.
+VOID StreamTakeDelayedStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
+    if (InterlockedCompareExchange(&Stream->StartDelayed, ORNIX_START_STARTING,
+                                   ORNIX_START_WAITING) != ORNIX_START_WAITING) {
+        return;
+    }
+    StreamStart(Ext, Stream);
+    KeSetEvent(&Stream->DelayedStartDone, 0, FALSE);
+}
+
+// IRQL: PASSIVE_LEVEL (may wait for the reader's start to finish).
+VOID StreamDisarmDelayedStart(PORNIX_STREAM_CONTEXT Stream) {
+    if (InterlockedExchange(&Stream->StartDelayed, ORNIX_START_NONE) == ORNIX_START_STARTING) {
+        KeWaitForSingleObject(&Stream->DelayedStartDone, Executive, KernelMode, FALSE, NULL);
+    }
+}
+
 // IRQL: PASSIVE_LEVEL (waits for the transfers). STATUS_SUCCESS when nothing
 // was pending at the last look.
 NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {

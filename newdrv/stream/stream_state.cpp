@@ -33,7 +33,7 @@ static NTSTATUS StreamRunRule(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT S
     KeAcquireSpinLock(&Stream->QueueLock, &irql);
     BOOLEAN empty = Stream->ReadHead == Stream->ReadTail;
     if (Stream->StreamNumber == ORNIX_CAPTURE_STREAM && empty) {
-        InterlockedExchange(&Stream->StartDelayed, 1);
+        StreamArmDelayedStart(Stream);
     }
     KeReleaseSpinLock(&Stream->QueueLock, irql);
     if (Stream->StreamNumber != ORNIX_CAPTURE_STREAM || !empty) {
@@ -72,7 +72,7 @@ static NTSTATUS StreamLeaveStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT
 // leaves the stream in RUN, and the next request stops it again.
 static NTSTATUS StreamLeaveRun(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
                                KSSTATE Requested) {
-    InterlockedExchange(&Stream->StartDelayed, 0);
+    StreamDisarmDelayedStart(Stream);
     NTSTATUS status = StreamStop(Ext, Stream);
     if (!NT_SUCCESS(status)) {
         return status;
