@@ -229,7 +229,9 @@ TEST_F(RequestControlTest, ACancelRoutineThatCompletesWhatItDoesNotHoldIsCaught)
 }
 
 TEST_F(RequestControlTest, TheTimeoutHandlerRunsOncePerSendingWhenItsCounterRunsOut) {
-    winsim::SetTimeScale(20.0);  // a second is 50 ms: the deadlines stay apart
+    // A second is 100 ms: the deadlines stay apart, and the test thread has a
+    // real second to complete `done` before its counter would run out.
+    winsim::SetTimeScale(10.0);
     auto pin = winsim::Pin::Open(*sc_, Options(0));
     ASSERT_NE(pin, nullptr);
     auto off = pin->SubmitRead(), two = pin->SubmitRead(), fifteen = pin->SubmitRead(),
@@ -237,6 +239,7 @@ TEST_F(RequestControlTest, TheTimeoutHandlerRunsOncePerSendingWhenItsCounterRuns
     off->Srb()->TimeoutCounter = 0;
     two->Srb()->TimeoutCounter = 2;
     twenty->Srb()->TimeoutCounter = 20;
+    done->Srb()->TimeoutCounter = 10;
     // Completed reads are not counted down.
     ASSERT_EQ(TakeRead(0), off->Srb());
     ASSERT_EQ(TakeRead(0), two->Srb());
