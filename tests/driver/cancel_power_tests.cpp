@@ -1,7 +1,10 @@
 // Cancellation of requests (in the read queue, in the bulk engine, and of
 // requests that are not reads) and device power transitions.
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <mutex>
 
 #include "kernel/kernel.h"
 #include "stream_fixture.h"
@@ -16,8 +19,11 @@ constexpr ULONG kCapture = ORNIX_CAPTURE_STREAM;
 
 class CancelTest : public StreamingTest {
   protected:
-    // As the stream class does when the application cancels the request.
-    void Cancel(PHW_STREAM_REQUEST_BLOCK srb) {
+    // The application cancels an outstanding read through the stream class.
+    void Cancel(PHW_STREAM_REQUEST_BLOCK srb) { EXPECT_TRUE(Class().CancelSrb(srb)); }
+    // The stream class's cancel call as it is made, for requests that are
+    // not the class's own.
+    void CallCancelRoutine(PHW_STREAM_REQUEST_BLOCK srb) {
         winsim::RunAtIrql(DISPATCH_LEVEL, [&] { Class().Registration().HwCancelPacket(srb); });
     }
     // The reads in the stream's ring, oldest first.
@@ -125,7 +131,7 @@ TEST_F(CancelTest, RequestsOtherThanReadsAreLeftAlone) {
         other.Command = command;
         other.StreamObject = pin->StreamObject();
         winsim::ClearDebugLog();
-        Cancel(&other);
+        CallCancelRoutine(&other);
         char entry[64];
         std::snprintf(entry, sizeof entry, "ORNIX: **OrnixCancelPacket**, SRB:0x%08x",
                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(&other)));
@@ -133,6 +139,45 @@ TEST_F(CancelTest, RequestsOtherThanReadsAreLeftAlone) {
     }
     EXPECT_EQ(Ring(kCapture), std::vector<PHW_STREAM_REQUEST_BLOCK>{read->Srb()});
     EXPECT_FALSE(read->Completed());
+}
+
+// A read kept waiting past its time is reported by the time-out handler,
+// which neither completes it nor gives it more time: it stays queued and a
+// cancel still brings it back.
+TEST_F(CancelTest, AReadPastItsTimeIsReportedAndStaysQueued) {
+    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture);
+    ASSERT_TRUE(pin);
+    ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+    ASSERT_EQ(pin->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    char line[64];
+    std::mutex mutex;
+    std::condition_variable reported;
+    bool seen = false;
+    std::shared_ptr<PinRead> read = pin->SubmitRead();
+    std::snprintf(line, sizeof line, "ORNIX: **OrnixTimeoutPacket**: 0x%08x",
+                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(read->Srb())));
+    winsim::SetDebugSink([&](std::string_view text) {
+        if (text.find(line) != std::string_view::npos) {
+            std::lock_guard lock(mutex);
+            seen = true;
+            reported.notify_all();
+        }
+    });
+    EXPECT_EQ(read->Srb()->TimeoutCounter, 15u);  // a capture frame is due well within 15 s
+    read->Srb()->TimeoutCounter = 1;              // the test need not wait that long
+    {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(reported.wait_for(lock, std::chrono::duration<double>(kPatience),
+                                      [&] { return seen; }));
+    }
+    winsim::SetDebugSink({});
+    EXPECT_EQ(Class().TimeoutsReported(), 1u);
+    EXPECT_FALSE(read->Completed());
+    EXPECT_EQ(Ring(kCapture), std::vector<PHW_STREAM_REQUEST_BLOCK>{read->Srb()});
+    Cancel(read->Srb());
+    std::optional<PinFrame> cancelled = read->Wait(kPatience);
+    ASSERT_TRUE(cancelled);
+    EXPECT_EQ(cancelled->status, STATUS_CANCELLED);
 }
 
 // ---------------------------------------------------------------- power
@@ -177,6 +222,47 @@ TEST_F(PowerTest, TransitionsFollowTheTable) {
         EXPECT_EQ(Logged("ORNIX: fpga is already programmed!!"), step.fpgaLooked);
         EXPECT_FALSE(Logged("ORNIX: **Cam Driver Failed"));
     }
+}
+
+}  // namespace
+}  // namespace ornixtest
+
+namespace ornixtest {
+namespace {
+
+// A camera whose FPGA forgets its configuration when the bus cuts its power.
+class PowerLossTest : public StreamingTest {
+  protected:
+    ornixcam::Profile CameraProfile() const override {
+        ornixcam::Profile profile = ornixcam::DefaultProfile();
+        profile.power.losesFpgaInD3 = true;
+        return profile;
+    }
+};
+
+// D3 and back reloads the FPGA the camera lost, once, and the camera then
+// streams as before; D2 and back touches nothing.
+TEST_F(PowerLossTest, BackFromD3TheFpgaIsReloadedAndFramesFlowAgain) {
+    const uint64_t configured = Camera().FpgaConfigurations();
+    for (DEVICE_POWER_STATE state : {PowerDeviceD2, PowerDeviceD0}) {
+        EXPECT_EQ(Class().SetDevicePowerState(state).status, STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Camera().FpgaConfigurations(), configured);
+    EXPECT_TRUE(Camera().FpgaConfigured());
+
+    EXPECT_EQ(Class().SetDevicePowerState(PowerDeviceD3).status, STATUS_SUCCESS);
+    EXPECT_FALSE(Camera().FpgaConfigured());
+    winsim::ClearDebugLog();
+    EXPECT_EQ(Class().SetDevicePowerState(PowerDeviceD0).status, STATUS_SUCCESS);
+    EXPECT_TRUE(Logged("ORNIX: Switching from D3 to D0"));
+    EXPECT_FALSE(Logged("ORNIX: fpga is already programmed!!"));
+    EXPECT_TRUE(Camera().FpgaConfigured());
+    EXPECT_EQ(Camera().FpgaConfigurations(), configured + 1);
+
+    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture);
+    ASSERT_TRUE(pin);
+    ASSERT_EQ(pin->Run(), STATUS_SUCCESS);
+    TakeFrames(*pin, kCapture, 3);
 }
 
 }  // namespace
