@@ -1,0 +1,19 @@
+// What a stress run is told from outside: the seed of its random decisions,
+// how long it runs and how long the watchdog lets it stand still.
+#pragma once
+
+#include <cstdint>
+
+namespace ornixstress {
+
+struct StressSettings {
+    uint64_t seed = 0;    // ORNIX_STRESS_SEED, else random
+    double seconds = 20;  // ORNIX_STRESS_SECONDS: rounds start until this much real time passed
+    double watchdogSeconds =
+        60;  // ORNIX_STRESS_WATCHDOG_SECONDS: longest real time without progress
+};
+
+// Reads the environment once; an unreadable value stops the run with a message.
+const StressSettings& Settings();
+
+}  // namespace ornixstress
