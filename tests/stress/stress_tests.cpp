@@ -155,6 +155,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
     const uint64_t roundNumber = run_.rounds;
     KSSTATE state = KSSTATE_RUN;  // as the pin's last accepted request left it
     bool holding = false;         // NextFrame handed out a frame not yet given back
+    bool settled = false;         // stopped, and this run's statistics added up
 
     auto changeState = [&](KSSTATE to) {
         ++tally.stateChanges;
@@ -186,6 +187,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
         // back at once, empty: not a frame, and not seen here.
         ++tally.stops;
         tally.AddDriver(Statistics(number));
+        settled = true;
         party.Progress("stopped");
     };
 
@@ -231,6 +233,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                 const NTSTATUS status = pin.Run();
                 ++tally.stateChanges;
                 holding = false;
+                settled = false;
                 state = NT_SUCCESS(status) ? KSSTATE_RUN : pin.GetState();
                 if (!NT_SUCCESS(status)) {
                     ++tally.stateRefusals;
@@ -250,6 +253,9 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
     {
         std::shared_lock lock(round.stateChanges);
         if (!round.removed.load()) {
+            if (settled) {
+                return;
+            }
             if (state == KSSTATE_RUN) {
                 changeState(KSSTATE_PAUSE);
             }
@@ -258,6 +264,10 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                 return;
             }
         }
+    }
+    if (settled) {
+        party.Progress("finished");
+        return;  // stopped before the removal: nothing was out
     }
     party.Doing("waiting for every read after the removal");
     while (pin.ReadsOutstanding() != 0) {
