@@ -14,6 +14,7 @@
 // ORNIX_STRESS_SEED reproduces a run's decisions (not the threads'
 // interleaving), ORNIX_STRESS_SECONDS makes it longer (docs/testing.md).
 #include <chrono>
+#include <condition_variable>
 #include <cinttypes>
 #include <cstdio>
 #include <mutex>
@@ -113,6 +114,28 @@ class StressTest : public StreamingTest {
         // State changes and the removal exclude each other: the statistics
         // must be read before a request made after the removal clears them.
         std::shared_mutex stateChanges;
+        // Frames the pins took, so that faults follow the frames rather than
+        // the clock: a slow build gets as many frames between faults as a
+        // fast one.
+        std::mutex framesMutex;
+        std::condition_variable framesTaken;
+        uint64_t frames = 0;
+
+        void NoteFrame() {
+            {
+                std::lock_guard lock(framesMutex);
+                ++frames;
+            }
+            framesTaken.notify_all();
+        }
+        // Waits for a frame after the `seen`-th, a short real time at most
+        // (a paused or stopped pin takes none); returns the frames taken.
+        uint64_t AwaitFrameAfter(uint64_t seen) {
+            std::unique_lock lock(framesMutex);
+            framesTaken.wait_for(lock, std::chrono::milliseconds(50),
+                                 [&] { return frames > seen; });
+            return frames;
+        }
     };
 
     void DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& round, Random random,
@@ -199,6 +222,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
             if (frame) {
                 holding = true;
                 TakeFrame(number, *frame, tally, roundNumber);
+                round.NoteFrame();
                 party.Progress("took a frame");
             }
         }
@@ -358,6 +382,7 @@ void StressTest::Remove(Round& round) {
 // short real-time pauses so that the pins' threads get between them.
 void StressTest::Control(Round& round, Random& random, uint64_t actions,
                          std::optional<uint64_t> removeAt, Watchdog::Party& party) {
+    uint64_t framesSeen = 0;
     for (uint64_t action = 0; action < actions; ++action) {
         std::this_thread::sleep_for(std::chrono::microseconds(Pick(random, 3000)));
         party.Progress("acting on the round");
@@ -374,6 +399,8 @@ void StressTest::Control(Round& round, Random& random, uint64_t actions,
             Camera().TriggerStill();
             ++run_.stillTriggers;
         } else if (choice < 9) {
+            party.Doing("waiting for a frame before the next fault");
+            framesSeen = round.AwaitFrameAfter(framesSeen);
             InjectFault(random, removeAt.has_value());
         } else {
             // HOOK(power): with StreamClass::SetDevicePowerState, a D3 and back to D0 here.
