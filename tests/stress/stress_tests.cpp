@@ -119,22 +119,22 @@ class StressTest : public StreamingTest {
         // fast one.
         std::mutex framesMutex;
         std::condition_variable framesTaken;
-        uint64_t frames = 0;
+        uint64_t frames[2] = {};
 
-        void NoteFrame() {
+        void NoteFrame(ULONG pin) {
             {
                 std::lock_guard lock(framesMutex);
-                ++frames;
+                ++frames[pin];
             }
             framesTaken.notify_all();
         }
-        // Waits for a frame after the `seen`-th, a short real time at most
-        // (a paused or stopped pin takes none); returns the frames taken.
-        uint64_t AwaitFrameAfter(uint64_t seen) {
+        // Waits for a frame of `pin` after its `seen`-th, a short real time
+        // at most (a paused or stopped pin takes none); returns its frames.
+        uint64_t AwaitFrameAfter(ULONG pin, uint64_t seen) {
             std::unique_lock lock(framesMutex);
-            framesTaken.wait_for(lock, std::chrono::milliseconds(50),
-                                 [&] { return frames > seen; });
-            return frames;
+            framesTaken.wait_for(lock, std::chrono::milliseconds(10),
+                                 [&] { return frames[pin] > seen; });
+            return frames[pin];
         }
     };
 
@@ -143,7 +143,7 @@ class StressTest : public StreamingTest {
     void TakeFrame(ULONG number, const PinFrame& frame, PinTally& tally, uint64_t round);
     void Control(Round& round, Random& random, uint64_t actions, std::optional<uint64_t> removeAt,
                  Watchdog::Party& party);
-    void InjectFault(Random& random, bool removalAhead);
+    void InjectFault(Random& random, ULONG pin, bool removalAhead);
     void Remove(Round& round);
     void CheckRound(uint64_t round, const PinTally (&tallies)[2], const FaultTally (&faults)[2],
                     const uint64_t (&framesStarted)[2]);
@@ -222,7 +222,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
             if (frame) {
                 holding = true;
                 TakeFrame(number, *frame, tally, roundNumber);
-                round.NoteFrame();
+                round.NoteFrame(number);
                 party.Progress("took a frame");
             }
         }
@@ -307,8 +307,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
     party.Progress("finished");
 }
 
-void StressTest::InjectFault(Random& random, bool removalAhead) {
-    const ULONG pin = Pick(random, 3) == 0 ? kStill : kCapture;
+void StressTest::InjectFault(Random& random, ULONG pin, bool removalAhead) {
     FaultTally& tally = roundFaults_[pin];
     const uint32_t count = static_cast<uint32_t>(1 + Pick(random, 3));
     FaultRule rule{.kind = RequestKind::BulkOrInterrupt,
@@ -382,7 +381,7 @@ void StressTest::Remove(Round& round) {
 // short real-time pauses so that the pins' threads get between them.
 void StressTest::Control(Round& round, Random& random, uint64_t actions,
                          std::optional<uint64_t> removeAt, Watchdog::Party& party) {
-    uint64_t framesSeen = 0;
+    uint64_t framesSeen[2] = {};
     for (uint64_t action = 0; action < actions; ++action) {
         std::this_thread::sleep_for(std::chrono::microseconds(Pick(random, 3000)));
         party.Progress("acting on the round");
@@ -399,9 +398,10 @@ void StressTest::Control(Round& round, Random& random, uint64_t actions,
             Camera().TriggerStill();
             ++run_.stillTriggers;
         } else if (choice < 9) {
+            const ULONG pin = Pick(random, 3) == 0 ? kStill : kCapture;
             party.Doing("waiting for a frame before the next fault");
-            framesSeen = round.AwaitFrameAfter(framesSeen);
-            InjectFault(random, removeAt.has_value());
+            framesSeen[pin] = round.AwaitFrameAfter(pin, framesSeen[pin]);
+            InjectFault(random, pin, removeAt.has_value());
         } else {
             // HOOK(power): with StreamClass::SetDevicePowerState, a D3 and back to D0 here.
         }
@@ -456,7 +456,7 @@ void StressTest::RunRound(uint64_t round, Watchdog& watchdog) {
         frameSize_[number] = Stream(number)->FrameSize;
         ASSERT_EQ(pins[number]->Run(), STATUS_SUCCESS);
     }
-    const uint64_t actions = 200 + Pick(random, 800);
+    const uint64_t actions = 100 + Pick(random, 400);
     std::optional<uint64_t> removeAt;
     if (Chance(random, 0.6)) {
         removeAt = Pick(random, actions);
