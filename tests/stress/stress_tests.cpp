@@ -226,6 +226,10 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                 party.Progress("took a frame");
             }
         }
+        if (state != KSSTATE_RUN) {
+            // A paused or stopped pin stays so for a little while.
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
         if (!Chance(random, number == kCapture ? 0.03 : 0.1)) {
             continue;
         }
@@ -256,11 +260,15 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                 party.Doing("starting the stream");
                 const NTSTATUS status = pin.Run();
                 ++tally.stateChanges;
-                holding = false;
-                settled = false;
                 state = NT_SUCCESS(status) ? KSSTATE_RUN : pin.GetState();
                 if (!NT_SUCCESS(status)) {
                     ++tally.stateRefusals;
+                }
+                // Run sends the reads once the stream is in PAUSE; refused
+                // before, it touched neither the reads nor the statistics.
+                if (state != KSSTATE_STOP) {
+                    holding = false;
+                    settled = false;
                 }
                 party.Progress("started the stream");
                 break;
