@@ -16,6 +16,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cinttypes>
+#include <map>
+#include <string>
 #include <cstdio>
 #include <mutex>
 #include <random>
@@ -52,6 +54,14 @@ bool Chance(Random& random, double probability) {
     return std::uniform_real_distribution<double>(0, 1)(random) < probability;
 }
 
+std::string Refusal(KSSTATE from, KSSTATE to, NTSTATUS status) {
+    static const char* const names[] = {"STOP", "ACQUIRE", "PAUSE", "RUN"};
+    char text[64];
+    std::snprintf(text, sizeof text, "%s -> %s: 0x%08X", names[from], names[to],
+                  static_cast<unsigned>(status));
+    return text;
+}
+
 // What one pin received, as the application sees it, and what its driver
 // stream counted: the statistics start afresh whenever the stream leaves
 // KSSTATE_STOP, so they are read at each arrival in STOP (every read back,
@@ -62,6 +72,7 @@ struct PinTally {
     uint64_t failed = 0;   // reads that came back with an error status
     uint64_t partial = 0;  // successful reads with part of a frame: never allowed
     uint64_t stateChanges = 0, stateRefusals = 0, stops = 0, cancels = 0;
+    std::map<std::string, uint64_t> refusals;  // "PAUSE -> RUN: 0x...": how often
     ORNIX_STREAM_STATISTICS driver{};
 
     void AddDriver(const ORNIX_STREAM_STATISTICS& s) {
@@ -187,6 +198,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
         party.Progress("changed the stream state");
         if (!NT_SUCCESS(status)) {
             ++tally.stateRefusals;
+            ++tally.refusals[Refusal(state, to, status)];
             return false;
         }
         state = to;
@@ -263,6 +275,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                 state = NT_SUCCESS(status) ? KSSTATE_RUN : pin.GetState();
                 if (!NT_SUCCESS(status)) {
                     ++tally.stateRefusals;
+                    ++tally.refusals[Refusal(KSSTATE_STOP, KSSTATE_RUN, status)];
                 }
                 // Run sends the reads once the stream is in PAUSE; refused
                 // before, it touched neither the reads nor the statistics.
@@ -513,6 +526,9 @@ void StressTest::RunRound(uint64_t round, Watchdog& watchdog) {
         total.stateChanges += t.stateChanges;
         total.stateRefusals += t.stateRefusals;
         total.stops += t.stops;
+        for (const auto& [what, count] : t.refusals) {
+            total.refusals[what] += count;
+        }
         total.cancels += t.cancels;
         total.AddDriver(t.driver);
         FaultTally& f = run_.faults[pin];
@@ -542,6 +558,9 @@ void StressTest::PrintSummary(uint64_t poolBlocks) const {
                     "); cancels %" PRIu64 "\n",
                     pin == kCapture ? "capture" : "still", t.Completed(), t.whole, t.empty,
                     t.failed, t.partial, t.stateChanges, t.stateRefusals, t.stops, t.cancels);
+        for (const auto& [what, count] : t.refusals) {
+            std::printf("[stress]   refused %s: %" PRIu64 " times\n", what.c_str(), count);
+        }
         std::printf("[stress]   driver: captured %" PRIu64 ", dropped %" PRIu64 ", short %" PRIu64
                     ", xact %" PRIu64 ", babble %" PRIu64 ", other %" PRIu64 "\n",
                     uint64_t(t.driver.ActualFramesCaptured), uint64_t(t.driver.ActualFramesDropped),
