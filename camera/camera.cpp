@@ -363,6 +363,39 @@ uint32_t Camera::FpgaImageTransfers() const {
     return fpga_.ImageTransfers();
 }
 
+uint64_t Camera::FpgaConfigurations() const {
+    std::lock_guard lock(mutex_);
+    return fpga_.Configurations();
+}
+
+bool Camera::Powered() const {
+    std::lock_guard lock(mutex_);
+    return powered_;
+}
+
+uint64_t Camera::PowerLosses() const {
+    std::lock_guard lock(mutex_);
+    return powerLosses_;
+}
+
+void Camera::SetPowered(bool powered) {
+    std::lock_guard lock(mutex_);
+    if (powered == powered_) {
+        return;
+    }
+    powered_ = powered;
+    if (powered) {
+        return;  // the camera wakes as it was left, minus what the loss took
+    }
+    ++powerLosses_;
+    // The sensor and the frame logic stop; the host must start them again.
+    capture_->Stop();
+    still_->Stop();
+    if (profile_.power.losesFpgaInD3) {
+        fpga_.LosePower();
+    }
+}
+
 uint8_t Camera::PeekEeprom(uint8_t busAddress, uint16_t offset) const {
     std::lock_guard lock(mutex_);
     return eeproms_.Peek(busAddress, offset);

@@ -50,6 +50,10 @@ class Camera final : public usbsim::UsbDevice {
     Result Transfer(uint8_t endpointAddress, std::span<uint8_t> data) override;
     void SetReadyCallback(std::function<void(uint8_t endpointAddress)> ready) override;
     usbsim::BusSpeed Speed() const override { return profile_.device.speed; }
+    // Losing power (D3) stops streaming and, with the profile's
+    // power.losesFpgaInD3, drops the FPGA's configuration; registers, the
+    // USB configuration and the product data stay.
+    void SetPowered(bool powered) override;
 
     const Profile& GetProfile() const { return profile_; }
 
@@ -66,6 +70,11 @@ class Camera final : public usbsim::UsbDevice {
     bool FpgaProgramMode() const;
     bool FpgaConfigured() const;          // ignores a busy count not yet used up
     uint32_t FpgaImageTransfers() const;  // since program mode was last entered
+    // Complete downloads that configured the FPGA: 2 after a reload.
+    uint64_t FpgaConfigurations() const;
+    bool Powered() const;
+    // Times the camera lost its power.
+    uint64_t PowerLosses() const;
     // The bulk-out endpoint that carries the FPGA image and its alternate
     // setting: the first bulk-out endpoint in descriptor order, if any.
     std::optional<std::pair<uint8_t, uint8_t>> FpgaEndpoint() const { return fpgaEndpoint_; }
@@ -179,6 +188,8 @@ class Camera final : public usbsim::UsbDevice {
     std::unique_ptr<VideoEndpoint> still_;
     std::vector<uint8_t> signalAfterUnlock_;  // endpoints to wake once the lock is released
     size_t nextStillTrigger_ = 0;
+    bool powered_ = true;
+    uint64_t powerLosses_ = 0;
     std::function<int64_t()> now100ns_;
     std::function<std::chrono::steady_clock::time_point(int64_t)> realTimeAt_;
     ReadyTimer timer_;  // last: its thread calls into the members above

@@ -58,6 +58,9 @@ constexpr std::string_view kDefaultProfileJson = R"json(
     "version": "0x00010203",
     "image": "expected"
   },
+  "power": {
+    "losesFpgaInD3": false
+  },
   "productData": {
     "mappingType": 1,
     "refuseMappingQuery": false,

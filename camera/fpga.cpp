@@ -27,9 +27,20 @@ WriteOutcome Fpga::OnModeWrite(const RegisterWrite& write) {
     } else if (write.value == reg::kFpgaLeaveProgramMode && programMode_) {
         programMode_ = false;
         configured_ = transfers_ == 1 && imageAccepted_;
+        if (configured_) {
+            ++configurations_;
+        }
     }
     // The register reads back status, never the command written.
     return WriteOutcome::Discard;
+}
+
+void Fpga::LosePower() {
+    programMode_ = false;
+    configured_ = false;
+    imageAccepted_ = false;
+    transfers_ = 0;
+    busyLeft_ = 0;
 }
 
 uint32_t Fpga::OnModeRead() {

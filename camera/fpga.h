@@ -28,9 +28,15 @@ class Fpga {
     // A bulk-out transfer on the download endpoint.
     void OnImageTransfer(std::span<const uint8_t> bytes);
 
+    // The FPGA lost its power: its configuration and any download under way
+    // are gone.
+    void LosePower();
+
     bool ProgramMode() const { return programMode_; }
     bool Configured() const { return configured_ && busyLeft_ == 0; }
     uint32_t ImageTransfers() const { return transfers_; }
+    // Downloads that configured the FPGA (a configuration at power-up is none).
+    uint64_t Configurations() const { return configurations_; }
 
   private:
     const FpgaProfile profile_;
@@ -40,6 +46,7 @@ class Fpga {
     bool imageAccepted_ = false;
     uint32_t transfers_ = 0;  // since program mode was entered
     uint32_t busyLeft_ = 0;
+    uint64_t configurations_ = 0;
 };
 
 // The release-0 configuration image, the one the FPGA accepts by default.

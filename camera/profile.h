@@ -113,6 +113,17 @@ struct FpgaProfile {
     bool operator==(const FpgaProfile&) const = default;
 };
 
+// What the camera loses when the bus cuts its power (device state D3).
+// Streaming always stops; the registers, kept by the USB controller, always
+// stay.
+struct PowerProfile {
+    // The FPGA's configuration lives in volatile memory: after D3 the mode
+    // register reads unconfigured and the image must be downloaded again.
+    bool losesFpgaInD3 = false;
+
+    bool operator==(const PowerProfile&) const = default;
+};
+
 // One section of the product data: its id and payload, laid out behind a
 // 4-byte header.
 struct ProductDataSection {
@@ -227,8 +238,8 @@ struct EventsProfile {
 
 // The video endpoints: what frames show and how they are timed.
 struct VideoProfile {
-    bool pacing = true;    // false: every frame is there at once
-    bool scene = false;    // a picture for people instead of the test pattern
+    bool pacing = true;                     // false: every frame is there at once
+    bool scene = false;                     // a picture for people instead of the test pattern
     std::vector<uint32_t> stillTriggersMs;  // external triggers, ascending
 
     bool operator==(const VideoProfile&) const = default;
@@ -241,6 +252,7 @@ struct Profile {
     std::map<uint8_t, std::u16string> strings;   // index -> text
     ConfigurationProfile configuration;
     FpgaProfile fpga;
+    PowerProfile power;
     ProductDataProfile productData;
     std::vector<FormatBankProfile> formatBanks;
     std::map<uint8_t, PropertyRecordProfile> properties;  // record number -> record

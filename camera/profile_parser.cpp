@@ -65,6 +65,14 @@ void ParseDevice(const json& object, DeviceProfile& device) {
     }
 }
 
+void ParsePower(const json& object, PowerProfile& power) {
+    const std::string path = "power";
+    json_values::RequireFields(object, path, {"losesFpgaInD3"});
+    if (auto it = object.find("losesFpgaInD3"); it != object.end()) {
+        power.losesFpgaInD3 = json_values::Bool(*it, Path(path, "losesFpgaInD3"));
+    }
+}
+
 void ParseHostController(const json& object, HostControllerProfile& host) {
     const std::string path = "hostController";
     json_values::RequireFields(object, path, {"shortInTransfer"});
@@ -318,9 +326,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     const json root = ParseText(text);
     json_values::RequireFields(
         root, "",
-        {"name", "description", "device", "strings", "configuration", "fpga", "productData",
-         "formatBanks", "properties", "registers", "registerAccess", "rawDescriptors", "quirks",
-         "registry", "hostController", "events", "video"});
+        {"name", "description", "device", "strings", "configuration", "fpga", "power",
+         "productData", "formatBanks", "properties", "registers", "registerAccess",
+         "rawDescriptors", "quirks", "registry", "hostController", "events", "video"});
     Mentions valueMentions;
     Mentions quirkMentions;
     if (auto it = root.find("name"); it != root.end()) {
@@ -340,6 +348,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     }
     if (auto it = root.find("fpga"); it != root.end()) {
         ParseFpga(*it, profile.fpga);
+    }
+    if (auto it = root.find("power"); it != root.end()) {
+        ParsePower(*it, profile.power);
     }
     if (auto it = root.find("productData"); it != root.end()) {
         ParseProductData(*it, profile.productData, baseDirectory);

@@ -27,6 +27,9 @@ ORNIX_SIZE(struct _URB_PIPE_REQUEST, 40);
 ORNIX_SIZE(struct _URB_SELECT_CONFIGURATION, 88);
 ORNIX_SIZE(USBD_INTERFACE_INFORMATION, 48);  // 24 + 24 for one pipe
 ORNIX_SIZE(USBD_PIPE_INFORMATION, 24);
+// A power IRP's Parameters.Power: pointer-aligned fields after the 4 bytes of codes.
+ORNIX_OFFSET(IO_STACK_LOCATION, Parameters.Power.Type, 16);
+ORNIX_OFFSET(IO_STACK_LOCATION, Parameters.Power.State, 24);
 #else
 // x86: 4-byte pointers; LONGLONG members still 8-byte aligned.
 ORNIX_SIZE(HW_INITIALIZATION_DATA, 60);
@@ -43,4 +46,6 @@ ORNIX_SIZE(struct _URB_PIPE_REQUEST, 24);
 ORNIX_SIZE(struct _URB_SELECT_CONFIGURATION, 60);
 ORNIX_SIZE(USBD_INTERFACE_INFORMATION, 36);  // 16 + 20 for one pipe
 ORNIX_SIZE(USBD_PIPE_INFORMATION, 20);
+ORNIX_OFFSET(IO_STACK_LOCATION, Parameters.Power.Type, 8);
+ORNIX_OFFSET(IO_STACK_LOCATION, Parameters.Power.State, 12);
 #endif

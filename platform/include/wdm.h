@@ -122,8 +122,7 @@ FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile* a, LONG v) {
     return __atomic_fetch_add(a, v, __ATOMIC_SEQ_CST);
 }
 FORCEINLINE LONG InterlockedCompareExchange(LONG volatile* a, LONG exchange, LONG comparand) {
-    __atomic_compare_exchange_n(a, &comparand, exchange, false, __ATOMIC_SEQ_CST,
-                                __ATOMIC_SEQ_CST);
+    __atomic_compare_exchange_n(a, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return comparand;
 }
 FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile* a, PVOID v) {
@@ -131,8 +130,7 @@ FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile* a, PVOID v) {
 }
 FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* a, PVOID exchange,
                                                     PVOID comparand) {
-    __atomic_compare_exchange_n(a, &comparand, exchange, false, __ATOMIC_SEQ_CST,
-                                __ATOMIC_SEQ_CST);
+    __atomic_compare_exchange_n(a, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return comparand;
 }
 
@@ -234,8 +232,8 @@ struct _DRIVER_OBJECT;
 struct _IRP;
 struct _FILE_OBJECT;
 
-typedef NTSTATUS NTAPI IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT* DeviceObject,
-                                             struct _IRP* Irp, PVOID Context);
+typedef NTSTATUS NTAPI IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp,
+                                             PVOID Context);
 typedef IO_COMPLETION_ROUTINE* PIO_COMPLETION_ROUTINE;
 typedef void NTAPI DRIVER_CANCEL(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp);
 typedef DRIVER_CANCEL* PDRIVER_CANCEL;
@@ -273,6 +271,58 @@ typedef DRIVER_ADD_DEVICE* PDRIVER_ADD_DEVICE;
 #define SL_INVOKE_ON_SUCCESS 0x40
 #define SL_INVOKE_ON_ERROR 0x80
 
+// ---------------------------------------------------------------- power
+typedef enum _DEVICE_POWER_STATE {
+    PowerDeviceUnspecified = 0,
+    PowerDeviceD0,
+    PowerDeviceD1,
+    PowerDeviceD2,
+    PowerDeviceD3,
+    PowerDeviceMaximum
+} DEVICE_POWER_STATE,
+    *PDEVICE_POWER_STATE;
+
+typedef enum _SYSTEM_POWER_STATE {
+    PowerSystemUnspecified = 0,
+    PowerSystemWorking,
+    PowerSystemSleeping1,
+    PowerSystemSleeping2,
+    PowerSystemSleeping3,
+    PowerSystemHibernate,
+    PowerSystemShutdown,
+    PowerSystemMaximum
+} SYSTEM_POWER_STATE,
+    *PSYSTEM_POWER_STATE;
+
+typedef union _POWER_STATE {
+    SYSTEM_POWER_STATE SystemState;
+    DEVICE_POWER_STATE DeviceState;
+} POWER_STATE, *PPOWER_STATE;
+
+typedef enum _POWER_STATE_TYPE {
+    SystemPowerState = 0,
+    DevicePowerState
+} POWER_STATE_TYPE,
+    *PPOWER_STATE_TYPE;
+
+typedef enum _POWER_ACTION {
+    PowerActionNone = 0,
+    PowerActionReserved,
+    PowerActionSleep,
+    PowerActionHibernate,
+    PowerActionShutdown,
+    PowerActionShutdownReset,
+    PowerActionShutdownOff,
+    PowerActionWarmEject
+} POWER_ACTION,
+    *PPOWER_ACTION;
+
+// Minor functions of IRP_MJ_POWER.
+#define IRP_MN_WAIT_WAKE 0x00
+#define IRP_MN_POWER_SEQUENCE 0x01
+#define IRP_MN_SET_POWER 0x02
+#define IRP_MN_QUERY_POWER 0x03
+
 typedef struct _IO_STACK_LOCATION {
     UCHAR MajorFunction;
     UCHAR MinorFunction;
@@ -285,6 +335,12 @@ typedef struct _IO_STACK_LOCATION {
             ULONG DECLSPEC_ALIGN(sizeof(void*)) IoControlCode;
             PVOID Type3InputBuffer;
         } DeviceIoControl;
+        struct {
+            ULONG SystemContext;
+            POWER_STATE_TYPE DECLSPEC_ALIGN(sizeof(void*)) Type;
+            POWER_STATE DECLSPEC_ALIGN(sizeof(void*)) State;
+            POWER_ACTION DECLSPEC_ALIGN(sizeof(void*)) ShutdownType;
+        } Power;
         struct {
             PVOID Argument1;
             PVOID Argument2;
@@ -445,9 +501,12 @@ FORCEINLINE void IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Routine
     n->CompletionRoutine = Routine;
     n->Context = Context;
     n->Control = 0;
-    if (InvokeOnSuccess) n->Control |= SL_INVOKE_ON_SUCCESS;
-    if (InvokeOnError) n->Control |= SL_INVOKE_ON_ERROR;
-    if (InvokeOnCancel) n->Control |= SL_INVOKE_ON_CANCEL;
+    if (InvokeOnSuccess)
+        n->Control |= SL_INVOKE_ON_SUCCESS;
+    if (InvokeOnError)
+        n->Control |= SL_INVOKE_ON_ERROR;
+    if (InvokeOnCancel)
+        n->Control |= SL_INVOKE_ON_CANCEL;
 }
 FORCEINLINE void IoMarkIrpPending(PIRP Irp) {
     IoGetCurrentIrpStackLocation(Irp)->Control |= SL_PENDING_RETURNED;
@@ -464,7 +523,11 @@ void NTAPI MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
 #define MmGetMdlByteCount(m) ((m)->ByteCount)
 #define MmGetSystemAddressForMdl(m) ((m)->MappedSystemVa)
 #define MmGetSystemAddressForMdlSafe(m, p) ((m)->MappedSystemVa)
-typedef enum _MM_PAGE_PRIORITY { LowPagePriority, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
+typedef enum _MM_PAGE_PRIORITY {
+    LowPagePriority,
+    NormalPagePriority = 16,
+    HighPagePriority = 32
+} MM_PAGE_PRIORITY;
 
 // ---------------------------------------------------------------- work items
 typedef void NTAPI WORKER_THREAD_ROUTINE(PVOID Parameter);
@@ -483,10 +546,10 @@ typedef enum _WORK_QUEUE_TYPE {
 } WORK_QUEUE_TYPE;
 
 #define ExInitializeWorkItem(Item, Routine, Context) \
-    do {                                              \
-        (Item)->WorkerRoutine = (Routine);            \
-        (Item)->Parameter = (Context);                \
-        (Item)->List.Flink = NULL;                    \
+    do {                                             \
+        (Item)->WorkerRoutine = (Routine);           \
+        (Item)->Parameter = (Context);               \
+        (Item)->List.Flink = NULL;                   \
     } while (0)
 
 void NTAPI ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType);
@@ -529,16 +592,6 @@ NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                                KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass,
                                PVOID KeyValueInformation, ULONG Length, PULONG ResultLength);
 NTSTATUS NTAPI ZwClose(HANDLE Handle);
-
-// ---------------------------------------------------------------- power
-typedef enum _DEVICE_POWER_STATE {
-    PowerDeviceUnspecified = 0,
-    PowerDeviceD0,
-    PowerDeviceD1,
-    PowerDeviceD2,
-    PowerDeviceD3,
-    PowerDeviceMaximum
-} DEVICE_POWER_STATE, *PDEVICE_POWER_STATE;
 
 // ---------------------------------------------------------------- I/O control codes
 #define CTL_CODE(DeviceType, Function, Method, Access) \

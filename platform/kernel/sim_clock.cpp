@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <mutex>
 #include <stdexcept>
+#include <vector>
 
 namespace winsim::kernel {
 namespace {
@@ -33,7 +34,39 @@ ClockState& State() {
     return *state;
 }
 
+// Untraced like the clock: a change of pace orders no driver threads.
+struct Listeners {
+    UntracedMutex mutex;
+    std::vector<const std::function<void()>*> callbacks;
+};
+
+Listeners& ScaleListeners() {
+    static auto* listeners = new Listeners;
+    return *listeners;
+}
+
+void NotifyScaleListeners() {
+    Listeners& listeners = ScaleListeners();
+    std::lock_guard lock(listeners.mutex);
+    for (const std::function<void()>* callback : listeners.callbacks) {
+        (*callback)();
+    }
+}
+
 }  // namespace
+
+TimeScaleListener::TimeScaleListener(std::function<void()> onChange)
+    : onChange_(std::move(onChange)) {
+    Listeners& listeners = ScaleListeners();
+    std::lock_guard lock(listeners.mutex);
+    listeners.callbacks.push_back(&onChange_);
+}
+
+TimeScaleListener::~TimeScaleListener() {
+    Listeners& listeners = ScaleListeners();
+    std::lock_guard lock(listeners.mutex);
+    std::erase(listeners.callbacks, &onChange_);
+}
 
 Clock::time_point RealTimeAt(int64_t simulated100ns) {
     ClockState& state = State();
@@ -63,6 +96,7 @@ void SetTimeScale(double simulatedPerReal) {
     }
     // Timed waiters recompute their real deadlines.
     kernel::WakeAllWaiters();
+    kernel::NotifyScaleListeners();
 }
 
 double TimeScale() {

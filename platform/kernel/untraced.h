@@ -53,6 +53,25 @@ class UntracedScope {
     UntracedScope& operator=(const UntracedScope&) = delete;
 };
 
+// The calling thread's memory accesses are invisible to the detector for the
+// object's lifetime; its synchronisation still counts. For fields that the
+// platform and the driver both touch without a common lock on Windows too.
+class UnwatchedAccessScope {
+  public:
+    UnwatchedAccessScope() {
+#ifdef WINSIM_TSAN
+        __tsan_ignore_thread_begin();
+#endif
+    }
+    ~UnwatchedAccessScope() {
+#ifdef WINSIM_TSAN
+        __tsan_ignore_thread_end();
+#endif
+    }
+    UnwatchedAccessScope(const UnwatchedAccessScope&) = delete;
+    UnwatchedAccessScope& operator=(const UnwatchedAccessScope&) = delete;
+};
+
 // A mutex whose holder is untraced from lock to unlock: usable with
 // std::lock_guard / std::unique_lock (not with std::condition_variable).
 class UntracedMutex {

@@ -38,8 +38,10 @@ struct ReadSync {
 
 class ReadSlot : public PinRead {
   public:
-    ReadSlot(std::shared_ptr<ReadSync> sync, ULONG headerRoom, ULONG bufferSize)
-        : sync_(std::move(sync)),
+    ReadSlot(StreamClass& streamClass, std::shared_ptr<ReadSync> sync, ULONG headerRoom,
+             ULONG bufferSize)
+        : streamClass_(streamClass),
+          sync_(std::move(sync)),
           header_((headerRoom + sizeof(uint64_t) - 1) / sizeof(uint64_t)),
           headerRoom_(headerRoom),
           buffer_(bufferSize) {}
@@ -56,6 +58,7 @@ class ReadSlot : public PinRead {
         return Frame();
     }
     PHW_STREAM_REQUEST_BLOCK Srb() const override { return srb_; }
+    bool Cancel() override { return streamClass_.CancelSrb(srb_); }
 
     // Called once by the pin, with the SRB the class made for this slot.
     void Attach(PHW_STREAM_REQUEST_BLOCK srb) { srb_ = srb; }
@@ -66,6 +69,7 @@ class ReadSlot : public PinRead {
         sync_->cv.notify_all();
     }
     bool DoneLocked() const { return done_; }
+    uint64_t SequenceLocked() const { return sequence_; }
 
     // Fills the stream header (and the frame information on the capture
     // pin) afresh and marks the read outstanding; the caller sends it.
@@ -117,6 +121,7 @@ class ReadSlot : public PinRead {
         return reinterpret_cast<KS_FRAME_INFO*>(bytes + sizeof(KSSTREAM_HEADER));
     }
 
+    StreamClass& streamClass_;
     std::shared_ptr<ReadSync> sync_;
     PHW_STREAM_REQUEST_BLOCK srb_ = nullptr;
     std::vector<uint64_t> header_;  // 8-byte aligned, as the class's headers are
@@ -177,7 +182,7 @@ struct Pin::Impl {
         const ULONG room = static_cast<ULONG>(
             sizeof(KSSTREAM_HEADER) +
             std::max<size_t>(mediaSpecific, FrameInfoFollows() ? sizeof(KS_FRAME_INFO) : 0));
-        auto slot = std::make_shared<ReadSlot>(sync, room, size);
+        auto slot = std::make_shared<ReadSlot>(streamClass, sync, room, size);
         ReadSlot* raw = slot.get();
         raw->Attach(
             streamClass.CreateDataSrb(stream, SRB_READ_DATA, [raw] { raw->OnCompleted(); }));
@@ -401,6 +406,27 @@ NTSTATUS Pin::Stop() {
         note(STATUS_IO_TIMEOUT);
     }
     return first;
+}
+
+bool Pin::CancelRead(size_t indexFromOldest) {
+    std::vector<ReadSlot*> outstanding;
+    {
+        std::lock_guard lock(impl_->sync->mutex);
+        for (const auto& slot : impl_->slots) {
+            if (!slot->DoneLocked()) {
+                outstanding.push_back(slot.get());
+            }
+        }
+        std::sort(outstanding.begin(), outstanding.end(), [](ReadSlot* a, ReadSlot* b) {
+            return a->SequenceLocked() < b->SequenceLocked();
+        });
+    }
+    if (indexFromOldest >= outstanding.size()) {
+        return false;
+    }
+    // Outside the lock: the minidriver may complete the read inside its
+    // cancel routine.
+    return outstanding[indexFromOldest]->Cancel();
 }
 
 size_t Pin::ReadsOutstanding() const {

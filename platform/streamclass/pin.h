@@ -42,10 +42,10 @@ struct PinOptions {
 // One read request as it came back from the driver.
 struct PinFrame {
     NTSTATUS status = STATUS_PENDING;
-    uint64_t sequence = 0;      // 0 for the first read the pin sent, 1 for the next ...
-    ULONG dataUsed = 0;         // KSSTREAM_HEADER.DataUsed
-    ULONG frameExtent = 0;      // the buffer size
-    ULONG actualBytes = 0;      // the SRB's ActualBytesTransferred
+    uint64_t sequence = 0;         // 0 for the first read the pin sent, 1 for the next ...
+    ULONG dataUsed = 0;            // KSSTREAM_HEADER.DataUsed
+    ULONG frameExtent = 0;         // the buffer size
+    ULONG actualBytes = 0;         // the SRB's ActualBytesTransferred
     int64_t presentationTime = 0;  // KSSTREAM_HEADER.PresentationTime.Time, 100 ns
     ULONG numerator = 0, denominator = 0;
     int64_t duration = 0;       // KSSTREAM_HEADER.Duration
@@ -65,6 +65,9 @@ class PinRead {
     // Waits at most `realSeconds` of real time; nullopt if still pending.
     virtual std::optional<PinFrame> Wait(double realSeconds) = 0;
     virtual PHW_STREAM_REQUEST_BLOCK Srb() const = 0;
+    // The application cancels the read (StreamClass::CancelSrb): true when
+    // it was outstanding and the minidriver's cancel routine was called.
+    virtual bool Cancel() = 0;
 };
 
 class Pin {
@@ -122,6 +125,13 @@ class Pin {
     void Release();
     // RUN -> PAUSE -> STOP; every read has come back when it returns.
     NTSTATUS Stop();
+
+    // Cancels one outstanding read, counted in the order sent (0 = the
+    // oldest), and returns what StreamClass::CancelSrb returned (false also
+    // when there are not that many). A cancelled read comes back like any
+    // other (STATUS_CANCELLED, DataUsed 0, as the minidriver completes it);
+    // NextFrame hands it out and sends it again.
+    bool CancelRead(size_t indexFromOldest);
 
     // Reads sent and not yet come back.
     size_t ReadsOutstanding() const;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kernel/kernel.h"
+#include "kernel/untraced.h"
 
 namespace winsim {
 namespace {
@@ -29,6 +30,9 @@ SrbRegistry::Entry& SrbRegistry::Create(SRB_COMMAND command, PVOID deviceExtensi
     entry->srb.StreamObject = streamObject;
     entry->srb.Status = STATUS_PENDING;
     entry->srb.HwDeviceExtension = deviceExtension;
+    // The class's default time-out; data SRBs get it again at each send.
+    entry->srb.TimeoutOriginal = kDefaultTimeoutSeconds;
+    entry->srb.TimeoutCounter = kDefaultTimeoutSeconds;
     entry->streamRequest = streamObject != nullptr;
     if (perRequestExtensionSize != 0) {
         entry->extension = std::make_unique<uint8_t[]>(perRequestExtensionSize);
@@ -126,6 +130,31 @@ void SrbRegistry::Rearm(PHW_STREAM_REQUEST_BLOCK srb) {
         entry->completed = false;
         entry->srb.Status = STATUS_PENDING;
     }
+}
+
+bool SrbRegistry::Outstanding(PHW_STREAM_REQUEST_BLOCK srb) const {
+    std::lock_guard lock(mutex_);
+    const Entry* entry = Find(srb);
+    return entry != nullptr && !entry->completed;
+}
+
+std::vector<PHW_STREAM_REQUEST_BLOCK> SrbRegistry::CountDownTimeouts(int64_t seconds) {
+    std::vector<PHW_STREAM_REQUEST_BLOCK> expired;
+    std::lock_guard lock(mutex_);
+    // The minidriver may rewrite TimeoutCounter at any moment without a lock
+    // of ours, as on Windows: the detector is not shown these accesses.
+    kernel::UnwatchedAccessScope unwatched;
+    for (auto& entry : entries_) {
+        ULONG& counter = entry->srb.TimeoutCounter;
+        if (entry->completed || counter == 0) {
+            continue;
+        }
+        counter = seconds >= counter ? 0 : counter - static_cast<ULONG>(seconds);
+        if (counter == 0) {
+            expired.push_back(&entry->srb);
+        }
+    }
+    return expired;
 }
 
 bool SrbRegistry::WaitCompleted(const Entry& entry, int64_t simulatedTimeout100ns) {

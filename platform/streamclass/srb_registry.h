@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace winsim {
 
@@ -21,6 +22,10 @@ namespace winsim {
 // notification, stream SRBs with the stream notification.
 inline constexpr std::string_view kDeviceRequestComplete = "DeviceRequestComplete";
 inline constexpr std::string_view kStreamRequestComplete = "StreamRequestComplete";
+
+// Seconds an SRB may stay with the minidriver before the class calls its
+// time-out handler, as the class sets it at each send.
+inline constexpr ULONG kDefaultTimeoutSeconds = 15;
 
 class SrbRegistry {
   public:
@@ -59,6 +64,14 @@ class SrbRegistry {
     // it can be sent once more: reads are reused frame after frame. A second
     // completion of the previous use is then taken as this use's.
     void Rearm(PHW_STREAM_REQUEST_BLOCK srb);
+
+    // True for an SRB sent and not yet completed.
+    bool Outstanding(PHW_STREAM_REQUEST_BLOCK srb) const;
+
+    // One or more seconds passed: counts TimeoutCounter of every outstanding
+    // SRB down by `seconds` (not below 0, a counter of 0 is left alone) and
+    // returns the SRBs whose counter reached 0 now, oldest first.
+    std::vector<PHW_STREAM_REQUEST_BLOCK> CountDownTimeouts(int64_t seconds);
 
     // Waits until the SRB is complete or `simulatedTimeout100ns` passes.
     bool WaitCompleted(const Entry& entry, int64_t simulatedTimeout100ns);

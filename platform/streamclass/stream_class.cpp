@@ -62,6 +62,8 @@ NTSTATUS StreamClass::Impl::GetStreamInfo() {
 }
 
 StreamClass::StreamClass(PDRIVER_INITIALIZE driverEntry) : impl_(std::make_unique<Impl>()) {
+    impl_->timer = std::make_unique<RequestTimer>(
+        [impl = impl_.get()](int64_t seconds) { impl->CountDownTimeouts(seconds); });
     impl_->driver = CreateDriverObject(kDriverName);
     impl_->registryPath.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(kRegistryPath));
     impl_->registryPath.Length =
@@ -145,6 +147,7 @@ NTSTATUS StreamClass::Start() {
         return init.completed ? init.status : STATUS_UNSUCCESSFUL;
     }
     impl_->started = true;
+    impl_->timer->Start();
     impl_->streamDescriptorSize = config.StreamDescriptorSize;
     const NTSTATUS info = impl_->GetStreamInfo();
     if (!NT_SUCCESS(info)) {
@@ -162,6 +165,8 @@ NTSTATUS StreamClass::Stop() {
     // Closing the filter disables what applications left enabled.
     DisableAllDeviceEvents();
     impl_->started = false;
+    // No time-out handler may run into the teardown.
+    impl_->timer->Stop();
     // The descriptor points into tables the minidriver frees now; the
     // decoded view stays.
     impl_->streamDescriptor.clear();

@@ -112,6 +112,30 @@ class StreamClass {
     IntersectionAnswer PinDataIntersection(ULONG pin, std::span<const uint8_t> dataRanges,
                                            ULONG outputLength);
 
+    // ---- Cancellation, time-out and power (streamclass/request_control.cpp)
+    // An application cancels the IRP behind `srb`: if the SRB is outstanding
+    // (sent, not completed) the class calls the minidriver's HwCancelPacket
+    // at DISPATCH_LEVEL and returns true; for an SRB already complete it
+    // returns false without a call. As on Windows the call races the SRB's
+    // own completion; the SRB stays valid, and a second completion is still
+    // SRB_COMPLETED_TWICE.
+    bool CancelSrb(PHW_STREAM_REQUEST_BLOCK srb);
+    // While the adapter is started, once per simulated second, the class
+    // counts TimeoutCounter of every outstanding SRB down (a counter of 0 is
+    // left alone) and calls HwRequestTimeoutHandler at DISPATCH_LEVEL, with
+    // no lock a completion needs, for each counter that reaches 0. The
+    // counter stays 0 unless the minidriver sets it again; data SRBs are
+    // armed with 15 s at each send. Calls made so far:
+    uint64_t TimeoutsReported() const;
+    // The power manager's device power IRP as the class handles it. For
+    // D1..D3 SRB_CHANGE_POWER_STATE (CommandData.DeviceState) goes to the
+    // minidriver first, then IRP_MJ_POWER / IRP_MN_SET_POWER to the
+    // physical device object, whatever the minidriver answered. For D0 the
+    // bus powers the device first (its failure is returned, not completed,
+    // without an SRB), then the SRB. Other values reach the minidriver
+    // unchanged and do not touch the device. Returns the SRB's result.
+    SrbResult SetDevicePowerState(DEVICE_POWER_STATE state);
+
     // SRBs sent and SRBs the minidriver has completed so far.
     uint64_t SrbsSent() const;
     uint64_t SrbsCompleted() const;

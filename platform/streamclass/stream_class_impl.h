@@ -3,6 +3,7 @@
 
 #include <sanitizer/asan_interface.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,7 @@
 
 #include "kernel/kernel.h"
 #include "streamclass/adapter_directory.h"
+#include "streamclass/request_timer.h"
 #include "streamclass/srb_registry.h"
 #include "streamclass/stream_class.h"
 
@@ -79,6 +81,17 @@ struct StreamClass::Impl {
     std::vector<std::unique_ptr<uint8_t[]>> abandonedIntersections;
     // Used only when the minidriver keeps the class's own serialisation.
     std::mutex serialise;
+
+    // Request time-outs (streamclass/request_timeouts.cpp): the timer runs
+    // while the adapter is started.
+    std::unique_ptr<RequestTimer> timer;
+    std::atomic<uint64_t> timeoutsReported{0};
+    void CountDownTimeouts(int64_t seconds);
+    // Calls `call` the way the class calls into the minidriver from its own
+    // context: at DISPATCH_LEVEL, serialised unless synchronisation is off.
+    void CallAtDispatchLevel(const std::function<void()>& call);
+    // IRP_MJ_POWER / IRP_MN_SET_POWER for `state` to the physical device object.
+    NTSTATUS SetBusPower(DEVICE_POWER_STATE state);
 
     // Streams opened through the class; records keep their address for the
     // life of the class so that a late notification never meets freed memory.
@@ -150,14 +163,14 @@ struct StreamClass::Impl {
         }
         srb->NumberOfBytesToTransfer = bytes;
         srb->Irp = irp;
-        srb->TimeoutOriginal = 15;
-        srb->TimeoutCounter = 15;
 
-        std::unique_lock<std::mutex> serial(serialise, std::defer_lock);
-        if (!registration.TurnOffSynchronization) {
-            serial.lock();
+        {
+            std::unique_lock<std::mutex> serial(serialise, std::defer_lock);
+            if (!registration.TurnOffSynchronization) {
+                serial.lock();
+            }
+            RunAtIrql(PASSIVE_LEVEL, [&] { registration.HwReceivePacket(srb); });
         }
-        RunAtIrql(PASSIVE_LEVEL, [&] { registration.HwReceivePacket(srb); });
 
         SrbResult result;
         result.completed = srbs.WaitCompleted(entry, kAdapterSrbPatience100ns);

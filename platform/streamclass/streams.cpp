@@ -137,8 +137,6 @@ StreamSrbResult StreamClass::SendStreamControl(
     SrbRegistry::Entry& entry = impl_->srbs.Create(
         command, impl_->extension, impl_->registration.PerRequestExtensionSize, stream);
     PHW_STREAM_REQUEST_BLOCK srb = &entry.srb;
-    srb->TimeoutOriginal = 15;
-    srb->TimeoutCounter = 15;
     if (prepare) {
         prepare(*srb);
     }
@@ -238,6 +236,9 @@ PHW_STREAM_REQUEST_BLOCK StreamClass::CreateDataSrb(PHW_STREAM_OBJECT stream, SR
 }
 
 void StreamClass::SendDataSrb(PHW_STREAM_REQUEST_BLOCK srb) {
+    // Each send is armed afresh, before the SRB counts as outstanding.
+    srb->TimeoutOriginal = kDefaultTimeoutSeconds;
+    srb->TimeoutCounter = kDefaultTimeoutSeconds;
     impl_->srbs.Rearm(srb);
     if (!impl_->AdapterAlive()) {
         // No minidriver to take it: the class fails it itself.
@@ -245,8 +246,6 @@ void StreamClass::SendDataSrb(PHW_STREAM_REQUEST_BLOCK srb) {
         impl_->srbs.Complete(srb, kStreamRequestComplete, srb->StreamObject);
         return;
     }
-    srb->TimeoutOriginal = 15;
-    srb->TimeoutCounter = 15;
     PHW_STREAM_OBJECT stream = srb->StreamObject;
     std::unique_lock<std::mutex> serial(impl_->serialise, std::defer_lock);
     if (!impl_->registration.TurnOffSynchronization) {

@@ -172,6 +172,11 @@ std::optional<Outcome> UsbStack::Impl::Serve(Request& r) {
         TraceRefusal(r, USBD_STATUS_ENDPOINT_HALTED);
         return Outcome{USBD_STATUS_ENDPOINT_HALTED, 0};
     }
+    if (!powered.load()) {
+        // No handshake from an unpowered device: the controller gives up.
+        TraceRefusal(r, USBD_STATUS_DEV_NOT_RESPONDING);
+        return Outcome{USBD_STATUS_DEV_NOT_RESPONDING, 0};
+    }
     std::lock_guard wire(r.queue->wire);
     for (; r.nextStep < r.steps.size(); ++r.nextStep) {
         BusStep& step = r.steps[r.nextStep];

@@ -3,6 +3,7 @@
 // the stack object behind UsbStack.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -133,6 +134,9 @@ struct UsbStack::Impl {
     // ---- IRP entry points (stack_dispatch.cpp)
     static NTSTATUS NTAPI DispatchInternalDeviceControl(PDEVICE_OBJECT device, PIRP irp);
     static NTSTATUS NTAPI DispatchUnsupported(PDEVICE_OBJECT device, PIRP irp);
+    // ---- device power (device_power.cpp)
+    static NTSTATUS NTAPI DispatchPower(PDEVICE_OBJECT device, PIRP irp);
+    void SetDevicePower(DEVICE_POWER_STATE state);
     static bool RefuseWithoutStackLocation(PDEVICE_OBJECT device, PIRP irp);
     bool Holds(PIRP irp) const;
     enum class Acceptance { Queued, ServeInline };
@@ -211,6 +215,9 @@ struct UsbStack::Impl {
     std::unordered_set<Request*> live;        // held, or still in IoCompleteRequest
     bool removed = false;
     bool shuttingDown = false;
+    // False from D3 until D0: the bus carries nothing to the device.
+    std::atomic<bool> powered{true};
+    std::mutex powerMutex;  // one power change at a time reaches the device
     uintptr_t handlesIssued = 0;
     std::map<RequestKind, RequestCounts> counts;
 

@@ -61,6 +61,11 @@ class UsbDevice {
     virtual void SetReadyCallback(std::function<void(uint8_t endpointAddress)> ready) = 0;
 
     virtual BusSpeed Speed() const = 0;
+
+    // The bus cuts (false) or restores (true) the device's power: D3 and
+    // back to D0. Called at PASSIVE_LEVEL from the power request's thread,
+    // possibly while a host-controller thread is answering a transaction.
+    virtual void SetPowered(bool powered) { (void)powered; }
 };
 
 }  // namespace usbsim

@@ -18,6 +18,7 @@ UsbStack::Impl::Impl(UsbDevice& device, UsbStackOptions options)
         dispatch = &Impl::DispatchUnsupported;
     }
     driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = &Impl::DispatchInternalDeviceControl;
+    driver->MajorFunction[IRP_MJ_POWER] = &Impl::DispatchPower;
     pdo = winsim::CreateDeviceObject(driver, sizeof(Impl*), options.pdoStackSize);
     *static_cast<Impl**>(pdo->DeviceExtension) = this;
 

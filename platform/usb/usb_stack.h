@@ -123,6 +123,11 @@ class UsbStack {
     void StartTrace(const std::filesystem::path& file);
     void StopTrace();
 
+    // False while the device is in D3 (IRP_MJ_POWER / IRP_MN_SET_POWER sent
+    // to the physical device object): transactions then go unanswered and
+    // requests fail with USBD_STATUS_DEV_NOT_RESPONDING.
+    bool DevicePowered() const;
+
     RequestCounts Counts(RequestKind kind = RequestKind::Any) const;
     uint64_t PendingRequests() const;
 

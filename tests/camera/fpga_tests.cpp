@@ -78,5 +78,59 @@ TEST(Fpga, OnlyImagesSentInProgramModeCountAndAnAbsentFpgaRefusesAll) {
     EXPECT_EQ(Probe(none, reg::kFpgaVersion), kStall);
 }
 
+// A complete download: program mode, the image, leaving it.
+void Download(Camera& camera) {
+    Program(camera, {Image()});
+    Leave(camera);
+}
+
+TEST(Fpga, LosingPowerUnconfiguresItOnlyWithTheProfileFlagAndAReloadCounts) {
+    for (const bool loses : {false, true}) {
+        SCOPED_TRACE(loses ? "losesFpgaInD3" : "keeps its configuration");
+        Camera camera(ParseProfile(loses ? R"({"power": {"losesFpgaInD3": true}})" : "{}"));
+        EXPECT_EQ(camera.FpgaConfigurations(), 0u);
+        Download(camera);
+        ASSERT_EQ(Read(camera, reg::kFpgaMode), reg::kFpgaConfigured);
+        EXPECT_EQ(camera.FpgaConfigurations(), 1u);
+
+        camera.SetPowered(false);
+        EXPECT_FALSE(camera.Powered());
+        camera.SetPowered(true);
+        EXPECT_EQ(camera.PowerLosses(), 1u);
+        EXPECT_EQ(camera.FpgaConfigured(), !loses);
+        EXPECT_EQ(Read(camera, reg::kFpgaMode), loses ? 0u : reg::kFpgaConfigured);
+        // The registers live in the USB controller and stay.
+        EXPECT_EQ(Read(camera, reg::kFpgaVersion), 0x00010203u);
+
+        Download(camera);
+        EXPECT_EQ(Read(camera, reg::kFpgaMode), reg::kFpgaConfigured);
+        EXPECT_EQ(camera.FpgaConfigurations(), 2u);
+    }
+}
+
+TEST(Fpga, PowerLostInProgramModeEndsTheDownloadAndAFailedOneIsNoConfiguration) {
+    Camera camera(ParseProfile(R"({"power": {"losesFpgaInD3": true}})"));
+    Program(camera, {Image()});
+    camera.SetPowered(false);
+    camera.SetPowered(true);
+    EXPECT_FALSE(camera.FpgaProgramMode());
+    EXPECT_EQ(camera.FpgaImageTransfers(), 0u);
+    // Leaving a program mode the FPGA no longer is in configures nothing.
+    ASSERT_EQ(WriteRegister(camera, reg::kFpgaMode, reg::kFpgaLeaveProgramMode), kAck);
+    EXPECT_EQ(Read(camera, reg::kFpgaMode), 0u);
+    Bytes corrupt = Image();
+    corrupt[10] ^= 1;
+    Program(camera, {corrupt});
+    Leave(camera);
+    EXPECT_EQ(camera.FpgaConfigurations(), 0u);
+}
+
+TEST(Fpga, ThePowerFlagIsABoolAndNothingElse) {
+    EXPECT_FALSE(DefaultProfile().power.losesFpgaInD3);
+    EXPECT_TRUE(ParseProfile(R"({"power": {"losesFpgaInD3": true}})").power.losesFpgaInD3);
+    EXPECT_THROW(ParseProfile(R"({"power": {"losesFpgaInD3": 1}})"), ProfileError);
+    EXPECT_THROW(ParseProfile(R"({"power": {"losesFpga": true}})"), ProfileError);
+}
+
 }  // namespace
 }  // namespace ornixcam

@@ -87,6 +87,20 @@ TEST_F(VideoEndpointTest, StreamControlStartsAnswersEmptyAndStops) {
     EXPECT_EQ(camera_.FrameNumberOf(kCapture, Poll(kCapture).data), 3u);
 }
 
+TEST_F(VideoEndpointTest, LosingPowerStopsStreamingUntilTheHostStartsItAgain) {
+    camera_.SetPacing(false);
+    ASSERT_EQ(WriteRegister(camera_, reg::kStreamControl, kStart), kAck);
+    ASSERT_EQ(Poll(kCapture).handshake(), kAck);
+    camera_.SetPowered(false);
+    camera_.SetPowered(true);
+    EXPECT_EQ(Poll(kCapture).handshake(), Handshake::Nak);
+    // The window the host programmed is still there.
+    ASSERT_EQ(WriteRegister(camera_, reg::kStreamControl, kStart), kAck);
+    const Reply frame = Poll(kCapture);
+    ASSERT_EQ(frame.handshake(), kAck);
+    EXPECT_EQ(frame.data.size(), kFrameBytes);
+}
+
 TEST_F(VideoEndpointTest, FramesEndWhereTransfersEndAndSplitsContinueTheSameFrame) {
     camera_.SetPacing(false);
     ASSERT_EQ(WriteRegister(camera_, reg::kStreamControl, kStart), kAck);

@@ -40,6 +40,7 @@ struct ReadSeen {
     PVOID data = nullptr;
     ULONG numberOfBuffers = 0;
     ULONG extendedHeaderSize = 0;  // of the KS_FRAME_INFO after the header
+    ULONG timeoutCounter = 0;      // as the class armed it
 };
 
 struct StreamingFake {
@@ -127,6 +128,7 @@ inline void STREAMAPI StreamingReceiveData(PHW_STREAM_REQUEST_BLOCK srb) {
     seen.frameExtent = srb->CommandData.DataBufferArray->FrameExtent;
     seen.data = srb->CommandData.DataBufferArray->Data;
     seen.numberOfBuffers = srb->NumberOfBuffers;
+    seen.timeoutCounter = srb->TimeoutCounter;
     if (seen.stream == 0) {
         seen.extendedHeaderSize =
             reinterpret_cast<PKS_FRAME_INFO>(srb->CommandData.DataBufferArray + 1)

@@ -88,6 +88,14 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
         ready_ = std::move(ready);
     }
     usbsim::BusSpeed Speed() const override { return usbsim::BusSpeed::High; }
+    void SetPowered(bool powered) override {
+        std::lock_guard lock(mutex_);
+        powerLog_.push_back(powered);
+    }
+    std::vector<bool> PowerLog() const {
+        std::lock_guard lock(mutex_);
+        return powerLog_;
+    }
 
   private:
     TransferResult AnswerLocked(uint8_t endpoint, std::span<uint8_t> data) {
@@ -108,6 +116,7 @@ class FakeUsbDevice final : public usbsim::UsbDevice {
     std::map<uint8_t, bool> naking_;
     std::vector<SetupPacket> controlLog_;
     std::vector<std::pair<uint8_t, size_t>> transferLog_;
+    std::vector<bool> powerLog_;
     std::function<void(uint8_t)> ready_;
 };
 

@@ -87,6 +87,11 @@ NTSTATUS Rig::Stop() {
     return streamClass_->Stop();
 }
 
+NTSTATUS Rig::SetPowerState(DEVICE_POWER_STATE state) {
+    const winsim::SrbResult result = streamClass_->SetDevicePowerState(state);
+    return result.completed || !NT_SUCCESS(result.status) ? result.status : STATUS_IO_TIMEOUT;
+}
+
 PORNIX_DEVICE_CONTEXT Rig::Device() const {
     return static_cast<PORNIX_DEVICE_CONTEXT>(streamClass_->DeviceExtension());
 }

@@ -65,6 +65,11 @@ class Rig {
     // SRB_UNINITIALIZE_DEVICE.
     NTSTATUS Stop();
 
+    // The power manager moves the device to `state` (PowerDeviceD0 ..
+    // PowerDeviceD3; other values reach the driver only): see
+    // winsim::StreamClass::SetDevicePowerState. Returns the SRB's status.
+    NTSTATUS SetPowerState(DEVICE_POWER_STATE state);
+
     ornixcam::Camera& Camera() { return *camera_; }
     usbsim::UsbStack& Usb() { return *usb_; }
     winsim::StreamClass& StreamClass() { return *streamClass_; }
