@@ -98,12 +98,21 @@ struct FaultTally {
 // Figures of the whole run, printed at its end.
 struct RunTally {
     uint64_t rounds = 0, removals = 0, stillTriggers = 0, powerCycles = 0;
+    uint64_t fpgaReloads = 0, timeouts = 0;
     PinTally pins[2];
     FaultTally faults[2];
 };
 
 class StressTest : public StreamingTest {
   protected:
+    // Every other round the camera loses its FPGA configuration in D3, so
+    // that the driver's way back to D0 reloads it while the pins stream.
+    ornixcam::Profile CameraProfile() const override {
+        ornixcam::Profile profile = StreamingTest::CameraProfile();
+        profile.power.losesFpgaInD3 = losesFpga_;
+        return profile;
+    }
+
     void TearDown() override {
         StreamingTest::TearDown();
         uint64_t blocks = 0;
@@ -116,6 +125,7 @@ class StressTest : public StreamingTest {
     void RunRound(uint64_t round, Watchdog& watchdog);
 
     RunTally run_;
+    bool losesFpga_ = false;
 
   private:
     // One round's shared state between the controller and the pins' threads.
@@ -125,6 +135,9 @@ class StressTest : public StreamingTest {
         // State changes and the removal exclude each other: the statistics
         // must be read before a request made after the removal clears them.
         std::shared_mutex stateChanges;
+        // Device power cycles so far: after one the camera streams no more
+        // until the host starts it again, so each pin stops and restarts.
+        std::atomic<uint64_t> powerCycles{0};
         // Frames the pins took, so that faults follow the frames rather than
         // the clock: a slow build gets as many frames between faults as a
         // fast one.
@@ -156,6 +169,7 @@ class StressTest : public StreamingTest {
                  Watchdog::Party& party);
     void InjectFault(Random& random, ULONG pin, bool removalAhead);
     void Remove(Round& round);
+    void PowerCycle(Round& round);
     void CheckRound(uint64_t round, const PinTally (&tallies)[2], const FaultTally (&faults)[2],
                     const uint64_t (&framesStarted)[2]);
     void PrintSummary(uint64_t poolBlocks) const;
@@ -226,6 +240,26 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
         party.Progress("stopped");
     };
 
+    // STOP -> ACQUIRE -> PAUSE (the reads) -> RUN.
+    auto restart = [&] {
+        party.Doing("starting the stream");
+        const NTSTATUS status = pin.Run();
+        ++tally.stateChanges;
+        state = NT_SUCCESS(status) ? KSSTATE_RUN : pin.GetState();
+        if (!NT_SUCCESS(status)) {
+            ++tally.stateRefusals;
+            ++tally.refusals[Refusal(KSSTATE_STOP, KSSTATE_RUN, status)];
+        }
+        // Run sends the reads once the stream is in PAUSE; refused before,
+        // it touched neither the reads nor the statistics.
+        if (state != KSSTATE_STOP) {
+            holding = false;
+            settled = false;
+        }
+        party.Progress("started the stream");
+    };
+    uint64_t powerSeen = 0;
+
     // After a removal the reads still out must come back by themselves.
     while (!round.over.load() && !round.removed.load()) {
         if (state == KSSTATE_RUN) {
@@ -237,6 +271,28 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                 round.NoteFrame(number);
                 party.Progress("took a frame");
             }
+        }
+        if (state == KSSTATE_RUN && Chance(random, 0.02)) {
+            // The application cancels one of its reads: in the driver's queue
+            // it comes back at once; held by the bulk engine, the stream is
+            // aborted and restarted.
+            party.Doing("cancelling a read");
+            tally.cancels += pin.CancelRead(Pick(random, ring)) ? 1 : 0;
+            party.Progress("cancelled a read");
+        }
+        if (powerSeen != round.powerCycles.load() && !round.removed.load()) {
+            std::shared_lock lock(round.stateChanges);
+            powerSeen = round.powerCycles.load();
+            if (state == KSSTATE_RUN) {
+                changeState(KSSTATE_PAUSE);
+            }
+            if (state != KSSTATE_STOP && changeState(KSSTATE_STOP)) {
+                settleStopped();
+            }
+            if (state == KSSTATE_STOP) {
+                restart();
+            }
+            continue;
         }
         if (state != KSSTATE_RUN) {
             // A paused or stopped pin stays so for a little while.
@@ -268,28 +324,12 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
                     settleStopped();
                 }
                 break;
-            case KSSTATE_STOP: {
-                party.Doing("starting the stream");
-                const NTSTATUS status = pin.Run();
-                ++tally.stateChanges;
-                state = NT_SUCCESS(status) ? KSSTATE_RUN : pin.GetState();
-                if (!NT_SUCCESS(status)) {
-                    ++tally.stateRefusals;
-                    ++tally.refusals[Refusal(KSSTATE_STOP, KSSTATE_RUN, status)];
-                }
-                // Run sends the reads once the stream is in PAUSE; refused
-                // before, it touched neither the reads nor the statistics.
-                if (state != KSSTATE_STOP) {
-                    holding = false;
-                    settled = false;
-                }
-                party.Progress("started the stream");
+            case KSSTATE_STOP:
+                restart();
                 break;
-            }
             default:
                 break;
         }
-        // HOOK(cancel): with Pin::CancelRead, cancel a random outstanding read here.
     }
 
     // The end of the round: a running stream is stopped the way an
@@ -398,6 +438,17 @@ void StressTest::Remove(Round& round) {
     ++run_.removals;
 }
 
+// The power manager sends the device to sleep and wakes it, while the pins
+// may be streaming (state changes wait: the class does not run both at once
+// here). The camera stops streaming without power; the pins then restart.
+void StressTest::PowerCycle(Round& round) {
+    std::unique_lock lock(round.stateChanges);
+    EXPECT_EQ(Class().SetDevicePowerState(PowerDeviceD3).status, STATUS_SUCCESS);
+    EXPECT_EQ(Class().SetDevicePowerState(PowerDeviceD0).status, STATUS_SUCCESS);
+    ++round.powerCycles;
+    ++run_.powerCycles;
+}
+
 // The controller: faults, splits, still triggers and the removal, paced by
 // short real-time pauses so that the pins' threads get between them.
 void StressTest::Control(Round& round, Random& random, uint64_t actions,
@@ -423,8 +474,10 @@ void StressTest::Control(Round& round, Random& random, uint64_t actions,
             party.Doing("waiting for a frame before the next fault");
             framesSeen[pin] = round.AwaitFrameAfter(pin, framesSeen[pin]);
             InjectFault(random, pin, removeAt.has_value());
-        } else {
-            // HOOK(power): with StreamClass::SetDevicePowerState, a D3 and back to D0 here.
+        } else if (Chance(random, 0.1)) {
+            party.Doing("power cycling the device");
+            PowerCycle(round);
+            party.Progress("power cycled the device");
         }
     }
 }
@@ -515,6 +568,10 @@ void StressTest::RunRound(uint64_t round, Watchdog& watchdog) {
     pins[kCapture].reset();
     pins[kStill].reset();
     Stack().ClearFaults();
+    // The download at bring-up is the first configuration; any more are
+    // reloads after a power loss.
+    run_.fpgaReloads += Camera().FpgaConfigurations() - 1;
+    run_.timeouts += Class().TimeoutsReported();
 
     for (ULONG pin : {kCapture, kStill}) {
         PinTally& total = run_.pins[pin];
@@ -547,8 +604,10 @@ void StressTest::RunRound(uint64_t round, Watchdog& watchdog) {
 
 void StressTest::PrintSummary(uint64_t poolBlocks) const {
     std::printf("[stress] seed %" PRIu64 ": %" PRIu64 " rounds, %" PRIu64 " removals, %" PRIu64
-                " still triggers, %" PRIu64 " power cycles\n",
-                Settings().seed, run_.rounds, run_.removals, run_.stillTriggers, run_.powerCycles);
+                " still triggers, %" PRIu64 " power cycles, %" PRIu64 " FPGA reloads, %" PRIu64
+                " request time-outs\n",
+                Settings().seed, run_.rounds, run_.removals, run_.stillTriggers, run_.powerCycles,
+                run_.fpgaReloads, run_.timeouts);
     for (ULONG pin : {kCapture, kStill}) {
         const PinTally& t = run_.pins[pin];
         const FaultTally& f = run_.faults[pin];
@@ -589,6 +648,7 @@ TEST_F(StressTest, BothPinsSurviveFaultsStateChangesAndRemoval) {
             // A fresh machine for each round; the old one is checked as any
             // test's is (verifier findings, pool left at unload).
             StreamingTest::TearDown();
+            losesFpga_ = round % 2 == 1;
             StreamingTest::SetUp();
         }
         RunRound(round, watchdog);
