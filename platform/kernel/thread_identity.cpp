@@ -26,6 +26,7 @@ struct _KTHREAD {
     std::atomic<const char*> blockedIn{nullptr};
     std::atomic<const void*> blockedOn{nullptr};
     std::atomic<winsim::kernel::BlockedOn> blockedKind{winsim::kernel::BlockedOn::Nothing};
+    std::atomic<bool> exited{false};
 };
 
 namespace winsim::kernel {
@@ -82,9 +83,20 @@ BlockedScope::~BlockedScope() {
 
 }  // namespace winsim::kernel
 
+namespace {
+
+// Marks the calling thread's KTHREAD when the host thread ends.
+struct ExitMark {
+    PKTHREAD thread;
+    ~ExitMark() { thread->exited.store(true, std::memory_order_relaxed); }
+};
+
+}  // namespace
+
 PKTHREAD NTAPI KeGetCurrentThread(void) {
     thread_local PKTHREAD self = winsim::kernel::RegisterCurrentThread();
-    return self;
+    thread_local ExitMark mark{self};
+    return mark.thread;
 }
 
 namespace winsim {
@@ -111,6 +123,9 @@ std::string DescribeThreads() {
     }
     std::string text;
     for (PKTHREAD thread : threads) {
+        if (thread->exited.load(std::memory_order_relaxed)) {
+            continue;
+        }
         text +=
             kernel::ThreadName(thread) + " (Linux thread " + std::to_string(thread->hostId) + "): ";
         const char* what = thread->blockedIn.load(std::memory_order_relaxed);
