@@ -40,6 +40,12 @@ StressSettings Load() {
     ReadVariable("ORNIX_STRESS_WATCHDOG_SECONDS", [&](const std::string& text, size_t& used) {
         settings.watchdogSeconds = std::stod(text, &used);
     });
+    ReadVariable("ORNIX_STRESS_CANCELS", [&](const std::string& text, size_t& used) {
+        settings.cancels = std::stoi(text, &used) != 0;
+    });
+    ReadVariable("ORNIX_STRESS_POWER", [&](const std::string& text, size_t& used) {
+        settings.powerCycles = std::stoi(text, &used);
+    });
     return settings;
 }
 
