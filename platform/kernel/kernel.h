@@ -154,4 +154,10 @@ void DrainWorkQueue();
 // host-controller threads, workers); optional name for messages.
 void NameCurrentThread(std::string_view name);
 
+// One line per live thread the kernel has seen: its name, its Linux thread id and
+// what it is blocked on in the kernel (a wait on an event, mutex or semaphore,
+// a delay, a spin on a taken spin lock), with the holder of a mutex or spin
+// lock. For watchdogs that must explain a hang before they end the process.
+std::string DescribeThreads();
+
 }  // namespace winsim

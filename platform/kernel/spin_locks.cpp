@@ -35,10 +35,14 @@ bool Acquire(PKSPIN_LOCK lock, const char* api, std::optional<KIRQL> savedIrql) 
     }
     winsim::kernel::NoteAcquiring(lock, winsim::kernel::LockKind::SpinLock);
     ULONG_PTR expected = 0;
-    while (!__atomic_compare_exchange_n(lock, &expected, self, false, __ATOMIC_ACQUIRE,
-                                        __ATOMIC_RELAXED)) {
-        expected = 0;
-        std::this_thread::yield();
+    if (!__atomic_compare_exchange_n(lock, &expected, self, false, __ATOMIC_ACQUIRE,
+                                     __ATOMIC_RELAXED)) {
+        winsim::kernel::BlockedScope spinning(api, winsim::kernel::BlockedOn::SpinLock, lock);
+        do {
+            expected = 0;
+            std::this_thread::yield();
+        } while (!__atomic_compare_exchange_n(lock, &expected, self, false, __ATOMIC_ACQUIRE,
+                                              __ATOMIC_RELAXED));
     }
     HeldSpinLocks().push_back(HeldSpinLock{lock, savedIrql});
     winsim::kernel::NoteAcquired(lock, winsim::kernel::LockKind::SpinLock);

@@ -5,6 +5,7 @@
 #include "kernel/kernel.h"
 #include "kernel/lock_order.h"
 #include "kernel/sim_clock.h"
+#include "kernel/thread_identity.h"
 
 #include <limits>
 #include <optional>
@@ -129,6 +130,10 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
         NoteAcquiring(Object, kind);
 
     std::optional<int64_t> deadline = DeadlineOf(Timeout);
+    BlockedOn blockedKind = type == kMutantObject      ? BlockedOn::Mutex
+                            : type == kSemaphoreObject ? BlockedOn::Semaphore
+                                                       : BlockedOn::Event;
+    BlockedScope blocked("KeWaitForSingleObject", blockedKind, Object);
     {
         std::unique_lock lock(object.mutex);
         if (!WaitUntil(object, lock, deadline, [&] { return IsSignalled(header, self); })) {
@@ -158,6 +163,7 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertabl
         std::this_thread::yield();
         return STATUS_SUCCESS;
     }
+    BlockedScope blocked("KeDelayExecutionThread", BlockedOn::Nothing, nullptr);
     SleepUntil(*deadline);
     return STATUS_SUCCESS;
 }

@@ -206,5 +206,55 @@ TEST_F(OrnixctlCaptureRun, AnInjectedFaultShowsInTheCounters) {
     EXPECT_EQ(summary["framesReceived"], 4);
 }
 
+// Reads cancelled by hand and a power cycle in the middle of a capture: the
+// capture still takes every frame, and the summary counts what happened.
+TEST_F(OrnixctlCaptureRun, CancelledReadsAndAPowerCycleAreCounted) {
+    // 4 reads queued, then one more per frame after the first: 4 + 11 sent,
+    // every third cancelled right after it went out.
+    Json summary =
+        Capture({"capture", "--size", "320x240", "--count", "12", "--raw", "--cancel-every", "3"});
+    EXPECT_EQ(summary["framesReceived"], 12);
+    EXPECT_EQ(summary["cancelRequests"], 5);
+    EXPECT_GE(summary["readsCancelled"], 1);
+    EXPECT_LE(summary["readsCancelled"], summary["framesFailed"]);
+    EXPECT_GE(summary["framesWritten"], 1);
+    EXPECT_EQ(summary["powerCycles"], 0);
+
+    fs::remove_all(out_);
+    summary = Capture({"capture", "--size", "320x240", "--count", "6", "--raw", "--power-cycle"});
+    EXPECT_EQ(summary["framesReceived"], 6);
+    EXPECT_EQ(summary["powerCycles"], 1);
+    EXPECT_EQ(summary["cancelRequests"], 0);
+    EXPECT_GE(summary["framesWritten"], 1);
+
+    EXPECT_EQ(summary["fpgaReloads"], 0);  // the default camera keeps its FPGA powered
+
+    // A camera whose FPGA forgets its configuration without power: the
+    // driver's way back to D0 reloads it.
+    fs::remove_all(out_);
+    const std::string forgetful =
+        dir_.File("forgetful.json", R"({"name": "forgetful", "power": {"losesFpgaInD3": true}})");
+    summary = Capture({"capture", "--size", "320x240", "--count", "4", "--raw", "--power-cycle",
+                       "--camera", forgetful});
+    EXPECT_EQ(summary["framesReceived"], 4);
+    EXPECT_EQ(summary["fpgaReloads"], 1);
+    EXPECT_GE(summary["framesWritten"], 1);
+
+    fs::remove_all(out_);
+    const RunResult text = Ornixctl({"capture", "--size", "320x240", "--count", "4", "--raw",
+                                     "--out", out_, "--cancel-every", "2", "--power-cycle"});
+    EXPECT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("Cancelled reads: "), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("Power cycles: 1, FPGA reloads: "), std::string::npos) << text.out;
+}
+
+TEST(OrnixctlCapture, CancelEveryNeedsAPositiveCount) {
+    const ScratchDir dir("cancel");
+    const RunResult run =
+        Ornixctl({"capture", "--count", "1", "--out", dir.File("frames"), "--cancel-every", "0"});
+    EXPECT_NE(run.status, 0);
+    EXPECT_NE(run.err.find("--cancel-every"), std::string::npos) << run.err;
+}
+
 }  // namespace
 }  // namespace ornixtest

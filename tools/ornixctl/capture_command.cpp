@@ -121,14 +121,67 @@ int RunCapture(Session& session, const CaptureOptions& options, bool json, std::
     if (fault) {
         session.Rig().InjectTransferFault(negotiated->pin, fault->kind, fault->count);
     }
+    // Reads sent so far: Run queued the pin's reads; each NextFrame sends the
+    // buffer handed out before again. With --cancel-every, the N-th, 2N-th ...
+    // read is cancelled right after it is sent (the newest outstanding one;
+    // if it is already back, the cancel finds nothing).
+    uint64_t readsSent = 0;
+    auto noteSent = [&] {
+        ++readsSent;
+        if (options.cancelEvery != 0 && readsSent % options.cancelEvery == 0) {
+            const size_t outstanding = pin->ReadsOutstanding();
+            if (outstanding > 0) {
+                ++summary.cancelRequests;
+                pin->CancelRead(outstanding - 1);
+            }
+        }
+    };
+    for (unsigned i = 0; i < pinOptions.queuedReads; ++i) {
+        noteSent();
+    }
+    const uint64_t fpgaConfigurationsBefore = session.Rig().Camera().FpgaConfigurations();
 
     ProgressLine progress(out, options.terminal);
     const auto started = std::chrono::steady_clock::now();
     int exitStatus = 0;
     int64_t dropCount = 0;
     for (unsigned index = 0; index < options.count; ++index) {
+        bool restarted = false;
+        if (options.powerCycle && index == options.count / 2 && summary.powerCycles == 0) {
+            // As around a system sleep: the application stops the pin, the
+            // power manager sends the device to D3 and wakes it, the
+            // application runs the pin again (the camera streams no more
+            // after losing power until it is started anew).
+            pin->Stop();
+            const winsim::SrbResult sleep =
+                session.Rig().StreamClass().SetDevicePowerState(PowerDeviceD3);
+            const winsim::SrbResult wake =
+                session.Rig().StreamClass().SetDevicePowerState(PowerDeviceD0);
+            ++summary.powerCycles;
+            if (!NT_SUCCESS(sleep.status) || !NT_SUCCESS(wake.status)) {
+                err << "ornixctl: the power cycle failed: D3 " << NtStatusName(sleep.status)
+                    << ", D0 " << NtStatusName(wake.status) << "\n";
+                exitStatus = 1;
+                break;
+            }
+            status = pin->Run();
+            if (!NT_SUCCESS(status)) {
+                err << "ornixctl: the driver did not run the " << options.request.pin
+                    << " pin after the power cycle: " << NtStatusName(status) << "\n";
+                exitStatus = 1;
+                break;
+            }
+            for (unsigned i = 0; i < pinOptions.queuedReads; ++i) {
+                noteSent();
+            }
+            restarted = true;
+        }
         if (options.still) {
             session.Rig().Camera().TriggerStill();
+        }
+        if (index > 0 && !restarted) {
+            pin->Release();
+            noteSent();
         }
         const std::optional<winsim::PinFrame> frame = pin->NextFrame(options.frameTimeoutSeconds);
         if (!frame) {
@@ -141,6 +194,9 @@ int RunCapture(Session& session, const CaptureOptions& options, bool json, std::
         summary.bytesReceived += frame->dataUsed;
         if (frame->hasFrameInfo) {
             dropCount = frame->frameInfo.DropCount;
+        }
+        if (frame->status == STATUS_CANCELLED) {
+            ++summary.readsCancelled;
         }
         if (!NT_SUCCESS(frame->status)) {
             ++summary.framesFailed;
@@ -175,6 +231,7 @@ int RunCapture(Session& session, const CaptureOptions& options, bool json, std::
     }
     pin->Stop();
     summary.stop = ParseStopCounters(winsim::DebugLog());
+    summary.fpgaReloads = session.Rig().Camera().FpgaConfigurations() - fpgaConfigurationsBefore;
     pin.reset();
 
     if (json) {

@@ -20,6 +20,8 @@ struct CaptureOptions {
     std::string fault;                // KIND[:COUNT], injected once the stream runs; empty for none
     bool terminal = false;            // progress as a bar rewritten in place
     double frameTimeoutSeconds = 10;  // real time to wait for each frame
+    unsigned cancelEvery = 0;         // cancel every N-th read sent; 0 for none
+    bool powerCycle = false;          // the device goes to D3 and back to D0 halfway through
 };
 
 // "frame_0007.png": the file name of frame `index` with `extension`.

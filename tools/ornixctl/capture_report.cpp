@@ -86,6 +86,10 @@ nlohmann::ordered_json SummaryJson(const CaptureSummary& s) {
     j["usbTransactionErrors"] = OrNull(s.stop.usbTransactionErrors);
     j["usbBabbleErrors"] = OrNull(s.stop.usbBabbleErrors);
     j["usbOtherErrors"] = OrNull(s.stop.usbOtherErrors);
+    j["cancelRequests"] = s.cancelRequests;
+    j["readsCancelled"] = s.readsCancelled;
+    j["powerCycles"] = s.powerCycles;
+    j["fpgaReloads"] = s.fpgaReloads;
     j["outputDirectory"] = s.outputDirectory;
     j["files"] = s.files;
     return j;
@@ -113,8 +117,15 @@ void PrintSummary(const CaptureSummary& s, std::ostream& out) {
         << "Frames dropped: " << number("framesDropped") << "\n"
         << "USB errors: short " << number("usbShortErrors") << ", transaction "
         << number("usbTransactionErrors") << ", babble " << number("usbBabbleErrors") << ", other "
-        << number("usbOtherErrors") << "\n"
-        << "Files: " << s.files.size() << " in " << s.outputDirectory << "\n";
+        << number("usbOtherErrors") << "\n";
+    if (s.cancelRequests > 0) {
+        out << "Cancelled reads: " << s.readsCancelled << " (" << s.cancelRequests
+            << " cancels asked)\n";
+    }
+    if (s.powerCycles > 0) {
+        out << "Power cycles: " << s.powerCycles << ", FPGA reloads: " << s.fpgaReloads << "\n";
+    }
+    out << "Files: " << s.files.size() << " in " << s.outputDirectory << "\n";
 }
 
 std::string ProgressText(unsigned frames, unsigned total, double seconds, uint64_t bytes,

@@ -37,6 +37,13 @@ struct CaptureSummary {
     // From the dropped-frames property (capture pin), read before the stop.
     std::optional<int64_t> pictureNumber, dropCount;
     StopCounters stop;
+    // --cancel-every: cancels the tool asked for, and reads that came back
+    // cancelled (STATUS_CANCELLED, also counted failed).
+    unsigned cancelRequests = 0, readsCancelled = 0;
+    // --power-cycle: D3/D0 cycles done, and FPGA configurations the camera
+    // completed during the capture (the driver reloads it after a power loss).
+    unsigned powerCycles = 0;
+    uint64_t fpgaReloads = 0;
     std::string outputDirectory;
     std::vector<std::string> files;
 };

@@ -83,6 +83,12 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
                                      "xact, stall, split, out-of-order, sync";
                     },
                     "KIND[:COUNT]"));
+            command
+                ->add_option("--cancel-every", captureOptions.cancelEvery,
+                             "cancel every N-th read sent to the driver")
+                ->check(CLI::Range(1u, 1000000u));
+            command->add_flag("--power-cycle", captureOptions.powerCycle,
+                              "put the device in D3 and back in D0 halfway through");
         }
         command->add_option("--format", captureOptions.request.format,
                             "the pin's format N, as `formats` numbers them (default 0)");
