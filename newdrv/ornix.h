@@ -129,6 +129,10 @@ typedef struct _ORNIX_TRANSFER_CONTEXT {
     // A completion that arrived inside IoCallDriver while this thread held
     // PendingLock waits here until the submitter releases the lock.
     struct _ORNIX_TRANSFER_CONTEXT* NextDeferred;
+    // Under PendingLock: from its submission until its completion routine is
+    // done with it. A restart submits only transfers that are not busy: one
+    // whose completion still runs resubmits itself.
+    BOOLEAN Busy;
 } ORNIX_TRANSFER_CONTEXT, *PORNIX_TRANSFER_CONTEXT;
 
 // Per-stream record, allocated and freed by the stream class

@@ -87,6 +87,9 @@ BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream)
     if (!IsListEmpty(&Stream->PendingTransfers) || StreamShouldRestart(Ext, Stream)) {
         if (InterlockedIncrement(&Stream->AbortInProgress) == 1) {
             owner = TRUE;
+            // No completion resubmits while the pipe is aborted: a cancel's
+            // abort finds no fault flag set by a completion.
+            InterlockedExchange(&Stream->AbortNeeded, 1);
             // Reset before anyone can see the abort under way.
             KeResetEvent(&Stream->AbortEvent);
         } else {

@@ -184,6 +184,7 @@ VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer) {
     }
     KeReleaseSpinLock(&stream->PendingLock, irql);
 
+    BOOLEAN resubmitted = FALSE;
     if (listed) {
         if (Transfer->PartialFlags == ORNIX_PARTIAL_FRAME) {
             TransferDeliverFrame(stream, Transfer, status, length);
@@ -194,7 +195,7 @@ VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer) {
         }
         if (OrnixFlagIsSet(&stream->Running) && !OrnixFlagIsSet(&stream->AbortNeeded) &&
             !OrnixFlagIsSet(&ext->Removed) && status == STATUS_SUCCESS) {
-            BulkStreamNextTransfer(ext, stream, Transfer);
+            resubmitted = BulkStreamNextTransfer(ext, stream, Transfer) != STATUS_CANCELLED;
         }
     }
 
@@ -202,6 +203,9 @@ VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer) {
     // nothing is pending and no completion is under way.
     KeAcquireSpinLock(&stream->PendingLock, &irql);
     stream->CompletionsInProgress--;
+    if (!resubmitted) {
+        Transfer->Busy = FALSE;
+    }
     if (!OrnixFlagIsSet(&stream->Running) && IsListEmpty(&stream->PendingTransfers) &&
         stream->CompletionsInProgress == 0) {
         KeSetEvent(&stream->DrainEvent, 0, FALSE);

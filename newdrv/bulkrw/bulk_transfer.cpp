@@ -87,6 +87,7 @@ NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Str
     IoSetCompletionRoutine(irp, BulkStreamComplete, Transfer, TRUE, TRUE, TRUE);
 
     InsertTailList(&Stream->PendingTransfers, &Transfer->Link);
+    Transfer->Busy = TRUE;
     // A completion on this thread inside the call finds the lock taken by
     // its own call path: it is deferred instead (BulkStreamComplete).
     InterlockedExchangePointer((PVOID volatile*)&Stream->SubmittingThread, KeGetCurrentThread());
@@ -114,6 +115,9 @@ NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT St
     ULONG count = StreamGetTransferCount(Stream);
     for (ULONG i = 0; i < count; i++) {
         PORNIX_TRANSFER_CONTEXT transfer = &Stream->TransferContexts[i];
+        if (transfer->Busy) {
+            continue;  // its completion still runs, and resubmits it
+        }
         PUCHAR buffer;
         ULONG length;
         StreamGetNextBuffer(Stream, transfer, &buffer, &length);
@@ -124,11 +128,17 @@ NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT St
     return status;
 }
 
-// IRQL: DISPATCH_LEVEL or below. Resubmits a transfer for the next piece of video.
+// IRQL: DISPATCH_LEVEL or below. Resubmits a transfer for the next piece of
+// video, unless an abort began since its completion looked (STATUS_CANCELLED:
+// the restart's submission will take it).
 NTSTATUS BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
                                 PORNIX_TRANSFER_CONTEXT Transfer) {
     KIRQL irql;
     KeAcquireSpinLock(&Stream->PendingLock, &irql);
+    if (!OrnixFlagIsSet(&Stream->Running) || OrnixFlagIsSet(&Stream->AbortNeeded)) {
+        KeReleaseSpinLock(&Stream->PendingLock, irql);
+        return STATUS_CANCELLED;
+    }
     PUCHAR buffer;
     ULONG length;
     StreamGetNextBuffer(Stream, Transfer, &buffer, &length);

@@ -40,6 +40,7 @@ static VOID StreamReleaseTransferBlocks(PORNIX_STREAM_CONTEXT Stream) {
             IoFreeIrp(transfer->Irp);
             transfer->Irp = NULL;
         }
+        transfer->Busy = FALSE;
     }
 }
 

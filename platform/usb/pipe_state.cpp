@@ -1,6 +1,8 @@
 // The host side of the device's configuration: which settings are selected,
 // their pipes and handles, halt and toggle state, and what happens to queued
 // requests when a pipe is aborted, replaced or the device goes away.
+#include <utility>
+
 #include "usb/stack_internals.h"
 
 namespace usbsim {
@@ -34,6 +36,14 @@ std::vector<std::shared_ptr<Pipe>> UsbStack::Impl::QueuesLocked() const {
 }
 
 void UsbStack::Impl::DrainLocked(Pipe& pipe, Request* waiter, std::vector<Request*>& toComplete) {
+    // A completion held back for the pipe's next request goes with the rest:
+    // no next request follows a drained pipe.
+    if (Request* held = std::exchange(pipe.heldForNext, nullptr)) {
+        if (--held->waitingFor == 0) {
+            held->state = RequestState::Finishing;
+            toComplete.push_back(held);
+        }
+    }
     for (Request* r : std::deque<Request*>(pipe.waiting)) {
         if (r->state != RequestState::CancelOwned &&
             IoSetCancelRoutine(r->irp, nullptr) != nullptr) {

@@ -167,7 +167,7 @@ class StressTest : public StreamingTest {
     void TakeFrame(ULONG number, const PinFrame& frame, PinTally& tally, uint64_t round);
     void Control(Round& round, Random& random, uint64_t actions, std::optional<uint64_t> removeAt,
                  Watchdog::Party& party);
-    void InjectFault(Random& random, ULONG pin, bool parksForGood);
+    void InjectFault(Random& random, ULONG pin);
     void Remove(Round& round);
     void PowerCycle(Round& round);
     void CheckRound(uint64_t round, const PinTally (&tallies)[2], const FaultTally (&faults)[2],
@@ -377,7 +377,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
     party.Progress("finished");
 }
 
-void StressTest::InjectFault(Random& random, ULONG pin, bool parksForGood) {
+void StressTest::InjectFault(Random& random, ULONG pin) {
     FaultTally& tally = roundFaults_[pin];
     const uint32_t count = static_cast<uint32_t>(1 + Pick(random, 3));
     FaultRule rule{.kind = RequestKind::BulkOrInterrupt,
@@ -410,19 +410,6 @@ void StressTest::InjectFault(Random& random, ULONG pin, bool parksForGood) {
             tally.stall += count;
             break;
         case 5:
-            if (parksForGood) {
-                // The stack holds such a completion until the pipe's next
-                // request completes or the pipe is aborted; a removal or an
-                // interface selection (the FPGA reload after D3) does not
-                // give it back, and nothing follows it: the read it carries
-                // would never return, and the selection would wait for it
-                // for good (a shortcoming of the simulated stack; Windows
-                // completes every request of a replaced pipe or a removed
-                // device).
-                rule.action = FaultAction::CompleteSynchronously;
-                tally.synchronous += count;
-                break;
-            }
             rule.action = FaultAction::CompleteOutOfOrder;
             tally.outOfOrder += count;
             break;
@@ -485,7 +472,7 @@ void StressTest::Control(Round& round, Random& random, uint64_t actions,
             const ULONG pin = Pick(random, 3) == 0 ? kStill : kCapture;
             party.Doing("waiting for a frame before the next fault");
             framesSeen[pin] = round.AwaitFrameAfter(pin, framesSeen[pin]);
-            InjectFault(random, pin, removeAt.has_value() || losesFpga_);
+            InjectFault(random, pin);
         } else if (Settings().powerCycles > (losesFpga_ ? 1 : 0) && Chance(random, 0.1)) {
             // The FPGA reload on the way back to D0 selects interfaces while
             // the stream engines may restart on their own: ORNIX_STRESS_POWER=2
