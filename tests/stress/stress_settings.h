@@ -11,12 +11,12 @@ struct StressSettings {
     double seconds = 20;  // ORNIX_STRESS_SECONDS: rounds start until this much real time passed
     double watchdogSeconds =
         60;  // ORNIX_STRESS_WATCHDOG_SECONDS: longest real time without progress
-    // ORNIX_STRESS_CANCELS=1: the pins cancel reads now and then (off by
-    // default: the driver does not survive it yet, see docs/stress.md).
-    bool cancels = false;
-    // ORNIX_STRESS_POWER: 0 no power cycles (the default until the driver
-    // survives them, see docs/stress.md); 1 in rounds whose camera keeps its
-    // FPGA through D3; 2 also in rounds where the driver reloads it.
+    // ORNIX_STRESS_CANCELS: 1 (the default) the pins cancel reads now and
+    // then; 0 they never do.
+    bool cancels = true;
+    // ORNIX_STRESS_POWER: 0 (the default until the driver's counters survive
+    // them, see docs/stress.md) no power cycles; 1 in rounds whose camera
+    // keeps its FPGA through D3; 2 also in rounds where the driver reloads it.
     int powerCycles = 0;
 };
 
