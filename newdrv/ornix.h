@@ -133,6 +133,7 @@ typedef struct _ORNIX_TRANSFER_CONTEXT {
     // done with it. A restart submits only transfers that are not busy: one
     // whose completion still runs resubmits itself.
     BOOLEAN Busy;
+    BOOLEAN SkippedByRestart;  // a restart passed it by while its completion ran
 } ORNIX_TRANSFER_CONTEXT, *PORNIX_TRANSFER_CONTEXT;
 
 // Per-stream record, allocated and freed by the stream class

@@ -203,14 +203,31 @@ VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer) {
     // nothing is pending and no completion is under way.
     KeAcquireSpinLock(&stream->PendingLock, &irql);
     stream->CompletionsInProgress--;
+    BOOLEAN skipped = Transfer->SkippedByRestart;
+    Transfer->SkippedByRestart = FALSE;
+    BOOLEAN late = FALSE;
     if (!resubmitted) {
-        Transfer->Busy = FALSE;
+        if (skipped && OrnixFlagIsSet(&stream->Running) && !OrnixFlagIsSet(&stream->AbortNeeded) &&
+            !OrnixFlagIsSet(&ext->Removed)) {
+            // A restart passed this transfer by while it was still ours and
+            // it chose not to resubmit: it joins the restarted stream now.
+            PUCHAR buffer;
+            ULONG length;
+            StreamGetNextBuffer(stream, Transfer, &buffer, &length);
+            BulkStreamTransfer(ext, stream, Transfer, buffer, length);
+            late = TRUE;
+        } else {
+            Transfer->Busy = FALSE;
+        }
     }
     if (!OrnixFlagIsSet(&stream->Running) && IsListEmpty(&stream->PendingTransfers) &&
         stream->CompletionsInProgress == 0) {
         KeSetEvent(&stream->DrainEvent, 0, FALSE);
     }
     KeReleaseSpinLock(&stream->PendingLock, irql);
+    if (late) {
+        BulkStreamRunDeferred(stream);  // the transfer is pending: the stream stays
+    }
 }
 
 // IRQL: DISPATCH_LEVEL, any thread. The driver keeps the IRP.

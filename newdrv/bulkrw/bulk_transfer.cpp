@@ -116,7 +116,8 @@ NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT St
     for (ULONG i = 0; i < count; i++) {
         PORNIX_TRANSFER_CONTEXT transfer = &Stream->TransferContexts[i];
         if (transfer->Busy) {
-            continue;  // its completion still runs, and resubmits it
+            transfer->SkippedByRestart = TRUE;  // its completion resubmits it
+            continue;
         }
         PUCHAR buffer;
         ULONG length;

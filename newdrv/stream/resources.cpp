@@ -41,6 +41,7 @@ static VOID StreamReleaseTransferBlocks(PORNIX_STREAM_CONTEXT Stream) {
             transfer->Irp = NULL;
         }
         transfer->Busy = FALSE;
+        transfer->SkippedByRestart = FALSE;
     }
 }
 
