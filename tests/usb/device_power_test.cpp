@@ -63,6 +63,7 @@ TEST_F(DevicePowerTest, AnUnpoweredDeviceAnswersNothingWaitingTransfersIncluded)
     URB waiting = BulkIn();
     UrbCall call(Pdo(), &waiting);
     ASSERT_EQ(call.Send(), STATUS_PENDING);
+    stack->WaitIdle();  // the host controller has tried it and met the NAK
     const size_t transfersBefore = device.TransferLog().size();
 
     ASSERT_EQ(SetDevicePower(PowerDeviceD3), STATUS_SUCCESS);
