@@ -271,6 +271,11 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     // Alternate setting of interface 0 now selected; ORNIX_UNKNOWN_ALT_SETTING
     // after a selection that failed half-way.
     ULONG CurrentAltSetting;
+    // The pipe handles in InterfaceInfoTable: a selection (the FPGA download
+    // on the way back from D3) replaces them while a stream's restart at
+    // DISPATCH_LEVEL builds a transfer on one. Innermost lock: nothing else
+    // is taken while it is held.
+    KSPIN_LOCK PipeHandleLock;
 
     // Blocks released together at shutdown; changed only atomically.
     PORNIX_DEFERRED_BLOCK volatile DeferredFreeList;
@@ -421,6 +426,10 @@ NTSTATUS NTAPI OrnixCallUsbdCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PV
 
 // The pipe record of `PipeIndex` in the interface of `AltSetting`, or NULL.
 PUSBD_PIPE_INFORMATION OrnixGetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting, ULONG PipeIndex);
+
+// The handle of `Pipe` as the last selection left it, under PipeHandleLock.
+// IRQL: DISPATCH_LEVEL or below.
+USBD_PIPE_HANDLE OrnixReadPipeHandle(PORNIX_DEVICE_CONTEXT Ext, PUSBD_PIPE_INFORMATION Pipe);
 
 typedef VOID (*PORNIX_RESET_CALLBACK)(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Context);
 

@@ -35,6 +35,13 @@ for preset in win-x64 win-x86; do
 done
 
 if ((${#failed[@]} > 0)); then
+    # The end of the log is what a reader sees first: repeat which tests
+    # failed and the last lines each of them printed.
+    for name in "${failed[@]}"; do
+        if [[ $name == test\ * ]]; then
+            scripts/print-test-failures.sh "build/${name#test }"
+        fi
+    done
     echo "FAILED: ${failed[*]}"
     exit 1
 fi

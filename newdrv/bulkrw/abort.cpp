@@ -122,7 +122,7 @@ VOID AbortBulkPipePart2(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream)
         RtlZeroMemory(&urb, sizeof(urb));
         urb.UrbPipeRequest.Hdr.Length = sizeof(struct _URB_PIPE_REQUEST);
         urb.UrbPipeRequest.Hdr.Function = URB_FUNCTION_ABORT_PIPE;
-        urb.UrbPipeRequest.PipeHandle = pipe->PipeHandle;
+        urb.UrbPipeRequest.PipeHandle = OrnixReadPipeHandle(Ext, pipe);
         OrnixCallUsbd(Ext, &urb);
     }
     if (StreamShouldRestart(Ext, Stream)) {

@@ -17,7 +17,7 @@ NTSTATUS BulkAsynchTransfer(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PMDL Buffer
     RtlZeroMemory(&urb, sizeof(urb));
     urb.Hdr.Length = sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER);
     urb.Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-    urb.PipeHandle = pipe->PipeHandle;
+    urb.PipeHandle = OrnixReadPipeHandle(Ext, pipe);
     // Out transfers must move every byte: short transfers are not accepted.
     urb.TransferFlags = DirectionIn ? USBD_TRANSFER_DIRECTION_IN : 0;
     urb.TransferBufferLength = Length;

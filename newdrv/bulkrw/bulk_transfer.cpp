@@ -69,7 +69,7 @@ NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Str
     urb->Hdr.Length = sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER);
     urb->Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
     PUSBD_PIPE_INFORMATION pipe = OrnixGetPipe(Ext, Ext->VideoAltSetting, Stream->PipeIndex);
-    urb->PipeHandle = pipe != NULL ? pipe->PipeHandle : NULL;
+    urb->PipeHandle = pipe != NULL ? OrnixReadPipeHandle(Ext, pipe) : NULL;
     urb->TransferFlags = USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK;
     urb->TransferBufferLength = Length;
     urb->TransferBuffer = Buffer;

@@ -22,6 +22,7 @@ static VOID OrnixResetDeviceContext(PORNIX_DEVICE_CONTEXT Ext) {
     KeInitializeSemaphore(&Ext->UsbRequestSemaphore, 1, 1);
     KeInitializeMutex(&Ext->RequestMutex, 0);
     KeInitializeMutex(&Ext->PipeMutex, 0);
+    KeInitializeSpinLock(&Ext->PipeHandleLock);
     // Work items may be queued from here until teardown closes the gate.
     Ext->WorkItemCount = 1;
     Ext->WorkItemsClosed = 0;

@@ -133,7 +133,7 @@ static NTSTATUS OrnixSubmitInterruptTransfer(PORNIX_DEVICE_CONTEXT Ext, PBOOLEAN
     RtlZeroMemory(urb, sizeof(*urb));
     urb->Hdr.Length = sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER);
     urb->Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-    urb->PipeHandle = pipe->PipeHandle;
+    urb->PipeHandle = OrnixReadPipeHandle(Ext, pipe);
     urb->TransferFlags = USBD_TRANSFER_DIRECTION_IN;
     // Never more than the buffer holds, should the pipe's size have changed.
     ULONG length = pipe->MaximumTransferSize;
@@ -280,7 +280,8 @@ NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext) {
     }
 
     if (OrnixFlagIsSet(&Ext->InterruptPending)) {
-        status = OrnixInterruptPipeRequest(Ext, URB_FUNCTION_ABORT_PIPE, pipe->PipeHandle);
+        status =
+            OrnixInterruptPipeRequest(Ext, URB_FUNCTION_ABORT_PIPE, OrnixReadPipeHandle(Ext, pipe));
         if (NT_SUCCESS(status)) {
             LARGE_INTEGER timeout;
             timeout.QuadPart = ORNIX_INTERRUPT_STOP_TIMEOUT;
@@ -299,7 +300,8 @@ NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext) {
         return status;
     }
     if (Ext->CurrentAltSetting == Ext->VideoAltSetting) {
-        status = OrnixInterruptPipeRequest(Ext, URB_FUNCTION_RESET_PIPE, pipe->PipeHandle);
+        status =
+            OrnixInterruptPipeRequest(Ext, URB_FUNCTION_RESET_PIPE, OrnixReadPipeHandle(Ext, pipe));
         if (!NT_SUCCESS(status)) {
             DbgPrint(ORNIX_PREFIX "InterruptStop: Failed to reset interrupt pipe!!\n");
         }

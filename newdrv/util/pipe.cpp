@@ -22,6 +22,15 @@ PUSBD_PIPE_INFORMATION OrnixGetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting,
     return &iface->Pipes[PipeIndex];
 }
 
+// IRQL: DISPATCH_LEVEL or below.
+USBD_PIPE_HANDLE OrnixReadPipeHandle(PORNIX_DEVICE_CONTEXT Ext, PUSBD_PIPE_INFORMATION Pipe) {
+    KIRQL irql;
+    KeAcquireSpinLock(&Ext->PipeHandleLock, &irql);
+    USBD_PIPE_HANDLE handle = Pipe->PipeHandle;
+    KeReleaseSpinLock(&Ext->PipeHandleLock, irql);
+    return handle;
+}
+
 // IRQL: PASSIVE_LEVEL, PipeMutex held. Resets the pipe in the current
 // alternate setting and clears the endpoint's halt feature. Everything the
 // two requests need is read from the tables before the first one is sent.
@@ -35,7 +44,7 @@ static NTSTATUS OrnixResetPipeLocked(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex)
     if (pipe == NULL) {
         return STATUS_INVALID_PARAMETER;
     }
-    USBD_PIPE_HANDLE handle = pipe->PipeHandle;
+    USBD_PIPE_HANDLE handle = OrnixReadPipeHandle(Ext, pipe);
     UCHAR endpointAddress = pipe->EndpointAddress;
 
     URB urb;
@@ -149,14 +158,19 @@ static NTSTATUS OrnixSelectAltSettingLocked(PORNIX_DEVICE_CONTEXT Ext, ULONG Alt
     select->Hdr.Length = urbLength;
     select->Hdr.Function = URB_FUNCTION_SELECT_INTERFACE;
     select->ConfigurationHandle = Ext->ConfigurationHandle;
+    KIRQL irql;
+    KeAcquireSpinLock(&Ext->PipeHandleLock, &irql);
     RtlCopyMemory(&select->Interface, kept, kept->Length);
+    KeReleaseSpinLock(&Ext->PipeHandleLock, irql);
 
     NTSTATUS status = OrnixCallUsbd(Ext, (PURB)select);
     if (NT_SUCCESS(status)) {
         Ext->CurrentAltSetting = AltSetting;
+        KeAcquireSpinLock(&Ext->PipeHandleLock, &irql);
         for (ULONG i = 0; i < kept->NumberOfPipes; i++) {
             kept->Pipes[i].PipeHandle = select->Interface.Pipes[i].PipeHandle;
         }
+        KeReleaseSpinLock(&Ext->PipeHandleLock, irql);
     } else {
         DbgPrint(ORNIX_PREFIX " OrnixSelectAltSetting, USBD failed with 0x%08lx\n", (ULONG)status);
     }

@@ -10,17 +10,6 @@
 
 namespace usbsim {
 
-namespace {
-
-NTSTATUS CompletePowerIrp(PIRP irp, NTSTATUS status) {
-    irp->IoStatus.Status = status;
-    irp->IoStatus.Information = 0;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-}
-
-}  // namespace
-
 NTSTATUS NTAPI UsbStack::Impl::DispatchPower(PDEVICE_OBJECT device, PIRP irp) {
     if (RefuseWithoutStackLocation(device, irp)) {
         return STATUS_INVALID_DEVICE_REQUEST;
@@ -31,12 +20,12 @@ NTSTATUS NTAPI UsbStack::Impl::DispatchPower(PDEVICE_OBJECT device, PIRP irp) {
             if (stack->Parameters.Power.Type == DevicePowerState) {
                 FromDevice(device)->SetDevicePower(stack->Parameters.Power.State.DeviceState);
             }
-            return CompletePowerIrp(irp, STATUS_SUCCESS);
+            return CompleteIrpNow(irp, STATUS_SUCCESS);
         case IRP_MN_QUERY_POWER:
-            return CompletePowerIrp(irp, STATUS_SUCCESS);
+            return CompleteIrpNow(irp, STATUS_SUCCESS);
         default:
             // A bus driver completes power IRPs it does not handle untouched.
-            return CompletePowerIrp(irp, irp->IoStatus.Status);
+            return CompleteIrpNow(irp, irp->IoStatus.Status);
     }
 }
 

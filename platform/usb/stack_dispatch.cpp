@@ -10,16 +10,12 @@
 
 namespace usbsim {
 
-namespace {
-
 NTSTATUS CompleteIrpNow(PIRP irp, NTSTATUS status) {
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return status;
 }
-
-}  // namespace
 
 // The hub's PDO passes every IRP further down to the host controller, so an
 // IRP needs as many locations below its caller as the PDO's StackSize; with

@@ -27,6 +27,9 @@ namespace usbsim {
 
 struct Pipe;
 
+// Completes an IRP the stack will not pass on, with `status` and no data.
+NTSTATUS CompleteIrpNow(PIRP irp, NTSTATUS status);
+
 // One transaction on the bus, planned when the request is accepted.
 struct BusStep {
     BusTransaction transaction;

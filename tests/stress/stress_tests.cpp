@@ -84,6 +84,22 @@ struct PinTally {
         driver.UsbOtherErrors += s.UsbOtherErrors;
     }
     uint64_t Completed() const { return whole + empty + failed + partial; }
+
+    PinTally& operator+=(const PinTally& other) {
+        whole += other.whole;
+        empty += other.empty;
+        failed += other.failed;
+        partial += other.partial;
+        stateChanges += other.stateChanges;
+        stateRefusals += other.stateRefusals;
+        stops += other.stops;
+        cancels += other.cancels;
+        for (const auto& [what, count] : other.refusals) {
+            refusals[what] += count;
+        }
+        AddDriver(other.driver);
+        return *this;
+    }
 };
 
 // Faults injected on one endpoint during a round.
@@ -92,6 +108,17 @@ struct FaultTally {
              synchronous = 0, splits = 0;
     uint64_t Total() const {
         return babble + xact + cancelled + shortData + stall + outOfOrder + synchronous + splits;
+    }
+    FaultTally& operator+=(const FaultTally& other) {
+        babble += other.babble;
+        xact += other.xact;
+        cancelled += other.cancelled;
+        shortData += other.shortData;
+        stall += other.stall;
+        outOfOrder += other.outOfOrder;
+        synchronous += other.synchronous;
+        splits += other.splits;
+        return *this;
     }
 };
 
@@ -299,6 +326,9 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
         if (powerSeen != round.powerCycles.load() && !round.removed.load()) {
             std::shared_lock lock(round.stateChanges);
             powerSeen = round.powerCycles.load();
+            if (round.removed.load()) {
+                continue;  // removed meanwhile: the removal stopped the stream
+            }
             if (state != KSSTATE_STOP) {
                 stopFully();
             }
@@ -576,30 +606,8 @@ void StressTest::RunRound(uint64_t round, Watchdog& watchdog) {
     run_.timeouts += Class().TimeoutsReported();
 
     for (ULONG pin : {kCapture, kStill}) {
-        PinTally& total = run_.pins[pin];
-        const PinTally& t = tallies[pin];
-        total.whole += t.whole;
-        total.empty += t.empty;
-        total.failed += t.failed;
-        total.partial += t.partial;
-        total.stateChanges += t.stateChanges;
-        total.stateRefusals += t.stateRefusals;
-        total.stops += t.stops;
-        for (const auto& [what, count] : t.refusals) {
-            total.refusals[what] += count;
-        }
-        total.cancels += t.cancels;
-        total.AddDriver(t.driver);
-        FaultTally& f = run_.faults[pin];
-        const FaultTally& r = roundFaults_[pin];
-        f.babble += r.babble;
-        f.xact += r.xact;
-        f.cancelled += r.cancelled;
-        f.shortData += r.shortData;
-        f.stall += r.stall;
-        f.outOfOrder += r.outOfOrder;
-        f.synchronous += r.synchronous;
-        f.splits += r.splits;
+        run_.pins[pin] += tallies[pin];
+        run_.faults[pin] += roundFaults_[pin];
     }
     ++run_.rounds;
 }
