@@ -429,6 +429,10 @@ bool Pin::CancelRead(size_t indexFromOldest) {
     return outstanding[indexFromOldest]->Cancel();
 }
 
+bool Pin::WaitReadsBack(double realSeconds) const {
+    return impl_->WaitAllReturned(realSeconds);
+}
+
 size_t Pin::ReadsOutstanding() const {
     std::lock_guard lock(impl_->sync->mutex);
     return impl_->sync->outstanding;

@@ -135,6 +135,8 @@ class Pin {
 
     // Reads sent and not yet come back.
     size_t ReadsOutstanding() const;
+    // Waits until every read sent has come back; false after `realSeconds`.
+    bool WaitReadsBack(double realSeconds) const;
 
     struct Impl;
 

@@ -14,10 +14,10 @@ struct StressSettings {
     // ORNIX_STRESS_CANCELS: 1 (the default) the pins cancel reads now and
     // then; 0 they never do.
     bool cancels = true;
-    // ORNIX_STRESS_POWER: 0 (the default until the driver's counters survive
-    // them, see docs/stress.md) no power cycles; 1 in rounds whose camera
-    // keeps its FPGA through D3; 2 also in rounds where the driver reloads it.
-    int powerCycles = 0;
+    // ORNIX_STRESS_POWER: 0 no power cycles; 1 in rounds whose camera keeps
+    // its FPGA through D3; 2 (the default) also in rounds where the driver
+    // reloads it.
+    int powerCycles = 2;
 };
 
 // Reads the environment once; an unreadable value stops the run with a message.

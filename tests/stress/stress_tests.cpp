@@ -249,8 +249,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
     // statistics of the run that ended are added up.
     auto settleStopped = [&] {
         party.Doing("waiting for every read after a stop");
-        while (pin.ReadsOutstanding() != 0) {
-            std::this_thread::yield();
+        while (!pin.WaitReadsBack(kReadPoll)) {
         }
         const size_t unseen = holding ? ring - 1 : ring;
         for (size_t i = 0; i < unseen; ++i) {
@@ -394,8 +393,7 @@ void StressTest::DrivePin(ULONG number, winsim::Pin& pin, size_t ring, Round& ro
         return;  // stopped before the removal: nothing was out
     }
     party.Doing("waiting for every read after the removal");
-    while (pin.ReadsOutstanding() != 0) {
-        std::this_thread::yield();
+    while (!pin.WaitReadsBack(kReadPoll)) {
     }
     const size_t unseen = holding ? ring - 1 : ring;
     for (size_t i = 0; i < unseen && state != KSSTATE_STOP; ++i) {
@@ -504,9 +502,9 @@ void StressTest::Control(Round& round, Random& random, uint64_t actions,
             framesSeen[pin] = round.AwaitFrameAfter(pin, framesSeen[pin]);
             InjectFault(random, pin);
         } else if (Settings().powerCycles > (losesFpga_ ? 1 : 0) && Chance(random, 0.1)) {
-            // The FPGA reload on the way back to D0 selects interfaces while
-            // the stream engines may restart on their own: ORNIX_STRESS_POWER=2
-            // only (it races, see docs/stress.md).
+            // In a round whose camera loses its FPGA, the reload on the way
+            // back to D0 selects interfaces while the stream engines may
+            // restart on their own.
             party.Doing("power cycling the device");
             PowerCycle(round);
             party.Progress("power cycled the device");
