@@ -125,12 +125,5 @@ TEST(Fpga, PowerLostInProgramModeEndsTheDownloadAndAFailedOneIsNoConfiguration) 
     EXPECT_EQ(camera.FpgaConfigurations(), 0u);
 }
 
-TEST(Fpga, ThePowerFlagIsABoolAndNothingElse) {
-    EXPECT_FALSE(DefaultProfile().power.losesFpgaInD3);
-    EXPECT_TRUE(ParseProfile(R"({"power": {"losesFpgaInD3": true}})").power.losesFpgaInD3);
-    EXPECT_THROW(ParseProfile(R"({"power": {"losesFpgaInD3": 1}})"), ProfileError);
-    EXPECT_THROW(ParseProfile(R"({"power": {"losesFpga": true}})"), ProfileError);
-}
-
 }  // namespace
 }  // namespace ornixcam

@@ -1,3 +1,5 @@
+// Camera profiles: the shipped default and its documentation, field-by-field
+// overrides, and errors that name the offending field.
 #include <unistd.h>
 
 #include <filesystem>
@@ -121,7 +123,12 @@ TEST(ParseProfile, ErrorsNameTheOffendingField) {
         {R"({"events": {"faults": ["babble"]}})",
          R"(events.faults[0]: expected "longPacket", "zeroLength" or "stall", got "babble")"},
         {R"({"properties": {"brightnes": {}}})", "properties.brightnes: not a property"},
-        {R"({"properties": {"record57": {}}})", "properties.record57"}};
+        {R"({"properties": {"record57": {}}})", "properties.record57"},
+        {R"({"video": {"content": "noise"}})", "video.content"},
+        {R"({"video": {"stillTriggersMs": [10, 5]}})", "video.stillTriggersMs[1]"},
+        {R"({"video": {"pacing": 1}})", "video.pacing: expected true or false"},
+        {R"({"power": {"losesFpgaInD3": 1}})", "power.losesFpgaInD3: expected true or false"},
+        {R"({"power": {"losesFpga": true}})", "power.losesFpga: unknown field"}};
     for (const BadProfile& c : cases) {
         SCOPED_TRACE(c.json);
         EXPECT_THAT([&] { ParseProfile(c.json); },

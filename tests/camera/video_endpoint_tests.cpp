@@ -55,11 +55,6 @@ class VideoEndpointTest : public ::testing::Test {
     std::vector<uint8_t> ready_;
 };
 
-TEST_F(VideoEndpointTest, VideoEndpointsAreTheFirstTwoBulkInEndpoints) {
-    EXPECT_EQ(camera_.CaptureEndpoint(), kCapture);
-    EXPECT_EQ(camera_.StillEndpoint(), kStill);
-}
-
 TEST_F(VideoEndpointTest, StreamControlStartsAnswersEmptyAndStops) {
     camera_.SetPacing(false);
     EXPECT_EQ(Poll(kCapture).handshake(), Handshake::Nak);
@@ -185,13 +180,6 @@ TEST_F(ScheduledStillTest, ExternalTriggersFromTheProfileMakeStillFrames) {
     EXPECT_EQ(camera_.FrameNumberOf(kStill, Poll(kStill).data), 1u);
     EXPECT_EQ(camera_.FrameNumberOf(kStill, Poll(kStill).data), 2u);
     EXPECT_EQ(Poll(kStill).handshake(), Handshake::Nak);
-}
-
-TEST(VideoProfile, RejectsUnknownContentAndTriggersOutOfOrder) {
-    EXPECT_THROW(ParseProfile(R"({"video": {"content": "noise"}})"), ProfileError);
-    EXPECT_THROW(ParseProfile(R"({"video": {"stillTriggersMs": [10, 5]}})"), ProfileError);
-    EXPECT_THROW(ParseProfile(R"({"video": {"pacing": 1}})"), ProfileError);
-    EXPECT_FALSE(ParseProfile(R"({"video": {"pacing": false}})").video.pacing);
 }
 
 class HotPixelTest : public VideoEndpointTest {

@@ -14,8 +14,6 @@
 namespace ornixtest {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 constexpr uint8_t kBulk = 2;
 constexpr uint8_t kInterrupt = 3;
 

@@ -67,12 +67,21 @@ Bytes Pattern(size_t length) {
     return bytes;
 }
 
+void SetCapture(PORNIX_DEVICE_CONTEXT ext, const Geometry& g) {
+    ext->CaptureColourValue = g.colourValue;
+    ext->WindowWidth = g.width;
+    ext->WindowHeight = g.height;
+    ext->StartX = g.startX;
+    ext->StartY = g.startY;
+    ext->BinningX = g.binX;
+    ext->BinningY = g.binY;
+}
+
 class DefectCorrection : public DriverTest {
   protected:
     void SetUp() override {
         DriverTest::SetUp();
         OrnixInvalidateVpd(Ext());
-        saved_ = {Ext()->CameraId, Ext()->Monochrome, Ext()->SensorLayout, Ext()->SensorOrigin};
         Ext()->CameraId = 0x0A2F;  // neither shift
         Ext()->Monochrome = TRUE;
         Ext()->SensorLayout = 0;
@@ -80,12 +89,8 @@ class DefectCorrection : public DriverTest {
         Ext()->PixelCorrectionEnabled = TRUE;
     }
     void TearDown() override {
-        Ext()->DefectSection = nullptr;
+        Ext()->DefectSection = nullptr;  // the list is the test's
         Ext()->DefectSectionLength = 0;
-        Ext()->CameraId = saved_.cameraId;
-        Ext()->Monochrome = saved_.monochrome;
-        Ext()->SensorLayout = saved_.layout;
-        Ext()->SensorOrigin = saved_.origin;
         DriverTest::TearDown();
     }
 
@@ -94,15 +99,7 @@ class DefectCorrection : public DriverTest {
         Ext()->DefectSection = list_.data();
         Ext()->DefectSectionLength = static_cast<ULONG>(list_.size());
     }
-    void SetCapture(const Geometry& g) {
-        Ext()->CaptureColourValue = g.colourValue;
-        Ext()->WindowWidth = g.width;
-        Ext()->WindowHeight = g.height;
-        Ext()->StartX = g.startX;
-        Ext()->StartY = g.startY;
-        Ext()->BinningX = g.binX;
-        Ext()->BinningY = g.binY;
-    }
+    void SetCapture(const Geometry& g) { ornixtest::SetCapture(Ext(), g); }
     void SetStill(const Geometry& g) {
         Ext()->StillColourValue = g.colourValue;
         Ext()->StillWindowWidth = g.width;
@@ -133,12 +130,6 @@ class DefectCorrection : public DriverTest {
     }
 
   private:
-    struct Saved {
-        ULONG cameraId;
-        BOOLEAN monochrome;
-        ULONG layout;
-        ULONG origin;
-    } saved_{};
     Bytes list_;
 };
 
@@ -160,54 +151,29 @@ struct PairCase {
 };
 
 TEST_F(DefectCorrection, ReplacesTheDefectByTheCloserPairOfSameColourNeighbours) {
+    // clang-format off
     const PairCase cases[] = {
         {"mono: horizontal pair differs less",
-         true,
-         {5, 7},
-         {{4, 7, 10}, {6, 7, 20}, {5, 6, 0}, {5, 8, 90}},
-         15},
+         true, {5, 7}, {{4, 7, 10}, {6, 7, 20}, {5, 6, 0}, {5, 8, 90}}, 15},
         {"mono: vertical pair differs less",
-         true,
-         {5, 7},
-         {{4, 7, 0}, {6, 7, 90}, {5, 6, 10}, {5, 8, 20}},
-         15},
+         true, {5, 7}, {{4, 7, 0}, {6, 7, 90}, {5, 6, 10}, {5, 8, 20}}, 15},
         {"mono: a tie keeps the horizontal pair",
-         true,
-         {5, 7},
-         {{4, 7, 10}, {6, 7, 30}, {5, 6, 40}, {5, 8, 60}},
-         20},
+         true, {5, 7}, {{4, 7, 10}, {6, 7, 30}, {5, 6, 40}, {5, 8, 60}}, 20},
         {"mono: column 0 uses the vertical pair",
-         true,
-         {0, 7},
-         {{1, 7, 10}, {0, 6, 40}, {0, 8, 60}},
-         50},
+         true, {0, 7}, {{1, 7, 10}, {0, 6, 40}, {0, 8, 60}}, 50},
         {"mono: column 0 of row 0 copies column 1", true, {0, 0}, {{1, 0, 77}, {0, 1, 5}}, 77},
         {"mono: last column of the last row copies the one before",
-         true,
-         {9, 9},
-         {{8, 9, 33}, {9, 8, 5}},
-         33},
+         true, {9, 9}, {{8, 9, 33}, {9, 8, 5}}, 33},
         {"mono: the mean truncates",
-         true,
-         {5, 7},
-         {{4, 7, 10}, {6, 7, 13}, {5, 6, 0}, {5, 8, 90}},
-         11},
+         true, {5, 7}, {{4, 7, 10}, {6, 7, 13}, {5, 6, 0}, {5, 8, 90}}, 11},
         {"colour: horizontal pair two away",
-         false,
-         {5, 7},
-         {{3, 7, 10}, {7, 7, 20}, {5, 5, 0}, {5, 9, 90}},
-         15},
+         false, {5, 7}, {{3, 7, 10}, {7, 7, 20}, {5, 5, 0}, {5, 9, 90}}, 15},
         {"colour: vertical pair two away",
-         false,
-         {5, 7},
-         {{3, 7, 0}, {7, 7, 90}, {5, 5, 10}, {5, 9, 20}},
-         15},
+         false, {5, 7}, {{3, 7, 0}, {7, 7, 90}, {5, 5, 10}, {5, 9, 20}}, 15},
         {"colour: column 1 copies column 2 when row 1 has no pair",
-         false,
-         {1, 1},
-         {{2, 1, 66}, {3, 1, 1}},
-         66},
+         false, {1, 1}, {{2, 1, 66}, {3, 1, 1}}, 66},
     };
+    // clang-format on
     for (const PairCase& c : cases) {
         SCOPED_TRACE(c.name);
         Ext()->Monochrome = c.monochrome;
@@ -235,62 +201,39 @@ struct MappingCase {
 };
 
 TEST_F(DefectCorrection, MapsSensorPixelsOntoTheWindow) {
-    const Geometry colour2x2 = {.colourValue = 8, .width = 16, .height = 16, .binX = 2, .binY = 2};
+    const Geometry pairs = {.colourValue = 8, .width = 16, .height = 16, .binX = 2, .binY = 2};
     const Geometry mono10 = {.colourValue = 0, .width = 16, .height = 16, .startY = 10};
-    const Geometry phased = {.colourValue = 8, .width = 16, .height = 16, .binX = 2, .binY = 2};
     const Geometry started = {
         .colourValue = 0, .width = 16, .height = 16, .startX = 4, .startY = 4};
+    // Binning 3, origin 5: (12, 12) maps to column and row 4 of a 4 x 4 frame.
+    const Geometry thirds = {.colourValue = 8, .width = 13, .height = 13, .binX = 3, .binY = 3};
+    constexpr ULONG kPhase3 = 0x00030003, kPhase5 = 0x00050005;
+    // clang-format off
     const MappingCase cases[] = {
-        {"2x2 colour pairs: (4, 0)", colour2x2, false, 0, 0, 0x0A2F, {4, 0}, 2, 0},
-        {"2x2 colour pairs: (5, 1)", colour2x2, false, 0, 0, 0x0A2F, {5, 1}, 3, 1},
-        {"2x2 colour pairs: (2, 0) is binned away", colour2x2, false, 0, 0, 0x0A2F, {2, 0}, -1, 0},
-        {"mono camera forced to colour pairs", colour2x2, true, 1, 0, 0x0A2F, {5, 1}, 3, 1},
-        {"mono plain binning: odd column binned away",
-         colour2x2,
-         true,
-         0,
-         0,
-         0x0A2F,
-         {5, 2},
-         -1,
-         0},
-        {"mono plain binning: (6, 2)", colour2x2, true, 0, 0, 0x0A2F, {6, 2}, 3, 1},
+        {"2x2 colour pairs: (4, 0)", pairs, false, 0, 0, 0x0A2F, {4, 0}, 2, 0},
+        {"2x2 colour pairs: (5, 1)", pairs, false, 0, 0, 0x0A2F, {5, 1}, 3, 1},
+        {"2x2 colour pairs: (2, 0) is binned away", pairs, false, 0, 0, 0x0A2F, {2, 0}, -1, 0},
+        {"mono camera forced to colour pairs", pairs, true, 1, 0, 0x0A2F, {5, 1}, 3, 1},
+        {"mono plain binning: odd column binned away", pairs, true, 0, 0, 0x0A2F, {5, 2}, -1, 0},
+        {"mono plain binning: (6, 2)", pairs, true, 0, 0, 0x0A2F, {6, 2}, 3, 1},
         {"row-shift model, start 10: row 12 is row 0", mono10, true, 0, 0, 0x0111, {3, 12}, 3, 0},
         {"row-shift model, start 10: row 10 is above the window",
-         mono10,
-         true,
-         0,
-         0,
-         0x0111,
-         {3, 10},
-         -1,
-         0},
+         mono10, true, 0, 0, 0x0111, {3, 10}, -1, 0},
         {"row shift suppressed by the layout", mono10, true, 2, 0, 0x0111, {3, 10}, 3, 0},
         {"other model, start 10: no shift", mono10, true, 0, 0, 0x0A2F, {3, 10}, 3, 0},
         {"origin-shift model: window moves 4 up and left",
-         started,
-         true,
-         0,
-         0,
-         0x1361,
-         {2, 3},
-         2,
-         3},
+         started, true, 0, 0, 0x1361, {2, 3}, 2, 3},
         {"no origin shift: left of the window", started, true, 0, 0, 0x0A2F, {2, 3}, -1, 0},
-        {"phase 3: (3, 3)", phased, false, 0, 0x00030003, 0x0A2F, {3, 3}, 1, 1},
-        {"phase 3: (4, 4)", phased, false, 0, 0x00030003, 0x0A2F, {4, 4}, 2, 2},
-        {"phase 3: (7, 7)", phased, false, 0, 0x00030003, 0x0A2F, {7, 7}, 3, 3},
-        {"phase 3: (5, 5) is binned away", phased, false, 0, 0x00030003, 0x0A2F, {5, 5}, -1, 0},
+        {"phase 3: (3, 3)", pairs, false, 0, kPhase3, 0x0A2F, {3, 3}, 1, 1},
+        {"phase 3: (4, 4)", pairs, false, 0, kPhase3, 0x0A2F, {4, 4}, 2, 2},
+        {"phase 3: (7, 7)", pairs, false, 0, kPhase3, 0x0A2F, {7, 7}, 3, 3},
+        {"phase 3: (5, 5) is binned away", pairs, false, 0, kPhase3, 0x0A2F, {5, 5}, -1, 0},
         {"phase 3: (2, 2), left of the phase, joins column 1",
-         phased,
-         false,
-         0,
-         0x00030003,
-         0x0A2F,
-         {2, 2},
-         1,
-         1},
+         pairs, false, 0, kPhase3, 0x0A2F, {2, 2}, 1, 1},
+        {"phase 5: (12, 12) is pushed past the frame",
+         thirds, false, 0, kPhase5, 0x0A2F, {12, 12}, -1, 0},
     };
+    // clang-format on
     for (const MappingCase& c : cases) {
         SCOPED_TRACE(c.name);
         Ext()->Monochrome = c.monochrome;
@@ -370,40 +313,28 @@ struct UntouchedCase {
 // each sits in a block of exactly its length, so a stray access fails under
 // the sanitizers, and the frame must come back as it was.
 TEST_F(DefectCorrection, LeavesFramesAloneWhereTheDefectHasNoPlaceInThem) {
+    // clang-format off
     const UntouchedCase cases[] = {
         {"12-bit pixels", {.colourValue = 1, .width = 10, .height = 10}, 150, {9, 9}},
         {"24-bit pixels", {.colourValue = 3, .width = 10, .height = 10}, 300, {9, 9}},
         {"colour id 128", {.colourValue = 128, .width = 10, .height = 10}, 100, {5, 5}},
         {"binning 0", {.colourValue = 0, .width = 10, .height = 10, .binX = 0}, 100, {5, 5}},
         {"binning 65536",
-         {.colourValue = 0, .width = 10, .height = 10, .binY = 65536},
-         100,
-         {0, 0}},
+         {.colourValue = 0, .width = 10, .height = 10, .binY = 65536}, 100, {0, 0}},
         {"binning wider than the window",
-         {.colourValue = 0, .width = 10, .height = 10, .binX = 65535},
-         1,
-         {0, 0}},
+         {.colourValue = 0, .width = 10, .height = 10, .binX = 65535}, 1, {0, 0}},
         {"interlaced with vertical binning: odd row past the frame",
-         {.colourValue = kInterlaced | 0, .width = 8, .height = 480, .binY = 2},
-         8 * 240,
-         {3, 6}},
+         {.colourValue = kInterlaced | 0, .width = 8, .height = 480, .binY = 2}, 8 * 240, {3, 6}},
         {"window not a multiple of the binning",
-         {.colourValue = 0, .width = 5, .height = 4, .binX = 2, .binY = 2},
-         4,
-         {4, 0}},
+         {.colourValue = 0, .width = 5, .height = 4, .binX = 2, .binY = 2}, 4, {4, 0}},
         {"frame shorter than the window: defect past its end",
-         {.colourValue = 0, .width = 10, .height = 10},
-         50,
-         {5, 7}},
+         {.colourValue = 0, .width = 10, .height = 10}, 50, {5, 7}},
         {"16-bit frame cut inside the defect's sample",
-         {.colourValue = 5, .width = 10, .height = 1},
-         11,
-         {5, 0}},
+         {.colourValue = 5, .width = 10, .height = 1}, 11, {5, 0}},
         {"one-column frame: no neighbours at all",
-         {.colourValue = 0, .width = 1, .height = 1},
-         1,
-         {0, 0}},
+         {.colourValue = 0, .width = 1, .height = 1}, 1, {0, 0}},
     };
+    // clang-format on
     for (const UntouchedCase& c : cases) {
         SCOPED_TRACE(c.name);
         SetCapture(c.geometry);
@@ -411,16 +342,6 @@ TEST_F(DefectCorrection, LeavesFramesAloneWhereTheDefectHasNoPlaceInThem) {
         const Bytes frame = Pattern(c.length);
         EXPECT_EQ(Correct(frame), frame);
     }
-}
-
-TEST_F(DefectCorrection, PhaseCanPushTheDefectPastTheFrame) {
-    // Binning 3, origin 5: (12, 12) maps to column and row 4 of a 4 x 4 frame.
-    Ext()->Monochrome = FALSE;
-    Ext()->SensorOrigin = 0x00050005;
-    SetCapture({.colourValue = 8, .width = 13, .height = 13, .binX = 3, .binY = 3});
-    SetDefects({{12, 12}});
-    const Bytes frame = Pattern(16);
-    EXPECT_EQ(Correct(frame), frame);
 }
 
 TEST_F(DefectCorrection, AShortFrameFallsBackToThePairItStillHolds) {
@@ -463,13 +384,7 @@ TEST_F(DefectListReload, CorrectionRacingAReloadReadsOnlyALiveList) {
     ASSERT_NE(Ext()->DefectSection, nullptr);
     ASSERT_EQ(Ext()->DefectSectionLength, 800u);
     Ext()->Monochrome = TRUE;
-    Ext()->CaptureColourValue = 0;
-    Ext()->WindowWidth = 64;
-    Ext()->WindowHeight = 64;
-    Ext()->StartX = 0;
-    Ext()->StartY = 0;
-    Ext()->BinningX = 1;
-    Ext()->BinningY = 1;
+    SetCapture(Ext(), {.colourValue = 0, .width = 64, .height = 64});
 
     constexpr int kReloads = 50;
     std::atomic<bool> done{false};

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "driver_harness.h"
+#include "format_fixture.h"
 
 namespace ornixtest {
 namespace {
@@ -14,15 +14,6 @@ namespace {
 constexpr uint32_t kInterlaced = 0x01000000;
 using Pairs = std::vector<std::pair<ULONG, ULONG>>;
 using Ids = std::vector<ULONG>;
-
-uint32_t Pack(uint32_t low, uint32_t high) {
-    return low | high << 16;
-}
-
-uint32_t FourCc(const char* text) {
-    return uint32_t(uint8_t(text[0])) | uint32_t(uint8_t(text[1])) << 8 |
-           uint32_t(uint8_t(text[2])) << 16 | uint32_t(uint8_t(text[3])) << 24;
-}
 
 const std::string kRaw8 = "F6E72551-EEC1-4018-8AFB-8BBD05350601";
 const std::string kRaw16 = "53723BDE-1892-4EA8-9FA9-0F9B40A541DA";

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <initializer_list>
 #include <numeric>
 #include <string>
@@ -104,67 +103,6 @@ TEST_F(RegisterTest, EachOperationIsOneVendorRequestOfItsShapeAndShortOrFailedAn
     EXPECT_FALSE(NT_SUCCESS(OrnixRegRead(Ext(), ORNIX_SPEC_VERSION, &value)));
     EXPECT_EQ(value, 0x5555AAAAu);
     EXPECT_TRUE(Logged("ORNIX: OrnixControlVendorCommand Error 0xc0000001"));
-}
-
-// The lines each operation prints, word for word (other layers' lines left out): entry,
-// success and failure traces with zero-padded indices and values.
-TEST_F(RegisterTest, EachOperationPrintsItsOwnLines) {
-    Camera().PokeRegister(ORNIX_SPEC_VERSION, 0x00A0000B);
-    ULONG value = 0;
-    std::array<uint8_t, 16> block{};
-    using Operation = std::function<NTSTATUS()>;
-    const struct {
-        const char* name;
-        Operation operation;
-        std::vector<std::string> success;
-        std::vector<std::string> failure;
-    } cases[] = {
-        {"register read",
-         [&] { return OrnixRegRead(Ext(), 0x10010, &value); },
-         {"ORNIX: OrnixRegRead: index:0x0010, read:0x00a0000b"},
-         {"ORNIX: OrnixRegRead: index:0x0010 FAIOLED"}},
-        {"register write",
-         [&] { return OrnixRegWrite(Ext(), kRecord, 0x0000BEEF); },
-         {"ORNIX: OrnixRegWrite, index:0x0400, value:0x0000beef",
-          "ORNIX: OrnixRegWrite, index:0x0400, value:0x0000beef successful"},
-         {"ORNIX: OrnixRegWrite, index:0x0400, value:0x0000beef", "ORNIX:  OrnixRegWrite fialed"}},
-        {"block write",
-         [&] { return OrnixBlockWrite(Ext(), kRecord, block.data(), 16); },
-         {"ORNIX: OrnixBlockWrite, index:0x0400, size:0x10"},
-         {"ORNIX: OrnixBlockWrite, index:0x0400, size:0x10", "ORNIX:  OrnixBlockWrite fialed"}},
-        {"block read",
-         [&] { return OrnixBlockRead(Ext(), ORNIX_SPEC_VERSION, block.data(), 4); },
-         {"ORNIX: OrnixBlockRead: 0x10"},
-         {"ORNIX: OrnixBlockRead: 0x10"}},
-        {"pass-through read",
-         [&] { return OrnixSglRead(Ext(), 12, 0, 4, block.data()); },
-         {"ORNIX: OrnixSglRead, index:12, value:0x0"},
-         {"ORNIX: OrnixSglRead, index:12, value:0x0"}},
-        {"pass-through write",
-         [&] { return OrnixSglWrite(Ext(), 0, 0x251, 2, block.data()); },
-         {"ORNIX: OrnixSglWrite, index: 0, value:0x251"},
-         {"ORNIX: OrnixSglWrite, index: 0, value:0x251"}},
-    };
-    const auto ownLines = [] {
-        std::vector<std::string> lines = Log();
-        std::erase_if(lines, [](const std::string& line) {
-            return line.find("OrnixReg") == std::string::npos &&
-                   line.find("OrnixBlock") == std::string::npos &&
-                   line.find("OrnixSgl") == std::string::npos;
-        });
-        return lines;
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        winsim::ClearDebugLog();
-        EXPECT_EQ(c.operation(), STATUS_SUCCESS);
-        EXPECT_EQ(ownLines(), c.success);
-        winsim::ClearDebugLog();
-        FailVendorRequests(Stack(), FaultAction::Stall, 1);
-        EXPECT_FALSE(NT_SUCCESS(c.operation()));
-        Stack().ClearFaults();
-        EXPECT_EQ(ownLines(), c.failure);
-    }
 }
 
 // A header register, then the body through the message window in pieces of at most

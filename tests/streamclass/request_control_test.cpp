@@ -335,33 +335,32 @@ class DevicePowerTest : public StreamClassTest {
     NTSTATUS minidriverAnswer_ = STATUS_SUCCESS;
 };
 
+// The device loses power whatever the minidriver answers; values outside the
+// device states reach only the minidriver.
 TEST_F(DevicePowerTest, DownTellsTheMinidriverFirstAndUpPowersTheDeviceFirst) {
-    EXPECT_EQ(Change(PowerDeviceD3), (Log{"SRB 4", "device off"}));
-    EXPECT_FALSE(stack_->DevicePowered());
-    EXPECT_EQ(Change(PowerDeviceD0), (Log{"device on", "SRB 1"}));
-    EXPECT_TRUE(stack_->DevicePowered());
-    // D1 and D2 keep the device's power.
-    EXPECT_EQ(Change(PowerDeviceD1), (Log{"SRB 2"}));
-    EXPECT_EQ(Change(PowerDeviceD2), (Log{"SRB 3"}));
-    EXPECT_EQ(Change(PowerDeviceD3), (Log{"SRB 4", "device off"}));
-    EXPECT_EQ(Change(PowerDeviceD0), (Log{"device on", "SRB 1"}));
-}
-
-TEST_F(DevicePowerTest, ValuesOutsideTheDeviceStatesReachOnlyTheMinidriver) {
-    NTSTATUS status = STATUS_PENDING;
-    minidriverAnswer_ = STATUS_INVALID_PARAMETER;
-    EXPECT_EQ(Change(0, &status), (Log{"SRB 0"}));
-    EXPECT_EQ(status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Change(5), (Log{"SRB 5"}));
-    EXPECT_TRUE(stack_->DevicePowered());
-}
-
-TEST_F(DevicePowerTest, TheDeviceLosesPowerWhateverTheMinidriverAnswers) {
-    minidriverAnswer_ = STATUS_UNSUCCESSFUL;
-    NTSTATUS status = STATUS_PENDING;
-    EXPECT_EQ(Change(PowerDeviceD3, &status), (Log{"SRB 4", "device off"}));
-    EXPECT_EQ(status, STATUS_UNSUCCESSFUL);
-    EXPECT_FALSE(stack_->DevicePowered());
+    const struct {
+        ULONG state;
+        NTSTATUS answer;  // the minidriver's, and so the SRB's
+        Log log;
+        bool powered;  // afterwards
+    } steps[] = {
+        {PowerDeviceD3, STATUS_SUCCESS, {"SRB 4", "device off"}, false},
+        {PowerDeviceD0, STATUS_SUCCESS, {"device on", "SRB 1"}, true},
+        {PowerDeviceD1, STATUS_SUCCESS, {"SRB 2"}, true},  // D1 and D2 keep the power
+        {PowerDeviceD2, STATUS_SUCCESS, {"SRB 3"}, true},
+        {0, STATUS_INVALID_PARAMETER, {"SRB 0"}, true},
+        {5, STATUS_SUCCESS, {"SRB 5"}, true},
+        {PowerDeviceD3, STATUS_UNSUCCESSFUL, {"SRB 4", "device off"}, false},
+        {PowerDeviceD0, STATUS_SUCCESS, {"device on", "SRB 1"}, true},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(::testing::Message() << "state " << step.state);
+        minidriverAnswer_ = step.answer;
+        NTSTATUS status = STATUS_PENDING;
+        EXPECT_EQ(Change(step.state, &status), step.log);
+        EXPECT_EQ(status, step.answer);
+        EXPECT_EQ(stack_->DevicePowered(), step.powered);
+    }
 }
 
 }  // namespace

@@ -71,11 +71,15 @@ TEST_F(TransferFaultTest, StallHaltsOnlyTheFilteredEndpoint) {
     EXPECT_FALSE(StatusOf(kInterruptIn).halted);
 }
 
-TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequest) {
-    stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
-                     .action = FaultAction::CompleteOutOfOrder,
-                     .endpoint = kBulkIn});
-    URB first = BulkIn(), second = BulkIn();
+// A held completion comes back after the pipe's next request, or with an abort.
+TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequestOrAnAbort) {
+    const auto holdNext = [&] {
+        stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
+                         .action = FaultAction::CompleteOutOfOrder,
+                         .endpoint = kBulkIn});
+    };
+    holdNext();
+    URB first = BulkIn(), second = BulkIn(), third = BulkIn();
     UrbCall firstCall(Pdo(), &first);
     ASSERT_EQ(firstCall.Send(), STATUS_PENDING);
     stack->WaitIdle();  // a held completion does not keep the stack busy
@@ -86,19 +90,15 @@ TEST_F(TransferFaultTest, OutOfOrderCompletionWaitsForThePipesNextRequest) {
     EXPECT_EQ(firstCall.Wait(), STATUS_SUCCESS);
     EXPECT_LT(secondCall.completedAs, firstCall.completedAs);
     EXPECT_EQ(first.UrbBulkOrInterruptTransfer.TransferBufferLength, 512u);
-}
 
-TEST_F(TransferFaultTest, AbortReleasesAHeldCompletion) {
-    stack->AddFault({.kind = RequestKind::BulkOrInterrupt,
-                     .action = FaultAction::CompleteOutOfOrder,
-                     .endpoint = kBulkIn});
-    URB held = BulkIn();
-    UrbCall heldCall(Pdo(), &held);
-    ASSERT_EQ(heldCall.Send(), STATUS_PENDING);
+    holdNext();
+    UrbCall held(Pdo(), &third);
+    ASSERT_EQ(held.Send(), STATUS_PENDING);
     stack->WaitIdle();
+    EXPECT_FALSE(held.Completed());
     URB abort = PipeUrb(URB_FUNCTION_ABORT_PIPE, PipeFor(kBulkIn));
     EXPECT_EQ(SubmitUrb(Pdo(), &abort), STATUS_SUCCESS);
-    EXPECT_EQ(heldCall.Wait(), STATUS_SUCCESS);
+    EXPECT_EQ(held.Wait(), STATUS_SUCCESS);
 }
 
 }  // namespace
