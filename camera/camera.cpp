@@ -12,6 +12,10 @@ constexpr uint8_t kVendorType = 0x40;
 constexpr uint8_t kTypeMask = 0x60;
 constexpr uint8_t kRecipientMask = 0x1F;
 
+// A message with this header carries the 8-bit look-up table.
+constexpr uint32_t kLookUpTableHeader = 0;
+constexpr size_t kLookUpTableBytes = 256;
+
 std::optional<std::pair<uint8_t, uint8_t>> FindFpgaEndpoint(const ConfigurationProfile& c) {
     for (size_t alternate = 0; alternate < c.alternateSettings.size(); ++alternate) {
         for (const EndpointProfile& endpoint : c.alternateSettings[alternate].endpoints) {
@@ -74,6 +78,8 @@ Camera::Camera(Profile profile)
     : profile_(std::move(profile)),
       standard_(profile_),
       registers_(profile_.Layout(), profile_.PowerUpRegisters()),
+      propertyRecords_(profile_),
+      scratch_(profile_.passThrough.scratchBytes),
       fpga_(profile_.fpga, ExpectedFpgaImage()),
       fpgaEndpoint_(FindFpgaEndpoint(profile_.configuration)),
       eeproms_(profile_.productData),
@@ -120,6 +126,10 @@ void Camera::InstallRegisterBehaviour() {
     });
     onWrite(reg::kMessageHeader, [this](const RegisterWrite& w) {
         messages_.Begin(w.value);
+        receivingTable_ = w.value == kLookUpTableHeader && HasLookUpTable();
+        if (receivingTable_) {
+            lookUpTable_.emplace();
+        }
         if (onMessage_) {
             onMessage_(*messages_.Current());
         }
@@ -129,12 +139,34 @@ void Camera::InstallRegisterBehaviour() {
                                 [this](size_t offset, std::span<const uint8_t> bytes) {
                                     return OnMessageData(offset, bytes);
                                 });
+    onRead(reg::kBinningStatus, [this](uint16_t, uint32_t) { return BinningInEffect(); });
+    propertyRecords_.Install(registers_);
+}
+
+bool Camera::HasLookUpTable() const {
+    return registers_.Contains(reg::kSupport0) &&
+           (registers_.Peek(reg::kSupport0) & reg::kSupport0LookUpTable) != 0;
+}
+
+// The binning of the capture bank the host last programmed, which the
+// capture frames are taken with; a factor of 0 bins nothing and reads 1.
+uint32_t Camera::BinningInEffect() const {
+    uint32_t binning = 0;
+    const uint16_t index = reg::CaptureBank(captureBank_, reg::fmt::kBinning);
+    if (captureBank_ < profile_.FormatBankCount() && registers_.Contains(index)) {
+        binning = registers_.Peek(index);
+    }
+    const uint32_t x = std::max<uint32_t>(binning & 0xFF, 1);
+    const uint32_t y = std::max<uint32_t>((binning >> 16) & 0xFF, 1);
+    return x | y << 16;
 }
 
 WriteOutcome Camera::OnReset(const RegisterWrite& write) {
     if (write.value == reg::kResetMagic) {
         registers_.ResetSettings();
         messages_.Reset();
+        receivingTable_ = false;
+        lookUpTable_.reset();
         enabledEvents_ = 0;
         events_.Restrict(0);
     }
@@ -144,6 +176,11 @@ WriteOutcome Camera::OnReset(const RegisterWrite& write) {
 bool Camera::OnMessageData(size_t offset, std::span<const uint8_t> bytes) {
     if (!messages_.Append(offset, bytes)) {
         return false;
+    }
+    if (receivingTable_) {
+        const std::vector<uint8_t>& body = messages_.Current()->body;
+        const size_t kept = std::min(body.size(), kLookUpTableBytes);
+        lookUpTable_->assign(body.begin(), body.begin() + static_cast<std::ptrdiff_t>(kept));
     }
     if (onMessage_) {
         onMessage_(*messages_.Current());
@@ -186,7 +223,11 @@ Camera::Result Camera::VendorRequest(const usbsim::SetupPacket& setup, std::span
             return setup.DeviceToHost() ? ReadRegisters(setup.wIndex, data)
                                         : WriteRegisters(setup.wIndex, data);
         case vendor_request::kPassThrough:
-            return passThrough_ ? passThrough_(setup, data) : eeproms_.Handle(setup, data);
+            if (passThrough_) {
+                return passThrough_(setup, data);
+            }
+            return setup.wIndex == ScratchMemory::kIndex ? scratch_.Handle(setup, data)
+                                                         : eeproms_.Handle(setup, data);
         default:
             return Result::Stall();
     }
@@ -325,6 +366,11 @@ void Camera::PokeRegister(uint16_t index, uint32_t value) {
 std::optional<Message> Camera::LastMessage() const {
     std::lock_guard lock(mutex_);
     return messages_.Current();
+}
+
+std::optional<std::vector<uint8_t>> Camera::LookUpTable() const {
+    std::lock_guard lock(mutex_);
+    return lookUpTable_;
 }
 
 uint8_t Camera::Configuration() const {

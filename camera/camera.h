@@ -20,9 +20,11 @@
 #include "camera/interrupt_endpoint.h"
 #include "camera/message_assembler.h"
 #include "camera/profile.h"
+#include "camera/property_records.h"
 #include "camera/register_file.h"
 #include "camera/request_log.h"
 #include "camera/ready_timer.h"
+#include "camera/scratch_memory.h"
 #include "camera/standard_requests.h"
 #include "camera/video_endpoint.h"
 #include "platform/usb/usb_device.h"
@@ -63,6 +65,11 @@ class Camera final : public usbsim::UsbDevice {
     uint32_t PeekRegister(uint16_t index) const;  // throws std::out_of_range if unknown
     void PokeRegister(uint16_t index, uint32_t value);
     std::optional<Message> LastMessage() const;
+    // The 8-bit look-up table the camera holds: the body of the last message
+    // with header 0, at most its first 256 bytes. nullopt before the first,
+    // after a settings reset, and always on a camera without one
+    // (ORNIX_SUPPORT0 bit 0 clear).
+    std::optional<std::vector<uint8_t>> LookUpTable() const;
     uint8_t Configuration() const;
     uint8_t AlternateSetting() const;
     bool EndpointHalted(uint8_t address) const;
@@ -93,7 +100,8 @@ class Camera final : public usbsim::UsbDevice {
     // what was there before, built-in register behaviour included.
     void SetReadHook(uint16_t index, ReadHook hook);
     void SetWriteHook(uint16_t index, WriteHook hook);
-    // Replaces the two-wire bus on request 0x13; an empty handler restores it.
+    // Replaces request 0x13 (the two-wire bus and the scratch memory); an
+    // empty handler restores it.
     void SetPassThroughHandler(PassThroughHandler handler);
     void SetMessageHandler(MessageHandler handler);  // called after the header and each body piece
     void SetEndpointHandler(uint8_t address, EndpointHandler handler);  // default: IN naks
@@ -152,6 +160,8 @@ class Camera final : public usbsim::UsbDevice {
     void InstallRegisterBehaviour();
     void SignalEventsIf(bool pending);
     WriteOutcome OnReset(const RegisterWrite& write);
+    bool HasLookUpTable() const;
+    uint32_t BinningInEffect() const;
     void InstallVideo();
     FrameSetup VideoSetup(bool still) const;
     VideoEndpoint* Video(uint8_t endpoint) const;
@@ -166,6 +176,10 @@ class Camera final : public usbsim::UsbDevice {
     StandardRequests standard_;
     RegisterFile registers_;
     MessageAssembler messages_;
+    bool receivingTable_ = false;  // the message under way is a look-up table
+    std::optional<std::vector<uint8_t>> lookUpTable_;
+    PropertyRecords propertyRecords_;
+    ScratchMemory scratch_;
     Fpga fpga_;
     std::optional<std::pair<uint8_t, uint8_t>> fpgaEndpoint_;  // (alternate setting, address)
     EepromBus eeproms_;

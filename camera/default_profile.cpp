@@ -77,6 +77,9 @@ constexpr std::string_view kDefaultProfileJson = R"json(
     ],
     "end": true
   },
+  "passThrough": {
+    "scratchBytes": 256
+  },
   "formatBanks": [
     {
       "maxSize": [1280, 1024], "unitSize": [8, 2], "size": [1280, 1024], "position": [0, 0],
@@ -107,7 +110,7 @@ constexpr std::string_view kDefaultProfileJson = R"json(
     "exposure": {"value": 10000, "min": 100, "max": 2000000, "autoAvailable": true},
     "record13": {"value": 0, "min": 0, "max": 1},
     "record20": {"value": 0, "min": 0, "max": 3},
-    "record42": {"value": 1, "min": 0, "max": 1}
+    "record42": {"value": 1, "min": 0, "max": 1, "clamp": false}
   },
   "registers": {
     "0x0004": 1,

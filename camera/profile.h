@@ -124,6 +124,15 @@ struct PowerProfile {
     bool operator==(const PowerProfile&) const = default;
 };
 
+// Request 0x13 beyond the two-wire bus.
+struct PassThroughProfile {
+    // Size of the scratch memory at wIndex 0x20 (camera/scratch_memory.h);
+    // 0: none, its requests stall.
+    uint32_t scratchBytes = 256;
+
+    bool operator==(const PassThroughProfile&) const = default;
+};
+
 // One section of the product data: its id and payload, laid out behind a
 // 4-byte header.
 struct ProductDataSection {
@@ -206,6 +215,9 @@ struct PropertyRecordProfile {
     uint32_t value = 0;
     uint32_t minimum = 0;
     uint32_t maximum = 0;
+    // A value written is clamped to [minimum, maximum] while the record is
+    // present; false keeps it as written.
+    bool clamp = true;
 
     bool operator==(const PropertyRecordProfile&) const = default;
 };
@@ -254,6 +266,7 @@ struct Profile {
     FpgaProfile fpga;
     PowerProfile power;
     ProductDataProfile productData;
+    PassThroughProfile passThrough;
     std::vector<FormatBankProfile> formatBanks;
     std::map<uint8_t, PropertyRecordProfile> properties;  // record number -> record
     // Power-up values set directly; they win over the values derived from

@@ -73,6 +73,16 @@ void ParsePower(const json& object, PowerProfile& power) {
     }
 }
 
+void ParsePassThrough(const json& object, PassThroughProfile& passThrough) {
+    const std::string path = "passThrough";
+    json_values::RequireFields(object, path, {"scratchBytes"});
+    if (auto it = object.find("scratchBytes"); it != object.end()) {
+        // wValue addresses it: 64 KiB at most.
+        passThrough.scratchBytes =
+            static_cast<uint32_t>(json_values::Unsigned(*it, Path(path, "scratchBytes"), 0x10000));
+    }
+}
+
 void ParseHostController(const json& object, HostControllerProfile& host) {
     const std::string path = "hostController";
     json_values::RequireFields(object, path, {"shortInTransfer"});
@@ -327,7 +337,7 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     json_values::RequireFields(
         root, "",
         {"name", "description", "device", "strings", "configuration", "fpga", "power",
-         "productData", "formatBanks", "properties", "registers", "registerAccess",
+         "productData", "passThrough", "formatBanks", "properties", "registers", "registerAccess",
          "rawDescriptors", "quirks", "registry", "hostController", "events", "video"});
     Mentions valueMentions;
     Mentions quirkMentions;
@@ -354,6 +364,9 @@ Profile ProfileFromJson(std::string_view text, Profile profile,
     }
     if (auto it = root.find("productData"); it != root.end()) {
         ParseProductData(*it, profile.productData, baseDirectory);
+    }
+    if (auto it = root.find("passThrough"); it != root.end()) {
+        ParsePassThrough(*it, profile.passThrough);
     }
     if (auto it = root.find("formatBanks"); it != root.end()) {
         profile.formatBanks = ParseFormatBanks(*it);

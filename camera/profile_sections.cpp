@@ -10,6 +10,7 @@
 
 #include "camera/json_values.h"
 #include "camera/product_data_layout.h"
+#include "camera/property_records.h"
 #include "camera/register_map.h"
 
 namespace ornixcam {
@@ -18,10 +19,6 @@ namespace {
 using json_values::Fail;
 using json_values::Path;
 using nlohmann::json;
-
-constexpr uint32_t kControlPresent = 1u << 31;
-constexpr uint32_t kControlAutoAvailable = 1u << 30;
-constexpr uint32_t kControlAutoOn = 1u << 14;
 
 // The standard controls' records; the others are known by number only.
 constexpr std::array<std::pair<std::string_view, uint8_t>, 14> kPropertyNames = {{
@@ -253,7 +250,8 @@ uint32_t RecordWord(const json& object, const char* key, const std::string& path
 
 PropertyRecordProfile ParsePropertyRecord(const json& object, const std::string& path) {
     json_values::RequireFields(
-        object, path, {"present", "autoAvailable", "auto", "control", "value", "min", "max"});
+        object, path,
+        {"present", "autoAvailable", "auto", "control", "value", "min", "max", "clamp"});
     bool present = true;
     bool autoAvailable = false;
     bool autoOn = false;
@@ -276,6 +274,7 @@ PropertyRecordProfile ParsePropertyRecord(const json& object, const std::string&
     if (object.contains("max")) {
         record.maximum = RecordWord(object, "max", path);
     }
+    ReadBool(object, "clamp", path, record.clamp);
     return record;
 }
 

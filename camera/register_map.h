@@ -41,6 +41,9 @@ inline constexpr uint16_t kBinningStatus = 0x101C;
 inline constexpr uint16_t kSupport0 = 0x4FF8;
 inline constexpr uint16_t kMessageHeader = 0x4FFC;
 
+// kSupport0: the camera keeps an 8-bit look-up table sent as a message with header 0.
+inline constexpr uint32_t kSupport0LookUpTable = 1u << 0;
+
 // Writing this value to kReset returns the settings to their power-up values.
 inline constexpr uint32_t kResetMagic = 0xFFFFFFFF;
 
@@ -50,7 +53,7 @@ inline constexpr uint32_t kFpgaLeaveProgramMode = 0x00000000;
 inline constexpr uint32_t kFpgaConfigured = 0x20;
 inline constexpr uint32_t kFpgaBusy = 0x40;
 
-// Property block: 57 records of 16 bytes, all read/write.
+// Property block: 57 records of 16 bytes, all read/write (camera/property_records.h).
 inline constexpr uint16_t kPropertyBlockFirst = 0x0400;
 inline constexpr uint16_t kPropertyRecordSize = 16;
 inline constexpr uint16_t kPropertyRecordCount = 57;

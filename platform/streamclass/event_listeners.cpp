@@ -64,6 +64,17 @@ bool DeviceEventListener::WaitForCount(uint64_t count, int64_t timeout100ns) con
     return true;
 }
 
+bool DeviceEventListener::WaitForNext(std::chrono::milliseconds realTimeout) {
+    std::unique_lock lock(mutex_);
+    const bool arrived =
+        signalled_.wait_for(lock, realTimeout, [this] { return count_ > taken_ || !enabled_; });
+    if (!arrived || count_ == taken_) {
+        return false;
+    }
+    ++taken_;
+    return true;
+}
+
 void DeviceEventListener::Signal() {
     {
         std::lock_guard lock(mutex_);
@@ -76,9 +87,12 @@ void DeviceEventListener::Signal() {
 }
 
 void DeviceEventListener::Disable() {
-    std::lock_guard lock(mutex_);
-    enabled_ = false;
-    entry_.Flags |= KSEVENT_ENTRY_DELETED;
+    {
+        std::lock_guard lock(mutex_);
+        enabled_ = false;
+        entry_.Flags |= KSEVENT_ENTRY_DELETED;
+    }
+    signalled_.notify_all();  // a waiter learns that nothing more comes
 }
 
 void DeviceEventListeners::Add(const std::shared_ptr<DeviceEventListener>& listener) {

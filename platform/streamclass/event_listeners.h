@@ -6,6 +6,7 @@
 
 #include <strmini.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -17,6 +18,8 @@ namespace winsim {
 // How long a listener waits for an event by default: generous, in
 // simulated time, so that only a lost event makes the wait fail.
 inline constexpr int64_t kDeviceEventPatience100ns = 60LL * 10'000'000;
+// The same for WaitForNext, in real time: a fast clock does not shorten it.
+inline constexpr std::chrono::milliseconds kDeviceEventRealPatience{30'000};
 
 class DeviceEventListener {
   public:
@@ -34,6 +37,10 @@ class DeviceEventListener {
     // Blocks until Count() reaches `count` or `timeout100ns` of simulated time
     // has passed; true when the count was reached.
     bool WaitForCount(uint64_t count, int64_t timeout100ns = kDeviceEventPatience100ns) const;
+    // Takes the oldest event not yet taken by an earlier call, waiting for
+    // one for up to `realTimeout` of real time: true when one was taken.
+    // False at once for a disabled listener with none left to take.
+    bool WaitForNext(std::chrono::milliseconds realTimeout = kDeviceEventRealPatience);
 
     // The class's record and the application's data, as the minidriver sees them.
     PKSEVENT_ENTRY Entry() { return &entry_; }
@@ -53,6 +60,7 @@ class DeviceEventListener {
     mutable std::mutex mutex_;
     mutable std::condition_variable signalled_;
     uint64_t count_ = 0;
+    uint64_t taken_ = 0;  // by WaitForNext
     bool enabled_ = true;
 };
 

@@ -200,12 +200,23 @@ DataRangeView DecodeDataRange(const KSDATAFORMAT& format) {
     return view;
 }
 
-std::vector<GUID> SetGuids(ULONG count, const KSPROPERTY_SET* sets) {
-    std::vector<GUID> guids;
+// The sets as the class copies them at SRB_GET_STREAM_INFO: what it checks
+// property requests against from then on.
+std::vector<PropertySetView> DecodePropertySets(ULONG count, const KSPROPERTY_SET* sets) {
+    std::vector<PropertySetView> views;
     for (ULONG s = 0; s < count; ++s) {
-        guids.push_back(*sets[s].Set);
+        const KSPROPERTY_SET& set = sets[s];
+        PropertySetView setView{*set.Set, {}};
+        for (ULONG i = 0; i < set.PropertiesCount; ++i) {
+            const KSPROPERTY_ITEM& item = set.PropertyItem[i];
+            // The whole union: a handler or a TRUE flag both mean "supported".
+            setView.items.push_back({item.PropertyId, item.GetPropertyHandler != nullptr,
+                                     item.SetPropertyHandler != nullptr, item.MinProperty,
+                                     item.MinData, DecodeRange(item.Values)});
+        }
+        views.push_back(std::move(setView));
     }
-    return guids;
+    return views;
 }
 
 }  // namespace
@@ -304,21 +315,12 @@ FilterView DecodeStreamDescriptor(const HW_STREAM_HEADER& header) {
         for (ULONG f = 0; f < info.NumberOfFormatArrayEntries; ++f) {
             pin.ranges.push_back(DecodeDataRange(*info.StreamFormatsArray[f]));
         }
-        pin.propertySets = SetGuids(info.NumStreamPropArrayEntries, info.StreamPropertiesArray);
+        pin.propertySets =
+            DecodePropertySets(info.NumStreamPropArrayEntries, info.StreamPropertiesArray);
         view.pins.push_back(std::move(pin));
     }
-    for (ULONG s = 0; s < header.NumDevPropArrayEntries; ++s) {
-        const KSPROPERTY_SET& set = header.DevicePropertiesArray[s];
-        PropertySetView setView{*set.Set, {}};
-        for (ULONG i = 0; i < set.PropertiesCount; ++i) {
-            const KSPROPERTY_ITEM& item = set.PropertyItem[i];
-            // The whole union: a handler or a TRUE flag both mean "supported".
-            setView.items.push_back({item.PropertyId, item.GetPropertyHandler != nullptr,
-                                     item.SetPropertyHandler != nullptr, item.MinProperty,
-                                     item.MinData, DecodeRange(item.Values)});
-        }
-        view.propertySets.push_back(std::move(setView));
-    }
+    view.propertySets =
+        DecodePropertySets(header.NumDevPropArrayEntries, header.DevicePropertiesArray);
     for (ULONG s = 0; s < header.NumDevEventArrayEntries; ++s) {
         const KSEVENT_SET& set = header.DeviceEventsArray[s];
         EventSetView setView{*set.Set, {}};

@@ -60,17 +60,6 @@ struct DataRangeView {
     std::vector<uint8_t> bytes;
 };
 
-struct PinView {
-    uint32_t number = 0;
-    std::optional<GUID> name;
-    std::optional<GUID> category;
-    uint32_t possibleInstances = 0;
-    KSPIN_DATAFLOW dataFlow = KSPIN_DATAFLOW_OUT;
-    bool dataAccessible = false;
-    std::vector<DataRangeView> ranges;
-    std::vector<GUID> propertySets;  // the stream property sets
-};
-
 // A stepping range and default, from a property item's KSPROPERTY_VALUES.
 struct PropertyRangeView {
     int32_t minimum = 0;
@@ -91,6 +80,17 @@ struct PropertyItemView {
 struct PropertySetView {
     GUID set{};
     std::vector<PropertyItemView> items;
+};
+
+struct PinView {
+    uint32_t number = 0;
+    std::optional<GUID> name;
+    std::optional<GUID> category;
+    uint32_t possibleInstances = 0;
+    KSPIN_DATAFLOW dataFlow = KSPIN_DATAFLOW_OUT;
+    bool dataAccessible = false;
+    std::vector<DataRangeView> ranges;
+    std::vector<PropertySetView> propertySets;  // the stream property sets
 };
 
 struct EventSetView {

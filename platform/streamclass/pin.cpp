@@ -291,16 +291,23 @@ NTSTATUS Pin::GetProperty(const GUID& set, ULONG id, std::span<uint8_t> output, 
 }
 
 std::optional<KSPROPERTY_DROPPEDFRAMES_CURRENT_S> Pin::DroppedFrames(NTSTATUS* status) {
-    KSPROPERTY_DROPPEDFRAMES_CURRENT_S report{};
-    const NTSTATUS result =
-        GetProperty(kDroppedFramesSet, KSPROPERTY_DROPPEDFRAMES_CURRENT,
-                    std::span<uint8_t>(reinterpret_cast<uint8_t*>(&report), sizeof(report)));
+    // As applications ask it: the whole record is both the property and the data.
+    StreamClass::PropertyRequest request;
+    request.set = kDroppedFramesSet;
+    request.id = KSPROPERTY_DROPPEDFRAMES_CURRENT;
+    request.propertyExtra.assign(sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S) - sizeof(KSPROPERTY),
+                                 0);
+    request.dataSize = sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S);
+    const StreamClass::PropertyAnswer answer =
+        impl_->streamClass.GetStreamProperty(impl_->stream, request);
     if (status != nullptr) {
-        *status = result;
+        *status = answer.status;
     }
-    if (!NT_SUCCESS(result)) {
+    if (!NT_SUCCESS(answer.status)) {
         return std::nullopt;
     }
+    KSPROPERTY_DROPPEDFRAMES_CURRENT_S report{};
+    std::memcpy(&report, answer.data.data(), sizeof report);
     return report;
 }
 

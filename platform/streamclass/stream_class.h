@@ -44,6 +44,21 @@ struct StreamPropertyAnswer {
 
 class StreamClass {
   public:
+    // One property request as an application sends it through KS.
+    struct PropertyRequest {
+        GUID set{};
+        ULONG id = 0;
+        std::vector<uint8_t> propertyExtra;  // input after the 24-byte KSPROPERTY header
+        ULONG dataSize = 0;                  // size of the data buffer
+        std::vector<uint8_t> data;           // its contents when sent (zero-filled up to dataSize)
+    };
+    struct PropertyAnswer {
+        NTSTATUS status = STATUS_PENDING;
+        ULONG actualBytesTransferred = 0;  // the IRP's Information
+        std::vector<uint8_t> data;         // the data buffer after the request (dataSize bytes)
+        bool reachedMinidriver = false;    // false when the class answered it itself
+    };
+
     // Calls driverEntry with a fresh driver object and a registry path; the
     // minidriver must call StreamClassRegisterAdapter from it.
     explicit StreamClass(PDRIVER_INITIALIZE driverEntry);
@@ -156,6 +171,24 @@ class StreamClass {
     // SRB_PAGING_OUT_DRIVER, as the class sends it before paging the minidriver out.
     SrbResult PageOutDriver();
 
+    // ---- Property requests (streamclass/properties.cpp)
+    // A get or set of a device property, checked the way KS checks it
+    // against the property sets published at SRB_GET_STREAM_INFO before the
+    // minidriver hears of it: an unpublished set is STATUS_PROPSET_NOT_FOUND,
+    // an unknown id STATUS_NOT_FOUND, an operation the item does not support
+    // STATUS_INVALID_DEVICE_REQUEST, a property record (24 bytes + extra)
+    // below MinProperty STATUS_INVALID_BUFFER_SIZE, a data buffer below
+    // MinData STATUS_BUFFER_OVERFLOW with Information = MinData when it is
+    // empty, else STATUS_BUFFER_TOO_SMALL. Otherwise SRB_GET_DEVICE_PROPERTY or
+    // SRB_SET_DEVICE_PROPERTY goes the way SendAdapterSrb sends it. A write
+    // past the data buffer or past the property record, and a success
+    // claiming more bytes than the data buffer holds, are DEVICE_PROPERTY
+    // findings. The adapter must be started. `data` longer than `dataSize`
+    // throws std::invalid_argument. A request the minidriver never completes
+    // answers STATUS_IO_TIMEOUT with no data; its buffers are never freed.
+    PropertyAnswer GetDeviceProperty(const PropertyRequest& request);
+    PropertyAnswer SetDeviceProperty(const PropertyRequest& request);
+
     // ---- Streams (streamclass/streams.cpp)
     // Opens stream `number` as an application's pin create does: a zeroed
     // stream extension of PerStreamExtensionSize bytes, a HW_STREAM_OBJECT,
@@ -179,11 +212,11 @@ class StreamClass {
     StreamSrbResult SendStreamControl(
         PHW_STREAM_OBJECT stream, SRB_COMMAND command,
         const std::function<void(HW_STREAM_REQUEST_BLOCK&)>& prepare = {});
-    // SRB_GET_STREAM_PROPERTY for `id` of `set`, which must be one of the
-    // stream's published property sets (else STATUS_PROPSET_NOT_FOUND, not
-    // sent), into an output buffer of `outputLength` bytes. A write past
-    // that buffer, or a success claiming more bytes, is a STREAM_PROPERTY
-    // finding.
+    // SRB_GET_STREAM_PROPERTY with the checks of GetDeviceProperty against
+    // the stream's published property sets; findings are STREAM_PROPERTY.
+    PropertyAnswer GetStreamProperty(PHW_STREAM_OBJECT stream, const PropertyRequest& request);
+    // The same for `id` of `set` with a bare KSPROPERTY and an output buffer
+    // of `outputLength` bytes.
     StreamPropertyAnswer GetStreamProperty(PHW_STREAM_OBJECT stream, const GUID& set, ULONG id,
                                            ULONG outputLength);
 
@@ -199,6 +232,8 @@ class StreamClass {
     void SendDataSrb(PHW_STREAM_REQUEST_BLOCK srb);
 
   private:
+    PropertyAnswer SendDeviceProperty(const PropertyRequest& request, bool isSet);
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -51,7 +51,7 @@ struct StreamRecord {
     void* extension = nullptr;  // class memory, PerStreamExtensionSize bytes
     ULONG number = 0;
     std::vector<uint8_t> format;
-    std::vector<GUID> propertySets;  // the published stream property sets
+    std::vector<PropertySetView> propertySets;  // the published stream property sets
     bool open = false;
 };
 

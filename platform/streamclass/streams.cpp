@@ -1,6 +1,6 @@
 // Streams of the simulated stream class: open and close through the adapter,
-// control and data SRBs to the routines the minidriver installed at open,
-// and stream properties with a guard behind the application's buffer.
+// control and data SRBs to the routines the minidriver installed at open
+// (stream properties: streamclass/properties.cpp).
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -10,11 +10,6 @@
 
 namespace winsim {
 namespace {
-
-// Guard behind a stream property's output buffer: a whole record of the
-// largest video properties fits in it.
-constexpr size_t kPropertyGuardBytes = 256;
-constexpr uint8_t kPropertyGuardFill = 0xCD;
 
 // How long the class waits for a stream control SRB: generous, simulated.
 constexpr int64_t kStreamSrbPatience100ns = 120LL * 10'000'000;
@@ -156,72 +151,6 @@ StreamSrbResult StreamClass::SendStreamControl(
     result.actualBytesTransferred = srb->ActualBytesTransferred;
     result.srb = *srb;
     return result;
-}
-
-StreamPropertyAnswer StreamClass::GetStreamProperty(PHW_STREAM_OBJECT stream, const GUID& set,
-                                                    ULONG id, ULONG outputLength) {
-    StreamRecord* record = impl_->FindStream(stream);
-    if (record == nullptr) {
-        throw std::logic_error("StreamClass: property request for a stream that is not open");
-    }
-    StreamPropertyAnswer answer;
-    const auto found = std::find_if(record->propertySets.begin(), record->propertySets.end(),
-                                    [&](const GUID& g) { return SameGuid(g, set); });
-    if (found == record->propertySets.end()) {
-        answer.status = STATUS_PROPSET_NOT_FOUND;
-        return answer;
-    }
-    // The descriptor and buffers outlive the call: a minidriver that never
-    // completes the request may still write into them later.
-    struct Request {
-        KSPROPERTY property{};
-        STREAM_PROPERTY_DESCRIPTOR descriptor{};
-        std::vector<uint8_t> output;
-    };
-    static std::mutex keptMutex;
-    static std::list<std::unique_ptr<Request>> kept;
-    auto request = std::make_unique<Request>();
-    request->property.Set = set;
-    request->property.Id = id;
-    request->property.Flags = KSPROPERTY_TYPE_GET;
-    request->output.assign(outputLength + kPropertyGuardBytes, 0);
-    std::memset(request->output.data() + outputLength, kPropertyGuardFill, kPropertyGuardBytes);
-    STREAM_PROPERTY_DESCRIPTOR& descriptor = request->descriptor;
-    descriptor.Property = &request->property;
-    descriptor.PropertySetID = static_cast<ULONG>(found - record->propertySets.begin());
-    descriptor.PropertyInfo = request->output.data();
-    descriptor.PropertyInputSize = sizeof(KSPROPERTY);
-    descriptor.PropertyOutputSize = outputLength;
-
-    const StreamSrbResult result =
-        SendStreamControl(stream, SRB_GET_STREAM_PROPERTY, [&](HW_STREAM_REQUEST_BLOCK& srb) {
-            srb.CommandData.PropertyInfo = &descriptor;
-            srb.NumberOfBytesToTransfer = outputLength;
-        });
-    answer.status = result.completed ? result.status : STATUS_IO_TIMEOUT;
-    answer.actualBytesTransferred = result.actualBytesTransferred;
-    const std::string what = "SRB_GET_STREAM_PROPERTY (set index " +
-                             std::to_string(descriptor.PropertySetID) + ", id " +
-                             std::to_string(id) + ") on stream " + std::to_string(record->number);
-    const bool overrun = std::any_of(request->output.begin() + outputLength, request->output.end(),
-                                     [](uint8_t b) { return b != kPropertyGuardFill; });
-    if (overrun) {
-        ReportViolation(
-            "STREAM_PROPERTY",
-            what + " wrote past the " + std::to_string(outputLength) + "-byte output buffer");
-        answer.status = STATUS_BUFFER_OVERFLOW;
-    } else if (NT_SUCCESS(answer.status) && answer.actualBytesTransferred > outputLength) {
-        ReportViolation("STREAM_PROPERTY",
-                        what + " claims " + std::to_string(answer.actualBytesTransferred) +
-                            " bytes returned in a " + std::to_string(outputLength) +
-                            "-byte output buffer");
-    }
-    answer.output.assign(request->output.begin(), request->output.begin() + outputLength);
-    if (!result.completed) {
-        std::lock_guard lock(keptMutex);
-        kept.push_back(std::move(request));
-    }
-    return answer;
 }
 
 PHW_STREAM_REQUEST_BLOCK StreamClass::CreateDataSrb(PHW_STREAM_OBJECT stream, SRB_COMMAND command,

@@ -54,17 +54,19 @@ TEST(Registers, ReadsReturnPowerUpValuesOrStallAsAWhole) {
 }
 
 TEST(Registers, WritesStoreBytesAcrossRegistersOrNoneIfRefused) {
-    Camera camera;
-    const uint16_t record = reg::kPropertyBlockFirst + 16 * 5;
-    ASSERT_EQ(WriteRegisters(camera, record, {1, 2, 3, 4, 5, 6, 7, 8, 9}), kAck);
-    EXPECT_EQ(camera.PeekRegister(record + 8), 0x00000009u);
+    // Three plain registers with no behaviour of their own.
+    Camera camera(ParseProfile(R"({"registerAccess": {
+        "0x0020": "readWrite", "0x0024": "readWrite", "0x0028": "readWrite"}})"));
+    const uint16_t first = 0x0020;
+    ASSERT_EQ(WriteRegisters(camera, first, {1, 2, 3, 4, 5, 6, 7, 8, 9}), kAck);
+    EXPECT_EQ(camera.PeekRegister(first + 8), 0x00000009u);
     // An unaligned write merges into the registers it touches.
-    ASSERT_EQ(WriteRegisters(camera, record + 3, {0xAA, 0xBB}), kAck);
-    EXPECT_EQ(ReadRegisters(camera, record, 8).data, (Bytes{1, 2, 3, 0xAA, 0xBB, 6, 7, 8}));
+    ASSERT_EQ(WriteRegisters(camera, first + 3, {0xAA, 0xBB}), kAck);
+    EXPECT_EQ(ReadRegisters(camera, first, 8).data, (Bytes{1, 2, 3, 0xAA, 0xBB, 6, 7, 8}));
     // A zero-length write has no data stage and changes nothing.
-    EXPECT_EQ(WriteRegisters(camera, record, {}), kAck);
-    EXPECT_EQ(camera.PeekRegister(record), 0xAA030201u);
-    // The whole property block is one read/write window.
+    EXPECT_EQ(WriteRegisters(camera, first, {}), kAck);
+    EXPECT_EQ(camera.PeekRegister(first), 0xAA030201u);
+    // The whole property block takes block writes (camera/property_records.h).
     EXPECT_EQ(WriteRegisters(camera, reg::kPropertyBlockFirst,
                              Bytes(16 * reg::kPropertyRecordCount, 0x5A)),
               kAck);

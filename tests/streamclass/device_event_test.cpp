@@ -140,5 +140,35 @@ TEST_F(DeviceEventTest, SignalsReachOnlyTheListenersOfThatAdapterSetAndId) {
     EXPECT_TRUE(b0->Enabled());
 }
 
+// An application waits for each event in turn; the wait is bounded in real
+// time, so the fixture's fast clock does not cut it short.
+TEST_F(DeviceEventTest, AListenerTakesEachEventOnceAndIsReleasedWhenDisabled) {
+    auto sc = Adapter();
+    auto listener = sc->EnableDeviceEvent(kSetA, 2);
+    ASSERT_NE(listener, nullptr);
+    std::thread signaller([&] {
+        winsim::RunAtIrql(DISPATCH_LEVEL, [&] {
+            Signal(*sc, kSetA, 2);
+            Signal(*sc, kSetA, 2);
+        });
+    });
+    EXPECT_TRUE(listener->WaitForNext());
+    EXPECT_TRUE(listener->WaitForNext());
+    signaller.join();
+    EXPECT_EQ(listener->Count(), 2u);
+
+    // What arrived before the disable can still be taken; then a waiter
+    // learns at once that nothing more comes.
+    Signal(*sc, kSetA, 2);
+    bool taken = true;
+    std::thread waiter([&] {
+        EXPECT_TRUE(listener->WaitForNext());
+        taken = listener->WaitForNext();
+    });
+    EXPECT_EQ(sc->DisableDeviceEvent(listener), STATUS_SUCCESS);
+    waiter.join();
+    EXPECT_FALSE(taken);
+}
+
 }  // namespace
 }  // namespace sctest

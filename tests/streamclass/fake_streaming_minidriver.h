@@ -202,7 +202,12 @@ inline void STREAMAPI StreamingReceiveControl(PHW_STREAM_REQUEST_BLOCK srb) {
 
 // The adapter part: the stream descriptor, open and close.
 struct StreamingTables {
-    KSPROPERTY_ITEM item{};
+    KSPROPERTY_ITEM item = [] {
+        KSPROPERTY_ITEM get{};
+        get.GetSupported = TRUE;
+        get.MinProperty = sizeof(KSPROPERTY);
+        return get;
+    }();
     KSPROPERTY_SET sets[2] = {{&kOtherSet, 1, &item, 0, nullptr},
                               {&kDroppedFramesSet, 1, &item, 0, nullptr}};
 };

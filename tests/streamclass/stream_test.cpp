@@ -166,7 +166,7 @@ TEST_F(StreamingTest, StreamPropertiesAskTheSetByIndexAndCatchWritesPastTheBuffe
 
     state_.propertyWrites = 60;
     EXPECT_EQ(pin->GetProperty(kDroppedFramesSet, 0, output), STATUS_BUFFER_OVERFLOW);
-    ExpectViolation("STREAM_PROPERTY", {"wrote past the 48-byte output buffer"});
+    ExpectViolation("STREAM_PROPERTY", {"wrote past the 48-byte data buffer"});
 
     const GUID unpublished = {9, 9, 9, {9}};
     const uint64_t sent = sc_->SrbsSent();
