@@ -26,7 +26,8 @@ done
 
 if [[ -f fuzz/CMakeLists.txt ]]; then
     step "build fuzz" bash -c "cmake --preset fuzz >/dev/null && cmake --build --preset fuzz"
-    step "run fuzz" scripts/run-fuzz.sh build/fuzz
+    # Two minutes in all, shared by the targets.
+    step "run fuzz" scripts/run-fuzz.sh build/fuzz 40
 fi
 
 for preset in win-x64 win-x86; do

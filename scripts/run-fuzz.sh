@@ -12,7 +12,7 @@ seconds=${2:-60}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-declare -A seeds=([bringup_fuzzer]=bringup [intersection_fuzzer]=intersection)
+declare -A seeds=([bringup_fuzzer]=bringup [intersection_fuzzer]=intersection [property_fuzzer]=property)
 failed=()
 for target in "${!seeds[@]}"; do
     binary=$(find "$build" -type f -name "$target" -perm -u+x | head -n 1)
