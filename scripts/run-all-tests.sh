@@ -7,13 +7,16 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 failed=()
+timings=()
 step() {
     local name=$1
     shift
     echo "=== $name"
+    local start=$SECONDS
     if ! "$@"; then
         failed+=("$name")
     fi
+    timings+=("$(printf '%5d s  %s' $((SECONDS - start)) "$name")")
 }
 
 # Driver code must mean the same on LLP64 Windows as on this LP64 host.
@@ -34,6 +37,9 @@ for preset in win-x64 win-x86; do
     step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
     step "test $preset" ctest --preset "$preset"
 done
+
+echo "=== time per step"
+printf '%s\n' "${timings[@]}"
 
 if ((${#failed[@]} > 0)); then
     # The end of the log is what a reader sees first: repeat which tests
