@@ -264,7 +264,8 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
 
     // Defect correction. DefectLock (spin lock) is held by a correction for
     // as long as it walks DefectSection, and by whoever replaces or frees the
-    // product-data image, so a reload never frees a list being walked.
+    // product-data image, so a reload never frees a list being walked. Once
+    // streams may run, PixelCorrectionEnabled changes and is read under it too.
     BOOLEAN PixelCorrectionEnabled;
     KSPIN_LOCK DefectLock;
 
@@ -381,6 +382,9 @@ typedef struct _ORNIX_DEVICE_CONTEXT {
     LONG volatile StiEventCount;
     LONG volatile DeviceEventCount;
     BOOLEAN NoEventRegisters;  // the camera reported no events: write no enable mask
+    // Device events switched on through KSPROPERTY_OXCUSTOM_EVENT_CONTROL
+    // (bit n = event n); changed only by adapter property requests.
+    ULONG EventsEnabled;
 } ORNIX_DEVICE_CONTEXT, *PORNIX_DEVICE_CONTEXT;
 
 // ---------------------------------------------------------------- adapter
@@ -747,8 +751,55 @@ extern const GUID OrnixPropSetVideoControl;   // PROPSETID_VIDCAP_VIDEOCONTROL
 extern const GUID OrnixPropSetOxCustom;       // PROPSETID_VIDCAP_OXCUSTOM
 extern const GUID OrnixPropSetTevrinSgl;      // PROPSETID_ORNIX_TEVRINSGL
 extern const GUID OrnixPropTypeSetGeneral;    // KSPROPTYPESETID_General
+
+// Ids of the adapter's own property sets.
+#define KSPROPERTY_OXCUSTOM_STARTPOS 7
+#define KSPROPERTY_OXCUSTOM_STILLSTARTPOS 8
+#define KSPROPERTY_OXCUSTOM_RESET 16
+#define KSPROPERTY_OXCUSTOM_VERSION 17
+#define KSPROPERTY_OXCUSTOM_BINNING 18
+#define KSPROPERTY_OXCUSTOM_STILLBINNING 19
+#define KSPROPERTY_OXCUSTOM_BUSINFO 20
+#define KSPROPERTY_OXCUSTOM_LUT8 32
+#define KSPROPERTY_OXCUSTOM_STILLWAIT 37
+#define KSPROPERTY_OXCUSTOM_EVENT_CONTROL 38
+#define KSPROPERTY_OXCUSTOM_PIXELCORRECTION 40
+#define KSPROPERTY_TEVRINSGL_RAW 0
+#define KSPROPERTY_TEVRINSGL_VPD 1
+#define KSPROPERTY_TEVRINSGL_STATS 2
+
+// Property records of the second custom set: the 24-byte header, then the
+// request's own fields.
+#define ORNIX_TEVRINSGL_REQUEST_SIZE 32  // raw register and product-data requests
+#define ORNIX_TEVRINSGL_STATS_SIZE 56    // statistics request
+
+// The version word of KSPROPERTY_OXCUSTOM_VERSION: 5.1.1.0x71.
+#define ORNIX_DRIVER_VERSION 0x05010171
+
+// Property requests: the routers and their handlers. Each handler sets
+// ActualBytesTransferred itself; the dispatcher stores the returned status.
+// IRQL: PASSIVE_LEVEL, under RequestMutex.
 NTSTATUS ORNIX_GetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 NTSTATUS ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS GetVideoControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS SetVideoControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixGetVideoProcAmpProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixGetCameraControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetVideoProcAmpProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetCameraControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixGetCustomProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetCustomProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixGetTevrinSglProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetTevrinSglProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+
+// One standard control's record, in property units: the control word read
+// as KSPROPERTY_*_FLAGS_AUTO / _MANUAL and the capabilities, or written from
+// the flags. STATUS_NOT_SUPPORTED for a control without a record: nothing
+// reaches the camera then. IRQL: PASSIVE_LEVEL.
+NTSTATUS OrnixGetDeviceProp(PORNIX_DEVICE_CONTEXT Ext, ULONG Group, ULONG Id, PLONG Value,
+                            PULONG Flags, PULONG Capabilities);
+NTSTATUS OrnixSetDeviceProp(PORNIX_DEVICE_CONTEXT Ext, ULONG Group, ULONG Id, LONG Value,
+                            ULONG Flags);
 
 // ---------------------------------------------------------------- device events
 

@@ -314,15 +314,14 @@ static VOID OrnixCorrectWithList(PORNIX_DEVICE_CONTEXT Ext, PUCHAR Frame, ULONG 
 }
 
 // IRQL: <= DISPATCH_LEVEL. DefectLock keeps the list alive while it is
-// walked: a product-data reload unpublishes it under the same lock.
+// walked: a product-data reload unpublishes it under the same lock. The
+// switch is read under it too, as the property request turns it on and off
+// while frames arrive.
 VOID OrnixCorrectDefectivePixels(PORNIX_DEVICE_CONTEXT Ext, PUCHAR Frame, ULONG Length,
                                  BOOLEAN Still) {
-    if (!Ext->PixelCorrectionEnabled) {
-        return;
-    }
     KIRQL oldIrql;
     KeAcquireSpinLock(&Ext->DefectLock, &oldIrql);
-    if (Ext->DefectSection) {
+    if (Ext->PixelCorrectionEnabled && Ext->DefectSection) {
         OrnixCorrectWithList(Ext, Frame, Length, Still, Ext->DefectSection,
                              Ext->DefectSectionLength / 4);
     }

@@ -68,6 +68,7 @@ VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb) {
     Srb->TimeoutCounter = Srb->TimeoutOriginal;
 
     NTSTATUS refusal = STATUS_SUCCESS;
+    LONG outstanding = 0;
     BOOLEAN queued = FALSE;
     BOOLEAN full = FALSE;
     KIRQL irql;
@@ -81,7 +82,7 @@ VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb) {
     } else {
         // Counted before it becomes visible to the engine, whose completion
         // counts it down.
-        InterlockedIncrement(&stream->OutstandingReads);
+        outstanding = InterlockedIncrement(&stream->OutstandingReads);
         Srb->Status = STATUS_SUCCESS;
         stream->ReadQueue[stream->ReadTail] = Srb;
         stream->ReadTail = StreamNextSlot(stream->ReadTail);
@@ -99,8 +100,9 @@ VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb) {
     if (full) {
         StreamTakeDelayedStart(ext, stream);
     }
-    if (stream->StreamNumber == ORNIX_STILL_STREAM &&
-        InterlockedCompareExchange(&stream->OutstandingReads, 0, 0) == 1 &&
+    // The first read held wakes a still wait. The count this read made is
+    // the one that matters: the engine may have completed it since.
+    if (stream->StreamNumber == ORNIX_STILL_STREAM && outstanding == 1 &&
         OrnixFlagIsSet(&stream->DriverReadyWanted)) {
         KeSetEvent(&stream->DriverReadyEvent, 0, FALSE);
     }

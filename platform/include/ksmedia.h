@@ -4,6 +4,19 @@
 #pragma once
 #include "ks.h"
 
+// Window-system basics the video records embed.
+typedef struct tagRECT {
+    LONG left;
+    LONG top;
+    LONG right;
+    LONG bottom;
+} RECT, *PRECT;
+
+typedef struct tagSIZE {
+    LONG cx;
+    LONG cy;
+} SIZE, *PSIZE;
+
 // ---- video processing, camera control and video control properties
 
 typedef enum {
@@ -58,6 +71,48 @@ typedef enum {
     KSPROPERTY_VIDEOCONTROL_MODE,
 } KSPROPERTY_VIDCAP_VIDEOCONTROL;
 
+typedef enum {
+    KS_VideoControlFlag_FlipHorizontal = 0x0001,
+    KS_VideoControlFlag_FlipVertical = 0x0002,
+    KS_Obsolete_VideoControlFlag_ExternalTriggerEnable = 0x0010,
+    KS_Obsolete_VideoControlFlag_Trigger = 0x0020,
+    KS_VideoControlFlag_ExternalTriggerEnable = 0x0004,
+    KS_VideoControlFlag_Trigger = 0x0008,
+} KS_VideoControlFlags;
+
+// The capabilities of one stream (32 bytes).
+typedef struct {
+    KSPROPERTY Property;
+    ULONG StreamIndex;
+    ULONG VideoControlCaps;
+} KSPROPERTY_VIDEOCONTROL_CAPS_S, *PKSPROPERTY_VIDEOCONTROL_CAPS_S;
+
+// The mode of one stream, KS_VideoControlFlag_* (32 bytes).
+typedef struct {
+    KSPROPERTY Property;
+    ULONG StreamIndex;
+    LONG Mode;
+} KSPROPERTY_VIDEOCONTROL_MODE_S, *PKSPROPERTY_VIDEOCONTROL_MODE_S;
+
+// The frame interval in use and the shortest one available, 100 ns units (56 bytes).
+typedef struct {
+    KSPROPERTY Property;
+    ULONG StreamIndex;
+    ULONG RangeIndex;
+    SIZE Dimensions;
+    LONGLONG CurrentActualFrameRate;
+    LONGLONG CurrentMaxAvailableFrameRate;
+} KSPROPERTY_VIDEOCONTROL_ACTUAL_FRAME_RATE_S, *PKSPROPERTY_VIDEOCONTROL_ACTUAL_FRAME_RATE_S;
+
+// Asks for the frame intervals of a range and size (40 bytes); the answer is a
+// KSMULTIPLE_ITEM followed by its LONGLONG intervals.
+typedef struct {
+    KSPROPERTY Property;
+    ULONG StreamIndex;
+    ULONG RangeIndex;
+    SIZE Dimensions;
+} KSPROPERTY_VIDEOCONTROL_FRAME_RATES_S, *PKSPROPERTY_VIDEOCONTROL_FRAME_RATES_S;
+
 // ---- still-image trigger events
 
 typedef enum {
@@ -65,19 +120,6 @@ typedef enum {
 } KSEVENT_VIDCAPTOSTI;
 
 // ---- video formats and data ranges (VIDEOINFO), dropped-frame counts
-
-// Window-system basics the video records embed.
-typedef struct tagRECT {
-    LONG left;
-    LONG top;
-    LONG right;
-    LONG bottom;
-} RECT, *PRECT;
-
-typedef struct tagSIZE {
-    LONG cx;
-    LONG cy;
-} SIZE, *PSIZE;
 
 typedef int WINBOOL;
 typedef LONGLONG REFERENCE_TIME;
@@ -221,9 +263,7 @@ typedef struct tagKS_DATAFORMAT_VIDEOINFOHEADER {
     KS_VIDEOINFOHEADER VideoInfoHeader;
 } KS_DATAFORMAT_VIDEOINFOHEADER, *PKS_DATAFORMAT_VIDEOINFOHEADER;
 
-typedef enum {
-    KSPROPERTY_DROPPEDFRAMES_CURRENT
-} KSPROPERTY_VIDCAP_DROPPEDFRAMES;
+typedef enum { KSPROPERTY_DROPPEDFRAMES_CURRENT } KSPROPERTY_VIDCAP_DROPPEDFRAMES;
 
 typedef struct {
     KSPROPERTY Property;

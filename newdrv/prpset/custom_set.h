@@ -1,0 +1,18 @@
+// The custom-set handlers that have a file of their own, called by
+// OrnixSetCustomProperty. Each returns the status of the set and reports
+// ActualBytesTransferred itself. IRQL: PASSIVE_LEVEL, under RequestMutex.
+#pragma once
+
+#include "proptable/property_request.h"
+
+// The data every set of this group reads: {word 0, word 1}.
+#define ORNIX_CUSTOM_SET_DATA 8
+
+// Bit of word 0 that switches something on (events, pixel correction).
+#define ORNIX_CUSTOM_ENABLE 0x8000
+
+NTSTATUS OrnixSetCameraReset(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetLut8(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetStillWait(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetEventControl(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS OrnixSetPixelCorrection(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
