@@ -68,9 +68,9 @@ TEST_F(CustomPropertyTest, BinningRequestsNeedANonZeroFactor) {
     EXPECT_EQ(Ext()->RequestedStillBinY, 2u);
     EXPECT_TRUE(VendorRequests().empty());
 
-    // The get reports the binning in use and the camera's status word.
-    Camera().PokeRegister(ORNIX_BINNING_STATUS, 0x12345678);
-    EXPECT_EQ(Get(KSPROPERTY_OXCUSTOM_BINNING, 8).data, Pair(0x12345678, 1, 1));
+    // The get reports the binning in use and the camera's status word: the
+    // format selected is unbinned, which the camera reads as 1 by 1.
+    EXPECT_EQ(Get(KSPROPERTY_OXCUSTOM_BINNING, 8).data, Pair(0x00010001, 1, 1));
     Stack().AddFault({.kind = usbsim::RequestKind::VendorDevice, .occurrence = 1});
     PropertyAnswer failed = Get(KSPROPERTY_OXCUSTOM_BINNING, 8);
     EXPECT_EQ(failed.status, STATUS_SUCCESS);
