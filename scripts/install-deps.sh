@@ -4,7 +4,7 @@
 #   install-deps.sh --run    just what building and running ornixctl needs
 set -euo pipefail
 
-run_packages=(cmake ninja-build g++ nlohmann-json3-dev libcli11-dev libpng-dev libgtest-dev libgmock-dev)
+run_packages=(cmake ninja-build g++ nlohmann-json3-dev libcli11-dev libpng-dev libedit-dev libgtest-dev libgmock-dev)
 all_packages=("${run_packages[@]}" googletest g++-multilib libbenchmark-dev clang libclang-rt-14-dev clang-format
               tshark g++-mingw-w64-x86-64 g++-mingw-w64-i686 binutils-mingw-w64-x86-64
               binutils-mingw-w64-i686 mingw-w64-x86-64-dev mingw-w64-i686-dev python3)

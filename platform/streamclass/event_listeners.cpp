@@ -76,14 +76,24 @@ bool DeviceEventListener::WaitForNext(std::chrono::milliseconds realTimeout) {
 }
 
 void DeviceEventListener::Signal() {
+    std::function<void()> observer;
     {
         std::lock_guard lock(mutex_);
         if (!enabled_) {
             return;
         }
         ++count_;
+        observer = observer_;
     }
     signalled_.notify_all();
+    if (observer) {
+        observer();
+    }
+}
+
+void DeviceEventListener::OnSignal(std::function<void()> observer) {
+    std::lock_guard lock(mutex_);
+    observer_ = std::move(observer);
 }
 
 void DeviceEventListener::Disable() {

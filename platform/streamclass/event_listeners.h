@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -42,6 +43,11 @@ class DeviceEventListener {
     // False at once for a disabled listener with none left to take.
     bool WaitForNext(std::chrono::milliseconds realTimeout = kDeviceEventRealPatience);
 
+    // Calls `observer` after each event signalled for this listener, on the
+    // signalling thread (inside the minidriver's notification, possibly at
+    // DISPATCH_LEVEL): it must only note the event and return.
+    void OnSignal(std::function<void()> observer);
+
     // The class's record and the application's data, as the minidriver sees them.
     PKSEVENT_ENTRY Entry() { return &entry_; }
     PKSEVENTDATA Data() { return &data_; }
@@ -62,6 +68,7 @@ class DeviceEventListener {
     uint64_t count_ = 0;
     uint64_t taken_ = 0;  // by WaitForNext
     bool enabled_ = true;
+    std::function<void()> observer_;
 };
 
 // The enabled events of every adapter, by device extension.

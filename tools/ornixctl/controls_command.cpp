@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "ornixctl/control_values.h"
 #include "ornixctl/names.h"
 #include "ornixctl/text_table.h"
 
@@ -35,6 +36,65 @@ std::string Access(const winsim::PropertyItemView& item) {
     return item.get ? "get" : (item.set ? "set" : "-");
 }
 
+// Every control the camera offers, read now. Records are listed one by one;
+// product-data sections are not controls (`get section:N` reads them).
+std::vector<ControlReading> ReadAll(Session& session) {
+    std::vector<ControlReading> readings;
+    auto read = [&](const ControlRef& control) {
+        if (!control.info->canGet || PublishedItem(session, control) == nullptr) {
+            return;
+        }
+        try {
+            readings.push_back(ReadControl(session, control));
+        } catch (const std::runtime_error& e) {
+            ControlReading failed;
+            failed.json["name"] = control.Name();
+            failed.json["error"] = e.what();
+            failed.text = std::string("unavailable: ") + e.what();
+            readings.push_back(std::move(failed));
+        }
+    };
+    for (const ControlInfo& info : Controls()) {
+        if (info.kind == ControlKind::Record) {
+            for (uint32_t record = 0; record <= 56; ++record) {
+                try {
+                    read(FindControl("record:" + std::to_string(record)));
+                } catch (const UsageError&) {
+                    // reached through a standard control only
+                }
+            }
+        } else if (info.kind != ControlKind::Section) {
+            read(ControlRef{&info, 0, info.id});
+        }
+    }
+    return readings;
+}
+
+std::string Field(const nlohmann::ordered_json& j, const char* key) {
+    return j.contains(key) ? j[key].dump() : "-";
+}
+
+void PrintControls(const std::vector<ControlReading>& readings, std::ostream& out) {
+    TextTable table({"Control", "Value", "Minimum", "Maximum", "Step", "Default", "Mode"});
+    for (const ControlReading& r : readings) {
+        if (r.json.contains("mode") && r.json.contains("minimum")) {
+            table.AddRow({r.json["name"].get<std::string>(), Field(r.json, "value"),
+                          Field(r.json, "minimum"), Field(r.json, "maximum"), Field(r.json, "step"),
+                          Field(r.json, "default"),
+                          r.json["mode"].get<std::string>() +
+                              (r.json["autoAvailable"].get<bool>() ? " (auto available)" : "")});
+        }
+    }
+    out << "\nStandard controls\n";
+    table.Print(out);
+    out << "\nCustom controls\n";
+    for (const ControlReading& r : readings) {
+        if (!(r.json.contains("mode") && r.json.contains("minimum"))) {
+            out << "  " << ControlLine(r) << "\n";
+        }
+    }
+}
+
 }  // namespace
 
 int RunControls(Session& session, bool json, std::ostream& out) {
@@ -42,6 +102,10 @@ int RunControls(Session& session, bool json, std::ostream& out) {
     if (json) {
         nlohmann::ordered_json doc;
         doc["camera"] = session.ProfileName();
+        doc["controls"] = nlohmann::json::array();
+        for (ControlReading& reading : ReadAll(session)) {
+            doc["controls"].push_back(std::move(reading.json));
+        }
         doc["propertySets"] = nlohmann::json::array();
         for (const winsim::PropertySetView& set : filter.propertySets) {
             nlohmann::ordered_json s;
@@ -58,6 +122,8 @@ int RunControls(Session& session, bool json, std::ostream& out) {
     }
 
     out << "Camera: " << session.ProfileName() << "\n";
+    PrintControls(ReadAll(session), out);
+    out << "\nProperty sets\n";
     for (const winsim::PropertySetView& set : filter.propertySets) {
         out << "\n"
             << PropertySetName(set.set) << " {" << winsim::GuidText(set.set) << "}, "

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kernel/kernel.h"
+#include "ornixctl/control_values.h"
 #include "ornixctl/device_facts.h"
 #include "ornixctl/text_table.h"
 
@@ -95,6 +96,21 @@ int RunInfo(Session& session, bool json, std::ostream& out) {
         readings.push_back({&reg, status, value});
     }
 
+    // What the driver reports through its version and bus-information properties.
+    std::vector<std::pair<const char*, ControlReading>> properties;
+    bool propertiesRead = true;
+    for (const char* name : {"version", "bus-info"}) {
+        try {
+            properties.emplace_back(name, ReadControl(session, FindControl(name)));
+        } catch (const std::runtime_error& e) {
+            ControlReading failed;
+            failed.json["error"] = e.what();
+            failed.text = std::string("unavailable: ") + e.what();
+            properties.emplace_back(name, std::move(failed));
+            propertiesRead = false;
+        }
+    }
+
     const nlohmann::ordered_json identity = IdentityJson(session);
     const nlohmann::ordered_json topology = TopologyJson(session);
     if (json) {
@@ -102,6 +118,10 @@ int RunInfo(Session& session, bool json, std::ostream& out) {
         doc["camera"] = session.ProfileName();
         doc["identity"] = identity;
         doc["topology"] = topology;
+        for (auto& [name, reading] : properties) {
+            reading.json.erase("name");
+            doc[name == std::string("version") ? "version" : "busInfo"] = reading.json;
+        }
         doc["registers"] = nlohmann::json::array();
         for (const Reading& r : readings) {
             nlohmann::ordered_json entry;
@@ -121,6 +141,11 @@ int RunInfo(Session& session, bool json, std::ostream& out) {
         out << "\n";
         PrintTopology(topology, out);
         out << "\n";
+        for (const auto& [name, reading] : properties) {
+            out << (name == std::string("version") ? "Version:  " : "Bus:      ") << reading.text
+                << "\n";
+        }
+        out << "\n";
         TextTable table({"Register", "Index", "Value", "Meaning"});
         for (const Reading& r : readings) {
             if (NT_SUCCESS(r.status)) {
@@ -138,7 +163,7 @@ int RunInfo(Session& session, bool json, std::ostream& out) {
             return 1;
         }
     }
-    return 0;
+    return propertiesRead ? 0 : 1;
 }
 
 }  // namespace ornixctl
