@@ -28,8 +28,8 @@ void StreamClass::Impl::CallAtDispatchLevel(const std::function<void()>& call) {
     RunAtIrql(DISPATCH_LEVEL, call);
 }
 
-void StreamClass::Impl::CountDownTimeouts(int64_t seconds) {
-    for (PHW_STREAM_REQUEST_BLOCK srb : srbs.CountDownTimeouts(seconds)) {
+void StreamClass::Impl::CountDownTimeouts(int64_t seconds, int64_t lastTick100ns) {
+    for (PHW_STREAM_REQUEST_BLOCK srb : srbs.CountDownTimeouts(seconds, lastTick100ns)) {
         // Completed meanwhile: nothing to report. A completion may still
         // race the call, as on Windows; the SRB's memory stays valid.
         if (!srbs.Outstanding(srb)) {

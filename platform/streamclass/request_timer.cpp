@@ -9,14 +9,13 @@
 namespace winsim {
 namespace {
 
-constexpr int64_t kSecond100ns = 10'000'000;
 // Real rest between two ticks at large time scales, so that the timer
 // never spins; the seconds passed meanwhile are handed over together.
 constexpr std::chrono::milliseconds kShortestRest{10};
 
 }  // namespace
 
-RequestTimer::RequestTimer(std::function<void(int64_t)> tick) : tick_(std::move(tick)) {}
+RequestTimer::RequestTimer(std::function<void(int64_t, int64_t)> tick) : tick_(std::move(tick)) {}
 
 RequestTimer::~RequestTimer() {
     Stop();
@@ -62,7 +61,7 @@ void RequestTimer::Run() {
         }
         counted += seconds * kSecond100ns;
         lock.unlock();
-        tick_(seconds);
+        tick_(seconds, counted);
         restUntil = std::chrono::steady_clock::now() + kShortestRest;
         lock.lock();
     }

@@ -1,5 +1,6 @@
 #include "streamclass/srb_registry.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <utility>
@@ -7,6 +8,7 @@
 
 #include "kernel/kernel.h"
 #include "kernel/untraced.h"
+#include "streamclass/request_timer.h"
 
 namespace winsim {
 namespace {
@@ -38,6 +40,7 @@ SrbRegistry::Entry& SrbRegistry::Create(SRB_COMMAND command, PVOID deviceExtensi
         entry->extension = std::make_unique<uint8_t[]>(perRequestExtensionSize);
         entry->srb.SRBExtension = entry->extension.get();
     }
+    entry->sentAt100ns = Now100ns();
     std::lock_guard lock(mutex_);
     Entry& ref = *entry;
     bySrb_[&ref.srb] = &ref;
@@ -128,6 +131,7 @@ void SrbRegistry::Rearm(PHW_STREAM_REQUEST_BLOCK srb) {
     if (Entry* entry = Find(srb)) {
         ++sent_;
         entry->completed = false;
+        entry->sentAt100ns = Now100ns();
         entry->srb.Status = STATUS_PENDING;
     }
 }
@@ -138,7 +142,8 @@ bool SrbRegistry::Outstanding(PHW_STREAM_REQUEST_BLOCK srb) const {
     return entry != nullptr && !entry->completed;
 }
 
-std::vector<PHW_STREAM_REQUEST_BLOCK> SrbRegistry::CountDownTimeouts(int64_t seconds) {
+std::vector<PHW_STREAM_REQUEST_BLOCK> SrbRegistry::CountDownTimeouts(int64_t seconds,
+                                                                     int64_t lastTick100ns) {
     std::vector<PHW_STREAM_REQUEST_BLOCK> expired;
     std::lock_guard lock(mutex_);
     // The minidriver may rewrite TimeoutCounter at any moment without a lock
@@ -146,10 +151,13 @@ std::vector<PHW_STREAM_REQUEST_BLOCK> SrbRegistry::CountDownTimeouts(int64_t sec
     kernel::UnwatchedAccessScope unwatched;
     for (auto& entry : entries_) {
         ULONG& counter = entry->srb.TimeoutCounter;
-        if (entry->completed || counter == 0) {
+        if (entry->completed || counter == 0 || entry->sentAt100ns >= lastTick100ns) {
             continue;
         }
-        counter = seconds >= counter ? 0 : counter - static_cast<ULONG>(seconds);
+        // Ticks at lastTick, lastTick - 1 s, ...: those after the send count.
+        const int64_t since = lastTick100ns - entry->sentAt100ns;
+        const int64_t ticks = std::min(seconds, (since + kSecond100ns - 1) / kSecond100ns);
+        counter = ticks >= counter ? 0 : counter - static_cast<ULONG>(ticks);
         if (counter == 0) {
             expired.push_back(&entry->srb);
         }

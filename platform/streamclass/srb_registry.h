@@ -34,6 +34,9 @@ class SrbRegistry {
         // The per-request extension, if the minidriver asked for one.
         std::unique_ptr<uint8_t[]> extension;
         bool completed = false;
+        // Simulated time of the last send: the timer's ticks before it do
+        // not count for this use.
+        int64_t sentAt100ns = 0;
         // Completed by StreamRequestComplete. SRB_OPEN_STREAM and
         // SRB_CLOSE_STREAM carry a stream object and are adapter requests.
         bool streamRequest = false;
@@ -68,10 +71,12 @@ class SrbRegistry {
     // True for an SRB sent and not yet completed.
     bool Outstanding(PHW_STREAM_REQUEST_BLOCK srb) const;
 
-    // One or more seconds passed: counts TimeoutCounter of every outstanding
-    // SRB down by `seconds` (not below 0, a counter of 0 is left alone) and
-    // returns the SRBs whose counter reached 0 now, oldest first.
-    std::vector<PHW_STREAM_REQUEST_BLOCK> CountDownTimeouts(int64_t seconds);
+    // The timer ticked `seconds` times, the last tick at simulated time
+    // `lastTick100ns`, one second apart: counts TimeoutCounter of every
+    // outstanding SRB down by the ticks after its send (not below 0, a
+    // counter of 0 is left alone) and returns the SRBs whose counter reached
+    // 0 now, oldest first.
+    std::vector<PHW_STREAM_REQUEST_BLOCK> CountDownTimeouts(int64_t seconds, int64_t lastTick100ns);
 
     // Waits until the SRB is complete or `simulatedTimeout100ns` passes.
     bool WaitCompleted(const Entry& entry, int64_t simulatedTimeout100ns);

@@ -63,7 +63,9 @@ NTSTATUS StreamClass::Impl::GetStreamInfo() {
 
 StreamClass::StreamClass(PDRIVER_INITIALIZE driverEntry) : impl_(std::make_unique<Impl>()) {
     impl_->timer = std::make_unique<RequestTimer>(
-        [impl = impl_.get()](int64_t seconds) { impl->CountDownTimeouts(seconds); });
+        [impl = impl_.get()](int64_t seconds, int64_t lastTick100ns) {
+            impl->CountDownTimeouts(seconds, lastTick100ns);
+        });
     impl_->driver = CreateDriverObject(kDriverName);
     impl_->registryPath.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(kRegistryPath));
     impl_->registryPath.Length =

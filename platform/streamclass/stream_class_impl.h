@@ -86,7 +86,7 @@ struct StreamClass::Impl {
     // while the adapter is started.
     std::unique_ptr<RequestTimer> timer;
     std::atomic<uint64_t> timeoutsReported{0};
-    void CountDownTimeouts(int64_t seconds);
+    void CountDownTimeouts(int64_t seconds, int64_t lastTick100ns);
     // Calls `call` the way the class calls into the minidriver from its own
     // context: at DISPATCH_LEVEL, serialised unless synchronisation is off.
     void CallAtDispatchLevel(const std::function<void()>& call);
