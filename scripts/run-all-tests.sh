@@ -29,8 +29,8 @@ done
 
 if [[ -f fuzz/CMakeLists.txt ]]; then
     step "build fuzz" bash -c "cmake --preset fuzz >/dev/null && cmake --build --preset fuzz"
-    # Two minutes in all, shared by the targets.
-    step "run fuzz" scripts/run-fuzz.sh build/fuzz 40
+    # Thirty seconds for each target.
+    step "run fuzz" scripts/run-fuzz.sh build/fuzz 30
 fi
 
 for preset in win-x64 win-x86; do
