@@ -29,12 +29,14 @@ TEST_F(UsbTraceTest, EveryTransactionIsSubmittedAndCompletedWithLargeDataCut) {
     // One line per packet, the fields separated by tabs: type, transfer type, endpoint,
     // status, URB length, data captured, packet length and bytes kept; then the
     // request type, request, index and length of a setup packet.
-    const std::string command = std::string(kTshark) + " -r " + path +
-                                " -T fields -e usb.urb_type -e usb.transfer_type"
-                                " -e usb.endpoint_address -e usb.urb_status -e usb.urb_len"
-                                " -e usb.data_len -e frame.len -e frame.cap_len"
-                                " -e usb.bmRequestType -e usb.setup.bRequest"
-                                " -e usb.setup.wIndex -e usb.setup.wLength 2>/dev/null";
+    std::string command = kTshark;
+    command += " -r " + path;
+    command +=
+        " -T fields -e usb.urb_type -e usb.transfer_type"
+        " -e usb.endpoint_address -e usb.urb_status -e usb.urb_len"
+        " -e usb.data_len -e frame.len -e frame.cap_len"
+        " -e usb.bmRequestType -e usb.setup.bRequest"
+        " -e usb.setup.wIndex -e usb.setup.wLength 2>/dev/null";
     std::string decoded;
     FILE* pipe = popen(command.c_str(), "r");
     ASSERT_NE(pipe, nullptr);
