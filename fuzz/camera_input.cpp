@@ -1,5 +1,6 @@
 #include "camera_input.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -131,6 +132,42 @@ void CameraFromInput(Input& in, ornixcam::Profile& profile) {
         std::fprintf(stderr, "verifier finding %s: %s\n", v.check.c_str(), v.message.c_str());
     }
     std::abort();
+}
+
+int RunOnCamera(const uint8_t* data, size_t size, const CameraShaper& shapeCamera,
+                const Exercise& exercise, const char* when) {
+    Input split(data, size);
+    const size_t header = std::min<size_t>(size, 2);
+    const size_t cameraSize = std::min<size_t>(split.U16(), size - header);
+    Input camera(data + header, cameraSize);
+    Input rest(data + header + cameraSize, size - header - cameraSize);
+
+    ornixrig::RigOptions options;
+    CameraFromInput(camera, options.profile);
+    if (shapeCamera) {
+        shapeCamera(camera, options.profile);
+    }
+
+    winsim::ResetKernel();
+    winsim::SetVerifierMode(winsim::VerifierMode::Record);
+    // USB requests are answered in microseconds; time-outs pass quickly.
+    winsim::SetTimeScale(1000.0);
+    try {
+        ornixrig::Rig rig(std::move(options));
+        if (NT_SUCCESS(rig.Start())) {
+            exercise(rest, rig);
+        }
+        rig.Stop();
+    } catch (const ornixcam::ProfileError&) {
+        return -1;
+    }
+    winsim::CheckPoolEmpty(when);
+    std::vector<winsim::Violation> findings = winsim::TakeViolations();
+    if (!findings.empty()) {
+        Fail(findings);
+    }
+    winsim::ClearDebugLog();
+    return 0;
 }
 
 }  // namespace ornixfuzz

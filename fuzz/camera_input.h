@@ -5,10 +5,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "camera/profile.h"
 #include "kernel/kernel.h"
+#include "rig/rig.h"
 
 namespace ornixfuzz {
 
@@ -50,5 +52,16 @@ void CameraFromInput(Input& in, ornixcam::Profile& profile);
 
 // Prints each verifier finding and aborts, so that the fuzzer keeps the input.
 [[noreturn]] void Fail(const std::vector<winsim::Violation>& findings);
+
+// One fuzz input on a fresh machine: a 16-bit length, that many bytes of
+// camera (CameraFromInput, then `shapeCamera` with the same reader), and the
+// rest for `exercise` on the started adapter. Then the adapter stops and
+// the pool must be empty (`when` names the moment in the report); any
+// verifier finding fails the input. Returns -1 for a camera the model
+// cannot be built as (not a driver input), else 0.
+using CameraShaper = std::function<void(Input& camera, ornixcam::Profile& profile)>;
+using Exercise = std::function<void(Input& rest, ornixrig::Rig& rig)>;
+int RunOnCamera(const uint8_t* data, size_t size, const CameraShaper& shapeCamera,
+                const Exercise& exercise, const char* when);
 
 }  // namespace ornixfuzz

@@ -143,34 +143,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    ornixfuzz::Input split(data, size);
-    const size_t header = std::min<size_t>(size, 2);
-    const size_t cameraSize = std::min<size_t>(split.U16(), size - header);
-    ornixfuzz::Input camera(data + header, cameraSize);
-    ornixfuzz::Input requests(data + header + cameraSize, size - header - cameraSize);
-
-    ornixrig::RigOptions options;
-    ornixfuzz::CameraFromInput(camera, options.profile);
-
-    winsim::ResetKernel();
-    winsim::SetVerifierMode(winsim::VerifierMode::Record);
-    // USB requests are answered in microseconds; time-outs pass quickly.
-    winsim::SetTimeScale(1000.0);
-    try {
-        ornixrig::Rig rig(std::move(options));
-        if (NT_SUCCESS(rig.Start())) {
-            SendRequests(requests, rig);
-        }
-        rig.Stop();
-    } catch (const ornixcam::ProfileError&) {
-        // A camera the model cannot be built as: not a driver input.
-        return -1;
-    }
-    winsim::CheckPoolEmpty("end of the property requests");
-    std::vector<winsim::Violation> findings = winsim::TakeViolations();
-    if (!findings.empty()) {
-        ornixfuzz::Fail(findings);
-    }
-    winsim::ClearDebugLog();
-    return 0;
+    return ornixfuzz::RunOnCamera(data, size, nullptr, SendRequests,
+                                  "end of the property requests");
 }
