@@ -186,7 +186,7 @@ typedef struct {
     KSPROPERTY_BOUNDS_LONG Bounds;
 } KSPROPERTY_STEPPING_LONG, *PKSPROPERTY_STEPPING_LONG;
 
-typedef struct _KSPROPERTY_MEMBERSLIST {
+typedef struct {  // untagged, as in Windows' ks.h: routines taking it link by this name
     KSPROPERTY_MEMBERSHEADER MembersHeader;
     const VOID* Members;
 } KSPROPERTY_MEMBERSLIST, *PKSPROPERTY_MEMBERSLIST;

@@ -35,6 +35,7 @@ typedef ULONG_PTR KSPIN_LOCK, *PKSPIN_LOCK;
 
 void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
 void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql);
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock);
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
 void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
 void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);

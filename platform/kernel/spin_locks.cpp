@@ -124,6 +124,13 @@ void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
     Acquire(SpinLock, "KeAcquireSpinLock", *OldIrql);
 }
 
+// What KeAcquireSpinLock expands to in x64 drivers.
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
+    KIRQL oldIrql;
+    KeAcquireSpinLock(SpinLock, &oldIrql);
+    return oldIrql;
+}
+
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
     Released released = Release(SpinLock, "KeReleaseSpinLock");
     if (!released.held) {

@@ -6,6 +6,8 @@
 #include <iomanip>
 #include <ostream>
 
+#include "loader/driver_choice.h"
+
 namespace ornixtest {
 
 std::ostream& operator<<(std::ostream& out, const WireRequest& request) {
@@ -38,7 +40,7 @@ void DriverTest::SetUp() {
     stack_ = std::make_unique<usbsim::UsbStack>(
         *camera_, usbsim::UsbStackOptions{
                       .shortInTransfer = camera_->GetProfile().hostController.shortInTransfer});
-    class_ = std::make_unique<winsim::StreamClass>(&DriverEntry);
+    class_ = std::make_unique<winsim::StreamClass>(winsim::loader::DriverUnderTest(&DriverEntry));
     ASSERT_EQ(class_->DriverEntryStatus(), STATUS_SUCCESS);
     if (StartsAdapterInSetUp()) {
         AddAdapter();

@@ -34,7 +34,7 @@ class CommandLine {
     const GlobalOptions& Globals() const { return options_; }
     bool ChoosesMachine() const {
         return !options_.cameraProfile.empty() || !options_.logFile.empty() ||
-               !options_.traceFile.empty();
+               !options_.traceFile.empty() || !options_.driverFile.empty();
     }
     bool IsShell() const { return shell_->parsed(); }
 
@@ -96,6 +96,8 @@ CommandLine::CommandLine() {
     app_.add_option("--camera", options_.cameraProfile, "camera profile (JSON); default: built-in")
         ->check(CLI::ExistingFile);
     app_.add_option("--log", options_.logFile, "write the driver's debugger output to FILE");
+    app_.add_option("--driver", options_.driverFile,
+                    "run this driver binary (the x64 ornix.sys) instead of the linked driver");
     app_.add_option("--trace", options_.traceFile, "write the USB traffic to FILE (usbmon pcap)");
     app_.add_flag("--json", options_.json, "print JSON instead of tables");
 

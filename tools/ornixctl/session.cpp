@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "kernel/kernel.h"
+#include "loader/driver_choice.h"
 
 namespace ornixctl {
 
@@ -21,6 +22,9 @@ Session::Session(const GlobalOptions& options) {
         });
     }
 
+    if (!options.driverFile.empty()) {
+        winsim::loader::SelectDriverImage(options.driverFile);
+    }
     ornixrig::RigOptions rigOptions;
     if (!options.cameraProfile.empty()) {
         rigOptions.profile = ornixcam::LoadProfile(options.cameraProfile);

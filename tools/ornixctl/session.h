@@ -16,6 +16,7 @@ struct GlobalOptions {
     std::string cameraProfile;  // empty: the built-in default camera
     std::string logFile;        // the driver's debugger output
     std::string traceFile;      // usbmon pcap of the USB traffic
+    std::string driverFile;     // a driver binary to run; empty: the linked driver
     bool json = false;
 };
 

@@ -5,6 +5,7 @@
 
 #include "kernel/kernel.h"
 #include "kernel/sim_clock.h"
+#include "loader/driver_choice.h"
 
 namespace ornixrig {
 
@@ -23,7 +24,8 @@ Rig::Rig(RigOptions options)
     : camera_(std::make_unique<ornixcam::Camera>(std::move(options.profile))),
       usb_(std::make_unique<usbsim::UsbStack>(*camera_,
                                               StackOptionsFor(camera_->GetProfile(), options.usb))),
-      streamClass_(std::make_unique<winsim::StreamClass>(&DriverEntry)) {
+      streamClass_(
+          std::make_unique<winsim::StreamClass>(winsim::loader::DriverUnderTest(&DriverEntry))) {
     if (options.tracePath) {
         usb_->StartTrace(*options.tracePath);
     }
