@@ -59,6 +59,13 @@ std::unique_ptr<DriverImage> chosenImage;
 
 }  // namespace
 
+// Called with every image loaded, for debuggers: scripts/gdb-driver-image.py
+// breaks here to load the twin's symbols where the image landed.
+extern "C" __attribute__((noinline, used)) void ornix_driver_image_loaded(
+    const char* path, const char* twinPath, const void* base, uint64_t preferredBase) {
+    asm volatile("" ::"r"(path), "r"(twinPath), "r"(base), "r"(preferredBase) : "memory");
+}
+
 std::unique_ptr<DriverImage> DriverImage::Load(const std::string& path) {
     std::unique_ptr<DriverImage> driver(new DriverImage);
     driver->path_ = path;
@@ -72,6 +79,8 @@ std::unique_ptr<DriverImage> DriverImage::Load(const std::string& path) {
     }
     const std::string name = std::filesystem::path(path).filename().string();
     AddEmulatedImage(driver->image_->Base(), driver->image_->Size(), name);
+    ornix_driver_image_loaded(path.c_str(), twin.c_str(), driver->image_->Base(),
+                              driver->image_->PreferredBase());
     return driver;
 }
 
