@@ -41,18 +41,19 @@ def main():
         lines += ["\t.text", f"\t.globl {name}", f"\t.type {name}, @function",
                   f"{name}:", f"\tjmp *{slot}(%rip)", f"\t.size {name}, .-{name}",
                   "\t.data", "\t.p2align 3", f"{slot}:", "\t.quad ornix_stub_unbound"]
-        table.append((name, slot, 0))
+        table.append((name, slot, 0, name))
     for name, size in objects:
         lines += ["\t.data", "\t.p2align 4", f"\t.globl {name}", f"\t.type {name}, @object",
                   f"\t.size {name}, {size}", f"{name}:", f"\t.zero {max(size, 1)}"]
-        table.append((name, name, size))
+        table.append((name, name, size, name))
     lines += ["\t.section .rodata"]
-    for index, (name, _, _) in enumerate(table):
+    for index, (name, _, _, _) in enumerate(table):
         lines += [f"ornix_stub_name_{index}:", f'\t.asciz "{name}"']
     lines += ["\t.section .data.rel.ro", "\t.p2align 3", "\t.globl ornix_image_stubs",
               "ornix_image_stubs:"]
-    for index, (_, target, size) in enumerate(table):
-        lines += [f"\t.quad ornix_stub_name_{index}", f"\t.quad {target}", f"\t.quad {size}"]
+    for index, (_, target, size, symbol) in enumerate(table):
+        lines += [f"\t.quad ornix_stub_name_{index}", f"\t.quad {target}", f"\t.quad {size}",
+                  f"\t.quad {symbol}"]
     lines += ["\t.globl ornix_image_stub_count", "ornix_image_stub_count:",
               f"\t.quad {len(table)}", ""]
     with open(output, "w") as out:

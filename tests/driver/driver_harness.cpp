@@ -32,6 +32,13 @@ VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context) {
     ++record->calls;  // last: a test waiting on it sees the rest
 }
 
+// Defined only in a test binary run against a driver binary.
+extern "C" __attribute__((weak)) const void* ornix_image_address_of(const void* linked);
+
+const void* DriverAddress(const void* linked) {
+    return ornix_image_address_of != nullptr ? ornix_image_address_of(linked) : linked;
+}
+
 void DriverTest::SetUp() {
     winsim::ResetKernel();
     winsim::SetVerifierMode(winsim::VerifierMode::Record);

@@ -63,6 +63,11 @@ struct CallbackRecord {
 NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
 VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
 
+// The driver's routine or object at `linked` as the stream class sees it: in
+// a test binary run against a driver binary, the name is a stand-in and the
+// driver's own is in the binary.
+const void* DriverAddress(const void* linked);
+
 class DriverTest : public ::testing::Test {
   protected:
     void SetUp() override;

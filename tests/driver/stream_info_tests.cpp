@@ -56,7 +56,7 @@ TEST_F(StreamInfoTest, EachPinOffersTheCaptureFormatsUnderItsOwnNameBelowTheDevi
                                           s.MediumsCount, ULONG(s.BridgeStream)}),
                       std::vector<ULONG>({1, KSPIN_DATAFLOW_OUT, TRUE, 7, 2, 0, 0, 0}));
             EXPECT_EQ(s.StreamFormatsArray, Ext()->CaptureFormats);
-            EXPECT_EQ(s.StreamPropertiesArray, OrnixStreamPropertySets);
+            EXPECT_EQ(s.StreamPropertiesArray, DriverAddress(OrnixStreamPropertySets));
             EXPECT_EQ(GuidText(s.Name), names[n]);
             EXPECT_EQ(GuidText(s.Category), names[n]);
         }
@@ -66,7 +66,8 @@ TEST_F(StreamInfoTest, EachPinOffersTheCaptureFormatsUnderItsOwnNameBelowTheDevi
     ASSERT_NE(Ext()->EventSetCount, 0u);
     EXPECT_EQ(Header().NumDevEventArrayEntries, Ext()->EventSetCount);
     EXPECT_EQ(Header().DeviceEventsArray, Ext()->EventSets);
-    EXPECT_EQ(Header().DeviceEventRoutine, &OrnixDeviceEventProc);
+    EXPECT_EQ(reinterpret_cast<const void*>(Header().DeviceEventRoutine),
+              DriverAddress(reinterpret_cast<const void*>(&OrnixDeviceEventProc)));
     const KSTOPOLOGY* topology = Header().Topology;
     ASSERT_NE(topology, nullptr);
     ASSERT_EQ(topology->CategoriesCount, 3u);

@@ -5,12 +5,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unordered_map>
+
 #include "loader/driver_image.h"
 
 struct OrnixImageStub {
     const char* name;
-    void* target;  // a routine's slot, or an object's storage
-    size_t size;   // 0 for a routine
+    void* target;         // a routine's slot, or an object's storage
+    size_t size;          // 0 for a routine
+    const void* standIn;  // the routine's stand-in, or the object's copy
 };
 
 extern "C" const OrnixImageStub ornix_image_stubs[];
@@ -22,6 +25,13 @@ extern "C" [[noreturn]] void ornix_stub_unbound() {
 }
 
 namespace {
+
+// Each stand-in's original in the binary (filled before static
+// initialisation reaches this file, hence on first use).
+std::unordered_map<const void*, void*>& Originals() {
+    static std::unordered_map<const void*, void*> originals;
+    return originals;
+}
 
 [[noreturn]] void Fail(const std::string& why) {
     std::fprintf(stderr, "image stubs: %s\n", why.c_str());
@@ -47,7 +57,7 @@ void Bind() {
         void* address = image->Symbol(stub.name);
         if (address == nullptr) {
             missing += std::string(" ") + stub.name;
-        } else if (stub.size == 0) {
+        } else if ((Originals()[stub.standIn] = address), stub.size == 0) {
             *static_cast<void**>(stub.target) = address;
         } else {
             std::memcpy(stub.target, address, stub.size);
@@ -66,3 +76,10 @@ struct Binding {
 __attribute__((init_priority(101))) Binding binding;
 
 }  // namespace
+
+// The binary's routine or object for a stand-in's address (see
+// DriverAddress in driver_harness.h).
+extern "C" const void* ornix_image_address_of(const void* linked) {
+    const auto found = Originals().find(linked);
+    return found == Originals().end() ? linked : found->second;
+}
