@@ -60,8 +60,8 @@ struct CallbackRecord {
     std::atomic<NTSTATUS> status{STATUS_PENDING};
     std::atomic<std::thread::id> thread{};
 };
-NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
-VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
+NTSTATUS ORNIXAPI RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
+VOID ORNIXAPI RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
 
 class DriverTest : public ::testing::Test {
   protected:
