@@ -13,6 +13,18 @@
 
 #include "ornix_registers.h"
 
+// ---------------------------------------------------------------- calling convention
+
+// The calling convention of the driver's own routines and callback types.
+// ornix.sys for x64 uses the Windows x64 convention throughout; the 64-bit
+// Linux build uses it too, so a test calls a loaded ornix.sys's routines
+// exactly as it calls this build's. 32-bit builds keep the compiler's default.
+#if defined(__x86_64__) && !defined(_WIN32)
+#define ORNIXAPI __attribute__((ms_abi))
+#else
+#define ORNIXAPI
+#endif
+
 // ---------------------------------------------------------------- constants
 
 // Every block the driver allocates carries the tag "Wdm ".
@@ -394,99 +406,107 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
 VOID STREAMAPI OrnixReceivePacket(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID STREAMAPI OrnixCancelPacket(PHW_STREAM_REQUEST_BLOCK Srb);
 VOID STREAMAPI OrnixTimeoutPacket(PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixSetDevicePowerState(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixSaveState(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixRestoreState(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixSetDevicePowerState(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixSaveState(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixRestoreState(PORNIX_DEVICE_CONTEXT Ext);
 
 // Shutdown steps shared by surprise removal, paging out and teardown.
-VOID OrnixHaltInterruptPipe(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixHaltInterruptPipe(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- device bring-up
 
-NTSTATUS OrnixInitialize(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-VOID OrnixFindCameraId(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixConfigureAll(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixConfigureDevice(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixSelectConfiguration(PORNIX_DEVICE_CONTEXT Ext,
-                                  PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor);
+NTSTATUS ORNIXAPI OrnixInitialize(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+VOID ORNIXAPI OrnixFindCameraId(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixConfigureAll(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixConfigureDevice(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixSelectConfiguration(PORNIX_DEVICE_CONTEXT Ext,
+                                           PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor);
 // Rebuilds the pipe map from the pipe records of a built, unsubmitted
 // request; always 0.
-ULONG OrnixAssignPipes(PORNIX_DEVICE_CONTEXT Ext, PUSBD_INTERFACE_LIST_ENTRY InterfaceList);
-NTSTATUS InitializeHardware(PORNIX_DEVICE_CONTEXT Ext);
+ULONG ORNIXAPI OrnixAssignPipes(PORNIX_DEVICE_CONTEXT Ext,
+                                PUSBD_INTERFACE_LIST_ENTRY InterfaceList);
+NTSTATUS ORNIXAPI InitializeHardware(PORNIX_DEVICE_CONTEXT Ext);
 // Whether every descriptor lies inside the Returned bytes and each interface
 // is followed by as many endpoint-sized descriptors as it announces.
-BOOLEAN OrnixConfigurationDescriptorIsSound(PUSB_CONFIGURATION_DESCRIPTOR Descriptor,
-                                            ULONG Returned);
-NTSTATUS OrnixUninitializeDevice(PORNIX_DEVICE_CONTEXT Ext);
+BOOLEAN ORNIXAPI OrnixConfigurationDescriptorIsSound(PUSB_CONFIGURATION_DESCRIPTOR Descriptor,
+                                                     ULONG Returned);
+NTSTATUS ORNIXAPI OrnixUninitializeDevice(PORNIX_DEVICE_CONTEXT Ext);
 // Built by the formats and events subsystems during bring-up.
-NTSTATUS OrnixBuildStreamsInfo(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixBuildStreamsInfo(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- USB requests and pipes
 
-NTSTATUS OrnixCallUsbd(PORNIX_DEVICE_CONTEXT Ext, PURB Urb);
+NTSTATUS ORNIXAPI OrnixCallUsbd(PORNIX_DEVICE_CONTEXT Ext, PURB Urb);
 NTSTATUS NTAPI OrnixCallUsbdCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 
 // The pipe record of `PipeIndex` in the interface of `AltSetting`, or NULL.
-PUSBD_PIPE_INFORMATION OrnixGetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting, ULONG PipeIndex);
+PUSBD_PIPE_INFORMATION ORNIXAPI OrnixGetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting,
+                                             ULONG PipeIndex);
 
 // The handle of `Pipe` as the last selection left it, under PipeHandleLock.
 // IRQL: DISPATCH_LEVEL or below.
-USBD_PIPE_HANDLE OrnixReadPipeHandle(PORNIX_DEVICE_CONTEXT Ext, PUSBD_PIPE_INFORMATION Pipe);
+USBD_PIPE_HANDLE ORNIXAPI OrnixReadPipeHandle(PORNIX_DEVICE_CONTEXT Ext,
+                                              PUSBD_PIPE_INFORMATION Pipe);
 
-typedef VOID (*PORNIX_RESET_CALLBACK)(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Context);
+typedef VOID(ORNIXAPI* PORNIX_RESET_CALLBACK)(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status,
+                                              PVOID Context);
 
-NTSTATUS OrnixResetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex);
-VOID OrnixResetPipeNoWait(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex,
-                          PORNIX_RESET_CALLBACK Callback, PVOID Context);
+NTSTATUS ORNIXAPI OrnixResetPipe(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex);
+VOID ORNIXAPI OrnixResetPipeNoWait(PORNIX_DEVICE_CONTEXT Ext, ULONG PipeIndex,
+                                   PORNIX_RESET_CALLBACK Callback, PVOID Context);
 VOID NTAPI OrnixResetPipeWorker(PVOID Parameter);
-NTSTATUS OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting);
+NTSTATUS ORNIXAPI OrnixSelectAltSetting(PORNIX_DEVICE_CONTEXT Ext, ULONG AltSetting);
 
 // Work-item accounting. OrnixBeginWorkItem before queueing (any IRQL up to
 // DISPATCH_LEVEL): FALSE once teardown has closed the gate, and then the item
 // must not be queued. OrnixEndWorkItem as the worker's very last touch of the
 // context. OrnixDrainWorkItems (PASSIVE_LEVEL) closes the gate and waits.
-BOOLEAN OrnixBeginWorkItem(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixEndWorkItem(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixDrainWorkItems(PORNIX_DEVICE_CONTEXT Ext);
+BOOLEAN ORNIXAPI OrnixBeginWorkItem(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixEndWorkItem(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixDrainWorkItems(PORNIX_DEVICE_CONTEXT Ext);
 // Whether teardown or surprise removal has begun: workers then send nothing.
-BOOLEAN OrnixDeviceGoingAway(PORNIX_DEVICE_CONTEXT Ext);
+BOOLEAN ORNIXAPI OrnixDeviceGoingAway(PORNIX_DEVICE_CONTEXT Ext);
 // Waits until no pipe reset is between its check of the flags and its last
 // request (PASSIVE_LEVEL; takes and releases PipeMutex).
-VOID OrnixWaitForPipeResets(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixWaitForPipeResets(PORNIX_DEVICE_CONTEXT Ext);
 
-NTSTATUS OrnixDeferFree(PORNIX_DEVICE_CONTEXT Ext, PVOID Block);
-VOID OrnixFreeDeferred(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixReleaseCameraTables(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixDeferFree(PORNIX_DEVICE_CONTEXT Ext, PVOID Block);
+VOID ORNIXAPI OrnixFreeDeferred(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixReleaseCameraTables(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- vendor requests
 
 // Called once with the transfer's status; the return value is ignored.
-typedef NTSTATUS (*PORNIX_VENDOR_CALLBACK)(PORNIX_DEVICE_CONTEXT Ext, PVOID Context,
-                                           NTSTATUS Status);
+typedef NTSTATUS(ORNIXAPI* PORNIX_VENDOR_CALLBACK)(PORNIX_DEVICE_CONTEXT Ext, PVOID Context,
+                                                   NTSTATUS Status);
 
-NTSTATUS OrnixControlVendorCommand(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, USHORT Value,
-                                   USHORT Index, PVOID Buffer, PULONG BufferLength,
-                                   BOOLEAN DirectionIn);
-NTSTATUS OrnixControlVendorCommand2(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, USHORT Value,
-                                    USHORT Index, PVOID Buffer, PULONG BufferLength,
-                                    BOOLEAN DirectionIn, PORNIX_VENDOR_CALLBACK Callback,
-                                    PVOID Context);
+NTSTATUS ORNIXAPI OrnixControlVendorCommand(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, USHORT Value,
+                                            USHORT Index, PVOID Buffer, PULONG BufferLength,
+                                            BOOLEAN DirectionIn);
+NTSTATUS ORNIXAPI OrnixControlVendorCommand2(PORNIX_DEVICE_CONTEXT Ext, UCHAR Request, USHORT Value,
+                                             USHORT Index, PVOID Buffer, PULONG BufferLength,
+                                             BOOLEAN DirectionIn, PORNIX_VENDOR_CALLBACK Callback,
+                                             PVOID Context);
 VOID NTAPI OrnixControlVendorCommandWorker(PVOID Parameter);
 
 // ---------------------------------------------------------------- camera registers
 
-NTSTATUS OrnixRegRead(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, PULONG Value);
-NTSTATUS OrnixRegWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, ULONG Value);
-NTSTATUS OrnixBlockRead(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, PVOID Buffer, ULONG Length);
-NTSTATUS OrnixBlockWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, PVOID Buffer, ULONG Length);
-NTSTATUS OrnixMessageWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Header, PVOID Buffer, ULONG Length);
-NTSTATUS OrnixSglRead(PORNIX_DEVICE_CONTEXT Ext, USHORT Index, USHORT Value, USHORT Length,
-                      PVOID Buffer);
-NTSTATUS OrnixSglWrite(PORNIX_DEVICE_CONTEXT Ext, USHORT Index, USHORT Value, USHORT Length,
-                       PVOID Buffer);
-NTSTATUS OrnixRegRequestComplete(PORNIX_DEVICE_CONTEXT Ext, PVOID WaitRecord, NTSTATUS Status);
+NTSTATUS ORNIXAPI OrnixRegRead(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, PULONG Value);
+NTSTATUS ORNIXAPI OrnixRegWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, ULONG Value);
+NTSTATUS ORNIXAPI OrnixBlockRead(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, PVOID Buffer,
+                                 ULONG Length);
+NTSTATUS ORNIXAPI OrnixBlockWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Index, PVOID Buffer,
+                                  ULONG Length);
+NTSTATUS ORNIXAPI OrnixMessageWrite(PORNIX_DEVICE_CONTEXT Ext, ULONG Header, PVOID Buffer,
+                                    ULONG Length);
+NTSTATUS ORNIXAPI OrnixSglRead(PORNIX_DEVICE_CONTEXT Ext, USHORT Index, USHORT Value, USHORT Length,
+                               PVOID Buffer);
+NTSTATUS ORNIXAPI OrnixSglWrite(PORNIX_DEVICE_CONTEXT Ext, USHORT Index, USHORT Value,
+                                USHORT Length, PVOID Buffer);
+NTSTATUS ORNIXAPI OrnixRegRequestComplete(PORNIX_DEVICE_CONTEXT Ext, PVOID WaitRecord,
+                                          NTSTATUS Status);
 
 // ---------------------------------------------------------------- descriptors and sizing
 
@@ -510,17 +530,18 @@ USBD_CreateConfigurationRequestEx(PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDes
 #endif
 
 // 0 when the camera has no readable eight-digit serial number.
-ULONG OrnixGetSerialNumber(PORNIX_DEVICE_CONTEXT Ext);
+ULONG ORNIXAPI OrnixGetSerialNumber(PORNIX_DEVICE_CONTEXT Ext);
 // 0 for a colour id the driver does not know.
-ULONG OrnixBitsPerPixel(ULONG ColourId);
+ULONG ORNIXAPI OrnixBitsPerPixel(ULONG ColourId);
 // Bytes of one frame on the bulk pipe; 0 for a zero width or height.
-ULONG GetUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, ULONG ColourId, ULONG Width,
-                      ULONG Height);
+ULONG ORNIXAPI GetUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, ULONG ColourId,
+                               ULONG Width, ULONG Height);
 // Frame bytes of the stream's current format; *VariableSize (optional) tells
 // whether frames of that format vary in size (colour id 129).
-ULONG GetStreamUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber, PBOOLEAN VariableSize);
+ULONG ORNIXAPI GetStreamUsbFrameSize(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber,
+                                     PBOOLEAN VariableSize);
 // Largest frame of the format table; 4096 before the formats are known.
-ULONG OrnixGetMaximumFrameSize(PORNIX_DEVICE_CONTEXT Ext);
+ULONG ORNIXAPI OrnixGetMaximumFrameSize(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- FPGA download
 
@@ -539,29 +560,29 @@ extern "C" const unsigned int OrnixFpgaImageRelease0Length;
 
 // IRQL: PASSIVE_LEVEL. One bulk transfer on a pipe of the FPGA alternate
 // setting, returning once it has finished.
-NTSTATUS BulkAsynchTransfer(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PMDL BufferMdl, ULONG Length,
-                            ULONG PipeIndex, BOOLEAN DirectionIn);
+NTSTATUS ORNIXAPI BulkAsynchTransfer(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PMDL BufferMdl,
+                                     ULONG Length, ULONG PipeIndex, BOOLEAN DirectionIn);
 // IRQL: PASSIVE_LEVEL. Configures the camera's FPGA unless it already is.
-NTSTATUS OrnixProgramFpga(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixProgramFpga(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- product data
 
 // EEPROM access over the camera's two-wire bus. IRQL: PASSIVE_LEVEL.
-NTSTATUS OrnixEepromRead(PORNIX_DEVICE_CONTEXT Ext, UCHAR BusAddress, PVOID Buffer, ULONG Count,
-                         USHORT Offset);
-NTSTATUS OrnixProbeEeprom(PORNIX_DEVICE_CONTEXT Ext, PBOOLEAN Flag);
-LONG OrnixGetVpdMappingType(PORNIX_DEVICE_CONTEXT Ext);  // -1: no product data
-NTSTATUS OrnixReadVpdRange(PORNIX_DEVICE_CONTEXT Ext, LONG MappingType, PVOID Buffer, ULONG Count,
-                           ULONG Position);
+NTSTATUS ORNIXAPI OrnixEepromRead(PORNIX_DEVICE_CONTEXT Ext, UCHAR BusAddress, PVOID Buffer,
+                                  ULONG Count, USHORT Offset);
+NTSTATUS ORNIXAPI OrnixProbeEeprom(PORNIX_DEVICE_CONTEXT Ext, PBOOLEAN Flag);
+LONG ORNIXAPI OrnixGetVpdMappingType(PORNIX_DEVICE_CONTEXT Ext);  // -1: no product data
+NTSTATUS ORNIXAPI OrnixReadVpdRange(PORNIX_DEVICE_CONTEXT Ext, LONG MappingType, PVOID Buffer,
+                                    ULONG Count, ULONG Position);
 
 // The cached product-data image. Reading replaces it (PASSIVE_LEVEL); the
 // section look-ups and the invalidation send nothing to the camera.
-NTSTATUS OrnixReadVpd(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixFindVpdSection(PORNIX_DEVICE_CONTEXT Ext, PUCHAR* Section, PULONG Length,
-                             UCHAR SectionId);
-NTSTATUS OrnixReturnVpdSection(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PULONG Length,
-                               UCHAR SectionId);
-NTSTATUS OrnixInvalidateVpd(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixReadVpd(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixFindVpdSection(PORNIX_DEVICE_CONTEXT Ext, PUCHAR* Section, PULONG Length,
+                                      UCHAR SectionId);
+NTSTATUS ORNIXAPI OrnixReturnVpdSection(PORNIX_DEVICE_CONTEXT Ext, PVOID Buffer, PULONG Length,
+                                        UCHAR SectionId);
+NTSTATUS ORNIXAPI OrnixInvalidateVpd(PORNIX_DEVICE_CONTEXT Ext);
 
 // ---------------------------------------------------------------- formats and stream info
 
@@ -584,7 +605,7 @@ typedef struct _ORNIX_FORMAT_RECORD {
 
 // Builds the capture format table from the camera's format banks and resets
 // the capture and still selection. IRQL: PASSIVE_LEVEL.
-NTSTATUS OrnixBuildStreamsInfo(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixBuildStreamsInfo(PORNIX_DEVICE_CONTEXT Ext);
 
 // Format, pin and stream property set GUIDs (the platform names in comments).
 extern const GUID OrnixSubtypeRaw8;
@@ -605,57 +626,59 @@ extern const GUID OrnixPropSetDroppedFrames;  // PROPSETID_VIDCAP_DROPPEDFRAMES
 extern const KSTOPOLOGY OrnixFilterTopology;
 #define ORNIX_STREAM_PROPERTY_SET_COUNT 2
 extern const KSPROPERTY_SET OrnixStreamPropertySets[ORNIX_STREAM_PROPERTY_SET_COUNT];
-NTSTATUS AdapterStreamInfo(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI AdapterStreamInfo(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
 
 // Capture and still format selection. IRQL: PASSIVE_LEVEL, under RequestMutex.
 // Still: FALSE for the capture stream, TRUE for the still stream.
-VOID OrnixValidateWindow(PORNIX_DEVICE_CONTEXT Ext, BOOLEAN Still, ULONG Width, ULONG Height,
-                         ULONG MaxWidth, ULONG MaxHeight);
+VOID ORNIXAPI OrnixValidateWindow(PORNIX_DEVICE_CONTEXT Ext, BOOLEAN Still, ULONG Width,
+                                  ULONG Height, ULONG MaxWidth, ULONG MaxHeight);
 // RequestedInterval and ResultInterval may be NULL (none asked, none wanted).
-NTSTATUS OrnixSelectFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format, ULONG Width,
-                           ULONG Height, BOOLEAN SetFrequency, const LONGLONG* RequestedInterval,
-                           PLONGLONG ResultInterval);
-NTSTATUS OrnixSelectStillFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format, ULONG Width,
-                                ULONG Height);
-NTSTATUS OrnixReadCurrentFormat(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixSelectFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format,
+                                    ULONG Width, ULONG Height, BOOLEAN SetFrequency,
+                                    const LONGLONG* RequestedInterval, PLONGLONG ResultInterval);
+NTSTATUS ORNIXAPI OrnixSelectStillFormat(PORNIX_DEVICE_CONTEXT Ext, PORNIX_FORMAT_RECORD Format,
+                                         ULONG Width, ULONG Height);
+NTSTATUS ORNIXAPI OrnixReadCurrentFormat(PORNIX_DEVICE_CONTEXT Ext);
 // 100 ns units; the largest LONGLONG for a frequency of 0.
-LONGLONG OrnixFrameInterval(ULONG Width, ULONG Height, ULONG BitsPerPixel, ULONG Frequency);
+LONGLONG ORNIXAPI OrnixFrameInterval(ULONG Width, ULONG Height, ULONG BitsPerPixel,
+                                     ULONG Frequency);
 
 // The frame-rate chart of the capture format (KFreqChart).
-NTSTATUS OrnixBuildupFreqChart(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixDiscardFreqChart(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixBuildupFreqChart(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixDiscardFreqChart(PORNIX_DEVICE_CONTEXT Ext);
 
 // Format negotiation. IRQL: PASSIVE_LEVEL, under RequestMutex.
-NTSTATUS AdapterFormatFromRange(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-BOOLEAN AdapterVerifyFormat(PORNIX_DEVICE_CONTEXT Ext, PKSDATAFORMAT Format, ULONG StreamNumber);
+NTSTATUS ORNIXAPI AdapterFormatFromRange(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+BOOLEAN ORNIXAPI AdapterVerifyFormat(PORNIX_DEVICE_CONTEXT Ext, PKSDATAFORMAT Format,
+                                     ULONG StreamNumber);
 // The FourCC that frames of a colour value carry; 0xFFFFFFFF for an unknown id.
-ULONG OrnixColourFourCC(ULONG ColourValue);
+ULONG ORNIXAPI OrnixColourFourCC(ULONG ColourValue);
 
 // ---------------------------------------------------------------- streams
 
 // Open and close (PASSIVE_LEVEL, under RequestMutex).
-NTSTATUS StreamOpenStream(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS StreamClose(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS StreamInitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber);
-NTSTATUS StreamUninitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber);
+NTSTATUS ORNIXAPI StreamOpenStream(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI StreamClose(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI StreamInitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber);
+NTSTATUS ORNIXAPI StreamUninitStreamExtension(PORNIX_DEVICE_CONTEXT Ext, ULONG StreamNumber);
 // Transfer resources, acquired on leaving KSSTATE_STOP (PASSIVE_LEVEL).
-NTSTATUS StreamAllocResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-NTSTATUS StreamFreeResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-ULONG StreamGetTransferCount(PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS ORNIXAPI StreamAllocResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS ORNIXAPI StreamFreeResources(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+ULONG ORNIXAPI StreamGetTransferCount(PORNIX_STREAM_CONTEXT Stream);
 
 // State machine and stream properties (PASSIVE_LEVEL).
 VOID STREAMAPI OrnixReceiveCtrlPacket(PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-VOID StreamArmDelayedStart(PORNIX_STREAM_CONTEXT Stream);
-VOID StreamTakeDelayedStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-VOID StreamDisarmDelayedStart(PORNIX_STREAM_CONTEXT Stream);
-VOID OrnixGetStreamProperty(PHW_STREAM_REQUEST_BLOCK Srb);
-VOID VideoStreamGetConnectionProperty(PHW_STREAM_REQUEST_BLOCK Srb);
-VOID VideoStreamGetDroppedFramesProperty(PHW_STREAM_REQUEST_BLOCK Srb);
-VOID VideoIndicateMasterClock(PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI StreamStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS ORNIXAPI StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI StreamArmDelayedStart(PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI StreamTakeDelayedStart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI StreamDisarmDelayedStart(PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI OrnixGetStreamProperty(PHW_STREAM_REQUEST_BLOCK Srb);
+VOID ORNIXAPI VideoStreamGetConnectionProperty(PHW_STREAM_REQUEST_BLOCK Srb);
+VOID ORNIXAPI VideoStreamGetDroppedFramesProperty(PHW_STREAM_REQUEST_BLOCK Srb);
+VOID ORNIXAPI VideoIndicateMasterClock(PHW_STREAM_REQUEST_BLOCK Srb);
 // Changes State under QueueLock, against which the read path tests it.
-VOID StreamSetKsState(PORNIX_STREAM_CONTEXT Stream, KSSTATE State);
+VOID ORNIXAPI StreamSetKsState(PORNIX_STREAM_CONTEXT Stream, KSSTATE State);
 
 // The statistics block of a stream, read at once under PendingLock.
 typedef struct _ORNIX_STREAM_STATISTICS {
@@ -667,53 +690,54 @@ typedef struct _ORNIX_STREAM_STATISTICS {
     ULONG UsbBabbleErrors;
     ULONG UsbOtherErrors;
 } ORNIX_STREAM_STATISTICS, *PORNIX_STREAM_STATISTICS;
-VOID StreamReadStatistics(PORNIX_STREAM_CONTEXT Stream, PORNIX_STREAM_STATISTICS Statistics);
+VOID ORNIXAPI StreamReadStatistics(PORNIX_STREAM_CONTEXT Stream,
+                                   PORNIX_STREAM_STATISTICS Statistics);
 
 // Read requests (any IRQL up to DISPATCH_LEVEL).
 VOID STREAMAPI OrnixReceiveDataPacket(PHW_STREAM_REQUEST_BLOCK Srb);
-PHW_STREAM_REQUEST_BLOCK StreamDequeueRead(PORNIX_STREAM_CONTEXT Stream);
-VOID OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb, NTSTATUS Status,
-                       ULONG Length);
-LONGLONG GetStreamTime(PHW_STREAM_REQUEST_BLOCK Srb, PORNIX_STREAM_CONTEXT Stream);
+PHW_STREAM_REQUEST_BLOCK ORNIXAPI StreamDequeueRead(PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI OrnixCompleteRead(PORNIX_STREAM_CONTEXT Stream, PHW_STREAM_REQUEST_BLOCK Srb,
+                                NTSTATUS Status, ULONG Length);
+LONGLONG ORNIXAPI GetStreamTime(PHW_STREAM_REQUEST_BLOCK Srb, PORNIX_STREAM_CONTEXT Stream);
 
 // Defective-pixel correction of one delivered frame, in place (DISPATCH_LEVEL
 // or below; takes DefectLock). Still: TRUE for a frame of the still stream.
-VOID OrnixCorrectDefectivePixels(PORNIX_DEVICE_CONTEXT Ext, PUCHAR Frame, ULONG Length,
-                                 BOOLEAN Still);
-BOOLEAN OrnixHasDefectRowShift(ULONG CameraId);
-BOOLEAN OrnixHasDefectOriginShift(ULONG CameraId);
+VOID ORNIXAPI OrnixCorrectDefectivePixels(PORNIX_DEVICE_CONTEXT Ext, PUCHAR Frame, ULONG Length,
+                                          BOOLEAN Still);
+BOOLEAN ORNIXAPI OrnixHasDefectRowShift(ULONG CameraId);
+BOOLEAN ORNIXAPI OrnixHasDefectOriginShift(ULONG CameraId);
 
 // ---------------------------------------------------------------- bulk transfers
 
 // Buffer choice and submission run with PendingLock held.
-PHW_STREAM_REQUEST_BLOCK StreamGetNextBuffer(PORNIX_STREAM_CONTEXT Stream,
-                                             PORNIX_TRANSFER_CONTEXT Transfer, PUCHAR* Buffer,
-                                             PULONG Length);
-NTSTATUS BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
-                            PORNIX_TRANSFER_CONTEXT Transfer, PUCHAR Buffer, ULONG Length);
-NTSTATUS BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
-                                PORNIX_TRANSFER_CONTEXT Transfer);
+PHW_STREAM_REQUEST_BLOCK ORNIXAPI StreamGetNextBuffer(PORNIX_STREAM_CONTEXT Stream,
+                                                      PORNIX_TRANSFER_CONTEXT Transfer,
+                                                      PUCHAR* Buffer, PULONG Length);
+NTSTATUS ORNIXAPI BulkStreamTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                                     PORNIX_TRANSFER_CONTEXT Transfer, PUCHAR Buffer, ULONG Length);
+NTSTATUS ORNIXAPI BulkStreamNextTransfer(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                                         PORNIX_TRANSFER_CONTEXT Transfer);
 // Every transfer of the stream from a fresh frame (start and restart).
-NTSTATUS BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
-                             BOOLEAN SetRunning);
+NTSTATUS ORNIXAPI BulkStreamSubmitAll(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream,
+                                      BOOLEAN SetRunning);
 NTSTATUS NTAPI BulkStreamComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 // The work of one completion, with no lock held: run by BulkStreamComplete
 // or, for a completion deferred during a submission, by BulkStreamRunDeferred.
-VOID BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer);
+VOID ORNIXAPI BulkStreamHandleCompletion(PORNIX_TRANSFER_CONTEXT Transfer);
 // Runs the completions deferred while this thread held PendingLock; call it
 // right after releasing the lock (DISPATCH_LEVEL or below).
-VOID BulkStreamRunDeferred(PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI BulkStreamRunDeferred(PORNIX_STREAM_CONTEXT Stream);
 
 // Abort and restart: the engine's repair of a faulty transfer sequence.
-BOOLEAN AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+BOOLEAN ORNIXAPI AbortBulkStream(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
 VOID NTAPI AbortBulkPipeWorker(PVOID Parameter);
-VOID AbortBulkPipePart2(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-NTSTATUS BulkStreamRestart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
-VOID BulkStreamRestartCR(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Context);
+VOID ORNIXAPI AbortBulkPipePart2(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+NTSTATUS ORNIXAPI BulkStreamRestart(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream);
+VOID ORNIXAPI BulkStreamRestartCR(PORNIX_DEVICE_CONTEXT Ext, NTSTATUS Status, PVOID Context);
 
 // ---------------------------------------------------------------- properties
 
-NTSTATUS OrnixBuildStreamHeader(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixBuildStreamHeader(PORNIX_DEVICE_CONTEXT Ext);
 
 // Property groups of the record map.
 #define ORNIX_GROUP_VIDEOPROCAMP 1
@@ -726,23 +750,23 @@ NTSTATUS OrnixBuildStreamHeader(PORNIX_DEVICE_CONTEXT Ext);
 #define ORNIX_PROPERTY_AUTO_ON 0x00004000
 
 // FALSE when (Group, Id) has no record: form no register index then.
-BOOLEAN OrnixPropertyRecordIndex(ULONG Group, ULONG Id, PULONG Record);
-VOID OrnixFillRangedPropertyItem(ULONG Id, LONG Default, LONG Minimum, LONG Maximum,
-                                 PKSPROPERTY_ITEM Item, PKSPROPERTY_VALUES Values,
-                                 PKSPROPERTY_MEMBERSLIST Members,
-                                 PKSPROPERTY_STEPPING_LONG Stepping, PLONG DefaultSlot,
-                                 ULONG MinimumSize);
-VOID OrnixFillPlainPropertyItem(ULONG Id, PKSPROPERTY_ITEM Item);
+BOOLEAN ORNIXAPI OrnixPropertyRecordIndex(ULONG Group, ULONG Id, PULONG Record);
+VOID ORNIXAPI OrnixFillRangedPropertyItem(ULONG Id, LONG Default, LONG Minimum, LONG Maximum,
+                                          PKSPROPERTY_ITEM Item, PKSPROPERTY_VALUES Values,
+                                          PKSPROPERTY_MEMBERSLIST Members,
+                                          PKSPROPERTY_STEPPING_LONG Stepping, PLONG DefaultSlot,
+                                          ULONG MinimumSize);
+VOID ORNIXAPI OrnixFillPlainPropertyItem(ULONG Id, PKSPROPERTY_ITEM Item);
 
 // Register units <-> the units of the standard property sets.
-LONG OrnixBrightnessToProperty(LONG Value);
-LONG OrnixBrightnessToRegister(LONG Value);
-LONG OrnixContrastToProperty(LONG Value);
-LONG OrnixContrastToRegister(LONG Value);
-ULONG OrnixGainToProperty(ULONG Value);
-ULONG OrnixGainToRegister(ULONG Value);
-LONG OrnixExposureToProperty(ULONG Value);
-ULONG OrnixExposureToRegister(LONG Value);
+LONG ORNIXAPI OrnixBrightnessToProperty(LONG Value);
+LONG ORNIXAPI OrnixBrightnessToRegister(LONG Value);
+LONG ORNIXAPI OrnixContrastToProperty(LONG Value);
+LONG ORNIXAPI OrnixContrastToRegister(LONG Value);
+ULONG ORNIXAPI OrnixGainToProperty(ULONG Value);
+ULONG ORNIXAPI OrnixGainToRegister(ULONG Value);
+LONG ORNIXAPI OrnixExposureToProperty(ULONG Value);
+ULONG ORNIXAPI OrnixExposureToRegister(LONG Value);
 
 // Property-set GUIDs; the driver carries its own copies.
 extern const GUID OrnixPropSetVideoProcAmp;   // PROPSETID_VIDCAP_VIDEOPROCAMP
@@ -779,41 +803,47 @@ extern const GUID OrnixPropTypeSetGeneral;    // KSPROPTYPESETID_General
 // Property requests: the routers and their handlers. Each handler sets
 // ActualBytesTransferred itself; the dispatcher stores the returned status.
 // IRQL: PASSIVE_LEVEL, under RequestMutex.
-NTSTATUS ORNIX_GetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS GetVideoControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS SetVideoControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixGetVideoProcAmpProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixGetCameraControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixSetVideoProcAmpProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixSetCameraControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixGetCustomProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixSetCustomProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixGetTevrinSglProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixSetTevrinSglProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI ORNIX_GetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI ORNIX_SetPropertyRequest(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI GetVideoControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI SetVideoControlProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixGetVideoProcAmpProperty(PORNIX_DEVICE_CONTEXT Ext,
+                                               PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixGetCameraControlProperty(PORNIX_DEVICE_CONTEXT Ext,
+                                                PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixSetVideoProcAmpProperty(PORNIX_DEVICE_CONTEXT Ext,
+                                               PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixSetCameraControlProperty(PORNIX_DEVICE_CONTEXT Ext,
+                                                PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixGetCustomProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixSetCustomProperty(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixGetTevrinSglProperty(PORNIX_DEVICE_CONTEXT Ext,
+                                            PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixSetTevrinSglProperty(PORNIX_DEVICE_CONTEXT Ext,
+                                            PHW_STREAM_REQUEST_BLOCK Srb);
 
 // One standard control's record, in property units: the control word read
 // as KSPROPERTY_*_FLAGS_AUTO / _MANUAL and the capabilities, or written from
 // the flags. STATUS_NOT_SUPPORTED for a control without a record: nothing
 // reaches the camera then. IRQL: PASSIVE_LEVEL.
-NTSTATUS OrnixGetDeviceProp(PORNIX_DEVICE_CONTEXT Ext, ULONG Group, ULONG Id, PLONG Value,
-                            PULONG Flags, PULONG Capabilities);
-NTSTATUS OrnixSetDeviceProp(PORNIX_DEVICE_CONTEXT Ext, ULONG Group, ULONG Id, LONG Value,
-                            ULONG Flags);
+NTSTATUS ORNIXAPI OrnixGetDeviceProp(PORNIX_DEVICE_CONTEXT Ext, ULONG Group, ULONG Id, PLONG Value,
+                                     PULONG Flags, PULONG Capabilities);
+NTSTATUS ORNIXAPI OrnixSetDeviceProp(PORNIX_DEVICE_CONTEXT Ext, ULONG Group, ULONG Id, LONG Value,
+                                     ULONG Flags);
 
 // ---------------------------------------------------------------- device events
 
 // The interrupt transfer. Start, stop and free run at PASSIVE_LEVEL under
 // InterruptMutex; the completion routine at up to DISPATCH_LEVEL.
-NTSTATUS InterruptAllocateResources(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS InterruptFreeResources(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS InterruptStart(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS InterruptStop(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI InterruptAllocateResources(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI InterruptFreeResources(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI InterruptStart(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI InterruptStop(PORNIX_DEVICE_CONTEXT Ext);
 NTSTATUS NTAPI InterruptTransferComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 NTSTATUS STREAMAPI OrnixDeviceEventProc(PHW_EVENT_DESCRIPTOR EventDescriptor);
-NTSTATUS OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext);
-VOID OrnixNotifyForOrnixEvents(PORNIX_DEVICE_CONTEXT Ext, ULONG EventMask);
+NTSTATUS ORNIXAPI OrnixBuildEventSet(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixNotifyStiMonitor(PORNIX_DEVICE_CONTEXT Ext);
+VOID ORNIXAPI OrnixNotifyForOrnixEvents(PORNIX_DEVICE_CONTEXT Ext, ULONG EventMask);
 
 // Event-set GUIDs; the driver carries its own copies.
 extern const GUID OrnixEventSetVidCapToSti;  // KSEVENTSETID_VIDCAPTOSTI

@@ -21,6 +21,8 @@ step() {
 
 # Driver code must mean the same on LLP64 Windows as on this LP64 host.
 step "driver types" scripts/check-driver-types.sh
+# ... and be called the same way in both: every routine declared with its convention.
+step "driver calling convention" scripts/check-driver-convention.sh
 
 for preset in default asan tsan host32; do
     step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"

@@ -4,6 +4,7 @@
 
 #include "ornix.h"
 
-NTSTATUS OrnixUnknownDeviceCommand(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb);
-NTSTATUS OrnixPagingOut(PORNIX_DEVICE_CONTEXT Ext);
-NTSTATUS OrnixSurpriseRemoval(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixUnknownDeviceCommand(PORNIX_DEVICE_CONTEXT Ext,
+                                            PHW_STREAM_REQUEST_BLOCK Srb);
+NTSTATUS ORNIXAPI OrnixPagingOut(PORNIX_DEVICE_CONTEXT Ext);
+NTSTATUS ORNIXAPI OrnixSurpriseRemoval(PORNIX_DEVICE_CONTEXT Ext);

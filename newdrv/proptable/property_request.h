@@ -14,7 +14,7 @@ static inline PSTREAM_PROPERTY_DESCRIPTOR OrnixPropertyDescriptor(PHW_STREAM_REQ
 
 // Whether the request names a property at all: a descriptor and a record
 // that holds at least the KSPROPERTY header. The routers refuse any other.
-BOOLEAN OrnixPropertyRequestIsSound(PHW_STREAM_REQUEST_BLOCK Srb);
+BOOLEAN ORNIXAPI OrnixPropertyRequestIsSound(PHW_STREAM_REQUEST_BLOCK Srb);
 
 // Property sets are told apart by all 16 bytes of their GUID.
 static inline BOOLEAN OrnixIsPropertySet(const GUID* Set, const GUID* Wanted) {
@@ -22,16 +22,16 @@ static inline BOOLEAN OrnixIsPropertySet(const GUID* Set, const GUID* Wanted) {
 }
 
 // Property.Id of a request the router accepted.
-ULONG OrnixPropertyId(PHW_STREAM_REQUEST_BLOCK Srb);
+ULONG ORNIXAPI OrnixPropertyId(PHW_STREAM_REQUEST_BLOCK Srb);
 
 // The data buffer and its size; a missing buffer counts as 0 bytes.
-PUCHAR OrnixPropertyData(PHW_STREAM_REQUEST_BLOCK Srb, PULONG Size);
+PUCHAR ORNIXAPI OrnixPropertyData(PHW_STREAM_REQUEST_BLOCK Srb, PULONG Size);
 
 // Fields of the property record past its header. FALSE when the record is
 // too short to hold the field.
-BOOLEAN OrnixRecordUlong(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Offset, PULONG Value);
-BOOLEAN OrnixRecordUshort(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Offset, PUSHORT Value);
-BOOLEAN OrnixRecordUchar(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Offset, PUCHAR Value);
+BOOLEAN ORNIXAPI OrnixRecordUlong(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Offset, PULONG Value);
+BOOLEAN ORNIXAPI OrnixRecordUshort(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Offset, PUSHORT Value);
+BOOLEAN ORNIXAPI OrnixRecordUchar(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Offset, PUCHAR Value);
 
 // Little-endian words at any byte position.
 static inline ULONG OrnixLoadUlong(const UCHAR* Bytes) {
@@ -61,13 +61,14 @@ static inline VOID OrnixStoreUlonglong(PUCHAR Bytes, ULONGLONG Value) {
 // a smaller one is refused (STATUS_BUFFER_TOO_SMALL, 0 bytes). STATUS_SUCCESS
 // with *Answer pointing at the buffer and ActualBytesTransferred = AnswerSize
 // when the answer fits; the caller fills it in.
-NTSTATUS OrnixFixedSizeAnswer(PHW_STREAM_REQUEST_BLOCK Srb, ULONG AnswerSize, PUCHAR* Answer);
+NTSTATUS ORNIXAPI OrnixFixedSizeAnswer(PHW_STREAM_REQUEST_BLOCK Srb, ULONG AnswerSize,
+                                       PUCHAR* Answer);
 
 // The data a set reads: STATUS_SUCCESS with *Data when the buffer holds at
 // least `Needed` bytes; otherwise STATUS_BUFFER_TOO_SMALL with 0 bytes
 // reported, and the caller changes nothing.
-NTSTATUS OrnixSetData(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Needed, PUCHAR* Data);
+NTSTATUS ORNIXAPI OrnixSetData(PHW_STREAM_REQUEST_BLOCK Srb, ULONG Needed, PUCHAR* Data);
 
 // The success rule of a set: a succeeded set reports the data buffer's size
 // as transferred, a failed one 0. Returns Status.
-NTSTATUS OrnixSetResult(PHW_STREAM_REQUEST_BLOCK Srb, NTSTATUS Status);
+NTSTATUS ORNIXAPI OrnixSetResult(PHW_STREAM_REQUEST_BLOCK Srb, NTSTATUS Status);

@@ -61,9 +61,9 @@ extern const ULONG OrnixVideoControlItemCount;
 extern const KSPROPERTY_ITEM OrnixTevrinSglItems[];
 extern const ULONG OrnixTevrinSglItemCount;
 
-BOOLEAN OrnixItemOffered(const ORNIX_BUILT_SET* Set, const ORNIX_ITEM_ROW* Row,
-                         const ORNIX_CAMERA_FACTS* Facts);
+BOOLEAN ORNIXAPI OrnixItemOffered(const ORNIX_BUILT_SET* Set, const ORNIX_ITEM_ROW* Row,
+                                  const ORNIX_CAMERA_FACTS* Facts);
 
 // The first word of the row's record, or NULL when the row has no record.
-const ULONG* OrnixRowRecord(const ORNIX_BUILT_SET* Set, const ORNIX_ITEM_ROW* Row,
-                            const ORNIX_CAMERA_FACTS* Facts);
+const ULONG* ORNIXAPI OrnixRowRecord(const ORNIX_BUILT_SET* Set, const ORNIX_ITEM_ROW* Row,
+                                     const ORNIX_CAMERA_FACTS* Facts);

@@ -29,14 +29,15 @@ extern const ORNIX_BANK_WINDOW OrnixStillWindow;
 // Writes position 0, the binning, the sensor window and then the start
 // position, in that order. *WindowWidth and *WindowHeight take the window
 // once its size is written. IRQL: PASSIVE_LEVEL.
-NTSTATUS OrnixWriteBankWindow(PORNIX_DEVICE_CONTEXT Ext, const ORNIX_BANK_WINDOW* Kind, ULONG Bank,
-                              ULONG BinningX, ULONG BinningY, ULONG Width, ULONG Height,
-                              LONG StartX, LONG StartY, PULONG WindowWidth, PULONG WindowHeight);
+NTSTATUS ORNIXAPI OrnixWriteBankWindow(PORNIX_DEVICE_CONTEXT Ext, const ORNIX_BANK_WINDOW* Kind,
+                                       ULONG Bank, ULONG BinningX, ULONG BinningY, ULONG Width,
+                                       ULONG Height, LONG StartX, LONG StartY, PULONG WindowWidth,
+                                       PULONG WindowHeight);
 
 // Asks a camera that places the window itself to check it, and reads back
 // the start position it settled on. IRQL: PASSIVE_LEVEL.
-NTSTATUS OrnixValidateBankWindow(PORNIX_DEVICE_CONTEXT Ext, const ORNIX_BANK_WINDOW* Kind,
-                                 ULONG Bank, PLONG StartX, PLONG StartY);
+NTSTATUS ORNIXAPI OrnixValidateBankWindow(PORNIX_DEVICE_CONTEXT Ext, const ORNIX_BANK_WINDOW* Kind,
+                                          ULONG Bank, PLONG StartX, PLONG StartY);
 
 // The colour value a bank reads back after a selection; a camera that does
 // not place the window itself may read 0, which stands for the record's id.

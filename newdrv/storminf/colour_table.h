@@ -20,8 +20,9 @@
 
 // Bit c set: colour id c (0 to 31) is offered by a bank of this base id;
 // 0 when such a bank offers nothing.
-ULONG OrnixBaseColourMask(ULONG BaseId);
+ULONG ORNIXAPI OrnixBaseColourMask(ULONG BaseId);
 
 // Subtype and FourCC of colour id `ColourId` as a bank with the interlaced
 // flag `Interlaced` offers it. FALSE when the id has no video format.
-BOOLEAN OrnixColourFormat(ULONG ColourId, BOOLEAN Interlaced, const GUID** Subtype, PULONG FourCc);
+BOOLEAN ORNIXAPI OrnixColourFormat(ULONG ColourId, BOOLEAN Interlaced, const GUID** Subtype,
+                                   PULONG FourCc);

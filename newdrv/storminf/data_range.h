@@ -24,13 +24,14 @@ typedef struct _ORNIX_BANK_INFO {
 } ORNIX_BANK_INFO, *PORNIX_BANK_INFO;
 
 // Bits of one frame of Width x Height at Bits per pixel, in 32 bits (wraps).
-ULONG OrnixFrameBits(ULONG Width, ULONG Height, ULONG Bits);
+ULONG ORNIXAPI OrnixFrameBits(ULONG Width, ULONG Height, ULONG Bits);
 
 // Frame interval in 100 ns units of a frame of FrameBits bits at camera
 // frequency Frequency (non-zero); may be 0.
-LONGLONG OrnixBankFrameInterval(ULONG FrameBits, ULONG Frequency);
+LONGLONG ORNIXAPI OrnixBankFrameInterval(ULONG FrameBits, ULONG Frequency);
 
 // Fills the whole record (the colour table too when Bits is 8, so the block
 // must then be ORNIX_PALETTE_FORMAT_RECORD_SIZE bytes).
-VOID OrnixFillFormatRecord(PORNIX_FORMAT_RECORD Record, ULONG Bank, const ORNIX_BANK_INFO* Info,
-                           ULONG ColourId, ULONG Bits, const GUID* Subtype, ULONG FourCc);
+VOID ORNIXAPI OrnixFillFormatRecord(PORNIX_FORMAT_RECORD Record, ULONG Bank,
+                                    const ORNIX_BANK_INFO* Info, ULONG ColourId, ULONG Bits,
+                                    const GUID* Subtype, ULONG FourCc);

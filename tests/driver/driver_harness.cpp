@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iomanip>
 #include <ostream>
+#include <type_traits>
 
 #include "loader/driver_choice.h"
 
@@ -19,6 +20,14 @@ std::ostream& operator<<(std::ostream& out, const WireRequest& request) {
     }
     return out << std::dec << '}';
 }
+
+// The driver's routines and callbacks take the convention of the routines the
+// system calls (Windows x64 on a 64-bit build), so a test calls a loaded
+// ornix.sys's routines the same way it calls this build's.
+static_assert(std::is_same_v<decltype(&OrnixRegRead),
+                             NTSTATUS(NTAPI*)(PORNIX_DEVICE_CONTEXT, ULONG, PULONG)>);
+static_assert(
+    std::is_same_v<PORNIX_RESET_CALLBACK, VOID(NTAPI*)(PORNIX_DEVICE_CONTEXT, NTSTATUS, PVOID)>);
 
 NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT ext, PVOID context, NTSTATUS status) {
     RecordResetDone(ext, status, context);

@@ -60,8 +60,8 @@ struct CallbackRecord {
     std::atomic<NTSTATUS> status{STATUS_PENDING};
     std::atomic<std::thread::id> thread{};
 };
-NTSTATUS RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
-VOID RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
+NTSTATUS ORNIXAPI RecordVendorDone(PORNIX_DEVICE_CONTEXT, PVOID context, NTSTATUS status);
+VOID ORNIXAPI RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID context);
 
 // The driver's routine or object at `linked` as the stream class sees it: in
 // a test binary run against a driver binary, the name is a stand-in and the
