@@ -111,6 +111,9 @@ std::string PortableName(std::string_view symbol, bool longIs32Bits) {
     name = std::regex_replace(name, plainLong, longIs32Bits ? "int" : "LONGLONG");
     name = std::regex_replace(name, std::regex("LONGLONG"), "long long");
     name = std::regex_replace(name, std::regex(R"(\bchar16_t\b)"), "wchar_t");
+    // This host spells the Windows convention of a routine pointer into its
+    // type; on Windows it is the only convention there is.
+    name = std::regex_replace(name, std::regex(R"( ms_abi\b)"), "");
     return name;
 }
 

@@ -48,6 +48,10 @@ const void* DriverAddress(const void* linked) {
     return ornix_image_address_of != nullptr ? ornix_image_address_of(linked) : linked;
 }
 
+bool DriverChecksAsserts() {
+    return ornix_image_address_of == nullptr;
+}
+
 void DriverTest::SetUp() {
     winsim::ResetKernel();
     winsim::SetVerifierMode(winsim::VerifierMode::Record);

@@ -67,6 +67,10 @@ VOID ORNIXAPI RecordResetDone(PORNIX_DEVICE_CONTEXT, NTSTATUS status, PVOID cont
 // a test binary run against a driver binary, the name is a stand-in and the
 // driver's own is in the binary.
 const void* DriverAddress(const void* linked);
+// How many findings a failed ASSERT in the driver under test makes: the Linux
+// build checks them, while the x64 binary is a free build, in which Windows'
+// headers compile ASSERT to nothing.
+bool DriverChecksAsserts();
 
 class DriverTest : public ::testing::Test {
   protected:

@@ -6,6 +6,9 @@
 namespace ornixtest {
 namespace {
 
+// A short buffer that reaches the driver fails an ASSERT first (checked builds).
+const size_t kAssertsFired = ornixtest::DriverChecksAsserts() ? 1 : 0;
+
 constexpr size_t kValue = 24, kFlags = 28, kCapabilities = 32;
 constexpr ULONG kStandardSize = 40;
 constexpr uint32_t kAuto = 1, kManual = 2;
@@ -176,7 +179,7 @@ TEST_F(StandardPropertyTest, GetBuffersFollowTheSizeRule) {
         EXPECT_EQ(answer.returned, size == 0 ? kStandardSize : 0u);
         EXPECT_EQ(answer.data, Bytes(size, 0));
         EXPECT_TRUE(answer.guardIntact);
-        EXPECT_EQ(TakeViolations("ASSERT").size(), 1u);
+        EXPECT_EQ(TakeViolations("ASSERT").size(), kAssertsFired);
     }
     EXPECT_TRUE(VendorRequests().empty());
     PropertyAnswer larger = Get(OrnixPropSetCameraControl, 0, 64);

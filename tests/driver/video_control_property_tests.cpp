@@ -7,6 +7,9 @@
 namespace ornixtest {
 namespace {
 
+// A short buffer that reaches the driver fails an ASSERT first (checked builds).
+const size_t kAssertsFired = ornixtest::DriverChecksAsserts() ? 1 : 0;
+
 constexpr ULONG kCapture = ORNIX_CAPTURE_STREAM, kStill = ORNIX_STILL_STREAM;
 
 // Sizes of the request records.
@@ -58,7 +61,7 @@ TEST_F(VideoControlPropertyTest, TriggerCapabilitiesBelongToTheStillStream) {
         EXPECT_EQ(answer.status, size == 0 ? STATUS_BUFFER_OVERFLOW : STATUS_BUFFER_TOO_SMALL);
         EXPECT_EQ(answer.returned, size == 0 ? 32u : 0u);
         EXPECT_TRUE(answer.guardIntact);
-        EXPECT_EQ(TakeViolations("ASSERT").size(), 1u) << size;
+        EXPECT_EQ(TakeViolations("ASSERT").size(), kAssertsFired) << size;
     }
     EXPECT_EQ(Get(4, kStill, 32, kCapsSize).status, STATUS_NOT_SUPPORTED);
     EXPECT_TRUE(VendorRequests().empty());
@@ -219,7 +222,7 @@ TEST_F(VideoControlPropertyTest, ModeSetWritesTheTriggerRegisterForTheStillStrea
                   .status,
               STATUS_NOT_SUPPORTED);
     EXPECT_EQ(SetMode(kStill, 0xC, 31).status, STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(TakeViolations("ASSERT").size(), 1u);
+    EXPECT_EQ(TakeViolations("ASSERT").size(), kAssertsFired);
     EXPECT_TRUE(TriggerWrites().empty());
 }
 

@@ -20,6 +20,8 @@ TEST(PortableNameTest, BothDataModelsMeetOnTheWidthOfEachType) {
     EXPECT_EQ(PortableName("_Z1fx", true), PortableName("_Z1fx", false));
     // WCHAR: wchar_t (with -fshort-wchar) there, char16_t here.
     EXPECT_EQ(PortableName("_Z1fPKw", true), PortableName("_Z1fPKDs", false));
+    // A callback parameter: the host spells out the Windows convention.
+    EXPECT_EQ(PortableName("_Z1fPFvlE", true), PortableName("_Z1fPU6ms_abiFviE", false));
     // C names pass unchanged.
     EXPECT_EQ(PortableName("DriverEntry", true), "DriverEntry");
 }
