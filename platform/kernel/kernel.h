@@ -46,7 +46,8 @@ struct Violation {
                         // "IRP_STACK", "IRP_COMPLETION", "BAD_HANDLE", "HANDLE_LEAK",
                         // "SPIN_LOCK", "WORK_ITEM", "BAD_OBJECT", "BREAKPOINT",
                         // "SPIN_LOCK_IRQL", "SPIN_LOCK_ORDER", "SPIN_LOCK_HELD",
-                        // "CALLBACK_RETURN", "IRP_PENDING", "PAGED_CODE", "DBGPRINT_IRQL"
+                        // "CALLBACK_RETURN", "IRP_PENDING", "PAGED_CODE", "DBGPRINT_IRQL",
+                        // "POOL_CORRUPTION"
     std::string message;
 };
 
@@ -91,6 +92,18 @@ void FailNthAllocation(uint64_t n);       // the n-th attempt from now (1 = next
 void FailAllocationsOfSize(SIZE_T size);  // every attempt of exactly this size
 void FailAllocationsWithTag(ULONG tag);   // every attempt with this tag
 void ClearAllocationFailures();
+
+// Guard pages, like Driver Verifier's special pool, for code the sanitizers
+// cannot see: each block from now on gets pages of its own, ends where an
+// inaccessible page begins (its size rounded up to 16 bytes on 64-bit hosts,
+// 8 on 32-bit ones) and has one before its pages; freed pages stay
+// inaccessible for a while. A step outside a block or a use after free then
+// faults at once; a write into the rounding or the room before the block is
+// a POOL_CORRUPTION at its free. Off unless the environment holds
+// ORNIX_POOL_GUARD=1 when the pool is first used; blocks keep the mode they
+// were allocated in.
+void SetPoolGuardPages(bool on);
+bool PoolGuardPages();
 
 // Renders a tag as its four characters, e.g. 0x206D6457 as "Wdm ".
 std::string TagName(ULONG tag);

@@ -1,8 +1,10 @@
 // Pool allocations: every block is tracked with its tag, size and pool type;
-// failure rules make chosen attempts return NULL.
+// failure rules make chosen attempts return NULL. With guard pages on, blocks
+// come from kernel/guarded_pool.h instead of the host's heap.
 #include "kernel/pool.h"
 
 #include "kernel/describe.h"
+#include "kernel/guarded_pool.h"
 #include "kernel/kernel.h"
 #include "kernel/recently_freed.h"
 
@@ -24,6 +26,7 @@ struct Block {
     ULONG tag;
     SIZE_T size;
     POOL_TYPE type;
+    bool guarded;  // a block stays what it was when the switch changes
 };
 
 struct PoolState {
@@ -74,13 +77,15 @@ PVOID AllocatePoolBlock(POOL_TYPE type, SIZE_T size, ULONG tag, std::string_view
     CheckIrql(type, api, nullptr);
     if (AllocationMustFail(size, tag))
         return nullptr;
-    void* block = ::operator new(size == 0 ? 1 : size, kPoolAlignment, std::nothrow);
+    bool guarded = PoolGuardPages();
+    void* block = guarded ? MapGuardedBlock(size)
+                          : ::operator new(size == 0 ? 1 : size, kPoolAlignment, std::nothrow);
     if (block == nullptr)
         return nullptr;
     std::memset(block, kFreshPoolFill, size);
     PoolState& state = State();
     std::lock_guard lock(state.mutex);
-    state.blocks[block] = Block{tag, size, type};
+    state.blocks[block] = Block{tag, size, type, guarded};
     state.freed.Remove(block);
     return block;
 }
@@ -89,7 +94,7 @@ void FreePoolBlock(PVOID block, std::optional<ULONG> tag, std::string_view api) 
     PoolState& state = State();
     std::string check = "BAD_POOL_FREE";
     std::string problem;
-    std::optional<POOL_TYPE> freedType;
+    std::optional<Block> freed;
     {
         std::lock_guard lock(state.mutex);
         auto it = state.blocks.find(block);
@@ -109,17 +114,27 @@ void FreePoolBlock(PVOID block, std::optional<ULONG> tag, std::string_view api) 
                       TagName(*tag) + "', but it was allocated with tag '" +
                       TagName(it->second.tag) + "'";
         } else {
-            freedType = it->second.type;
+            freed = it->second;
             state.blocks.erase(it);
             state.freed.Add(block);
         }
     }
-    if (!freedType) {
+    if (!freed) {
         ReportViolation(check, problem);  // the block stays as it is
         return;
     }
-    CheckIrql(*freedType, api, block);
-    ::operator delete(block, kPoolAlignment);
+    CheckIrql(freed->type, api, block);
+    if (!freed->guarded) {
+        ::operator delete(block, kPoolAlignment);
+        return;
+    }
+    std::string damage = GuardedSlackDamage(block, freed->size);
+    if (!damage.empty()) {
+        ReportViolation("POOL_CORRUPTION", std::string(api) + " of pool block " + Hex(block) +
+                                               " (tag '" + TagName(freed->tag) + "', " +
+                                               std::to_string(freed->size) + " bytes): " + damage);
+    }
+    QuarantineGuardedBlock(block, freed->size);
 }
 
 bool ReportPoolLeaks(std::string_view when) {

@@ -42,6 +42,20 @@ class KernelTest : public ::testing::Test {
     }
 };
 
+// Pool guard pages on or off for the object's lifetime; the mode before comes back after.
+class ScopedPoolGuardPages {
+  public:
+    explicit ScopedPoolGuardPages(bool on) : before_(winsim::PoolGuardPages()) {
+        winsim::SetPoolGuardPages(on);
+    }
+    ~ScopedPoolGuardPages() { winsim::SetPoolGuardPages(before_); }
+    ScopedPoolGuardPages(const ScopedPoolGuardPages&) = delete;
+    ScopedPoolGuardPages& operator=(const ScopedPoolGuardPages&) = delete;
+
+  private:
+    bool before_;
+};
+
 // A Windows relative time-out: negative, in 100 ns units.
 inline LARGE_INTEGER RelativeTimeout(double seconds) {
     LARGE_INTEGER timeout;

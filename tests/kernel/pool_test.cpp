@@ -1,5 +1,6 @@
-// Pool bookkeeping, leak reports and allocation-failure injection; device registry values
-// through ZwQueryValueKey's partial information, and key handles.
+// Pool bookkeeping, leak reports, bad frees and allocation-failure injection, each with
+// guard pages off and on; device registry values through ZwQueryValueKey's partial
+// information, and key handles.
 #include "kernel_test.h"
 
 #include <cstring>
@@ -9,16 +10,25 @@ namespace {
 
 constexpr ULONG kDriverTag = MAKEFOURCC('W', 'd', 'm', ' ');
 constexpr ULONG kOtherTag = MAKEFOURCC('T', 'e', 's', 't');
+// What Windows' pool guarantees: 16 bytes on x64, 8 on x86.
+constexpr uintptr_t kPoolAlignment = 2 * sizeof(void*);
 
-using Pool = KernelTest;
+class Pool : public KernelTest, public ::testing::WithParamInterface<bool> {
+  private:
+    ScopedPoolGuardPages guardPages_{GetParam()};
+};
 
-TEST_F(Pool, BlocksAreAlignedAndLeaksReportedPerTag) {
+INSTANTIATE_TEST_SUITE_P(Modes, Pool, ::testing::Bool(), [](const auto& info) {
+    return std::string(info.param ? "GuardPages" : "Normal");
+});
+
+TEST_P(Pool, BlocksAreAlignedAndLeaksReportedPerTag) {
     PVOID blocks[] = {ExAllocatePoolWithTag(NonPagedPool, 1000, kDriverTag),
                       ExAllocatePoolWithTag(PagedPool, 34, kDriverTag),
                       ExAllocatePoolWithTag(NonPagedPool, 7, kOtherTag),
                       ExAllocatePool(NonPagedPool, 8)};
     for (PVOID block : blocks)
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % kPoolAlignment, 0u);
     EXPECT_FALSE(winsim::CheckPoolEmpty("driver unload"));
 
     std::vector<winsim::Violation> found = winsim::TakeViolations();
@@ -35,7 +45,55 @@ TEST_F(Pool, BlocksAreAlignedAndLeaksReportedPerTag) {
     EXPECT_EQ(winsim::TagName(MAKEFOURCC('a', 'b', 1, 'c')), "ab?c");
 }
 
-TEST_F(Pool, FailuresHitTheNthAttemptOrEveryMatchUntilCleared) {
+// Every byte of a block of any size is the driver's, up to the last one.
+TEST_P(Pool, BlocksOfOddSizesHoldWhatIsWrittenToTheirLastByte) {
+    const SIZE_T sizes[] = {0, 1, 7, 13, 17, 100, 4095, 4096, 4097, 12289};
+    std::vector<PUCHAR> blocks;
+    for (SIZE_T size : sizes) {
+        auto block = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, size, kDriverTag));
+        ASSERT_NE(block, nullptr) << size;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % kPoolAlignment, 0u) << size;
+        for (SIZE_T i = 0; i < size; ++i)
+            block[i] = static_cast<UCHAR>(i * 7 + size);
+        blocks.push_back(block);
+    }
+    EXPECT_EQ(winsim::OutstandingPool()[kDriverTag].bytes,
+              0u + 1 + 7 + 13 + 17 + 100 + 4095 + 4096 + 4097 + 12289);
+    for (size_t b = 0; b < blocks.size(); ++b) {
+        for (SIZE_T i = 0; i < sizes[b]; ++i)
+            ASSERT_EQ(blocks[b][i], static_cast<UCHAR>(i * 7 + sizes[b])) << sizes[b] << " @" << i;
+        ExFreePoolWithTag(blocks[b], kDriverTag);
+    }
+    EXPECT_TRUE(winsim::CheckPoolEmpty("driver unload"));
+}
+
+TEST_P(Pool, BadFreesAreRefusedAndTheBlockStays) {
+    PVOID block = ExAllocatePoolWithTag(NonPagedPool, 16, kDriverTag);
+    ExFreePoolWithTag(block, MAKEFOURCC('X', 'y', 'z', 'w'));
+    ExpectViolation("BAD_POOL_FREE", {"tag 'Xyzw'", "allocated with tag 'Wdm '"});
+    EXPECT_EQ(winsim::OutstandingPool()[kDriverTag].blocks, 1u) << "the block stays allocated";
+    std::memset(block, 0, 16);  // still the driver's
+    ExFreePool(block);
+    ExFreePool(block);
+    ExpectViolation("DOUBLE_FREE", {"ExFreePool", AddressText(block), "already freed"});
+
+    auto* inside = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, 64, kDriverTag));
+    ExFreePoolWithTag(inside + 16, kDriverTag);
+    ExpectViolation("BAD_POOL_FREE", {AddressText(inside + 16), "no allocated pool block"});
+    ExFreePool(nullptr);
+    ExpectViolation("BAD_POOL_FREE", {"ExFreePool of a NULL pointer"});
+    ExFreePoolWithTag(inside, kDriverTag);
+
+    static UCHAR buffer[64];
+    PMDL mdl = IoAllocateMdl(buffer, sizeof buffer, FALSE, FALSE, nullptr);
+    ASSERT_NE(mdl, nullptr);
+    IoFreeMdl(mdl);
+    IoFreeMdl(mdl);
+    ExpectViolation("DOUBLE_FREE", {"IoFreeMdl", "already freed"});
+    EXPECT_TRUE(winsim::CheckPoolEmpty("driver unload"));
+}
+
+TEST_P(Pool, FailuresHitTheNthAttemptOrEveryMatchUntilCleared) {
     PVOID first = ExAllocatePoolWithTag(NonPagedPool, 8, kDriverTag);
     winsim::FailNthAllocation(2);
     PVOID second = ExAllocatePoolWithTag(NonPagedPool, 8, kDriverTag);
