@@ -6,6 +6,7 @@
 #include <iterator>
 #include <mutex>
 
+#include "kernel/kernel.h"
 #include "loader/coff_symbols.h"
 #include "loader/kernel_exports.h"
 #include "loader/privileged_instructions.h"
@@ -127,6 +128,9 @@ DriverImage* ChosenDriverImage() {
     }
     if (!chosenImage) {
         chosenImage = DriverImage::Load(chosenPath);
+        // The sanitizers do not see the binary's own accesses: its pool
+        // blocks get guard pages instead, so an overrun faults where it is made.
+        SetPoolGuardPages(true);
     }
     return chosenImage.get();
 }
