@@ -57,8 +57,8 @@ if ((${#failed[@]} > 0)); then
     for name in "${failed[@]}"; do
         if [[ $name == "test x64 binary" ]]; then
             echo "=== failed in the x64 binary's tests (whole log: $image_tests_log)"
-            grep -E '^(--- |\[  FAILED|run-image-tests:|DIFFERENT:|lp64 probe:)' "$image_tests_log" |
-                tail -n 40
+            grep -E '^(--- |\[  FAILED|run-image-tests:|DIFFERENT:|lp64 probe:)|exit status|^    \w+[./]' \
+                "$image_tests_log" | tail -n 40
         elif [[ $name == test\ * ]]; then
             scripts/print-test-failures.sh "build/${name#test }"
         fi
