@@ -4,7 +4,10 @@
 # the keyword `long` (also in `long long`, `unsigned long`, `long double`) and
 # integer literals with an L suffix (1L, 0x1000UL, 5lu, 2.0L). Use ULONG,
 # LONG, LONGLONG, ULONGLONG or casts; LL and ULL literals are 64-bit on both
-# and allowed. Comments and string and character literals are ignored.
+# and allowed. Comments and string and character literals are ignored, and
+# so are the lines of `#ifdef ORNIX_LP64_PROBE` blocks: the probe that proves
+# the comparison of the two builds catches exactly this kind of fault
+# (docs/driver-binary.md), compiled only into a test build of ornix.sys.
 #
 # Usage: scripts/check-driver-types.sh [FILE_OR_DIRECTORY...]  (default: newdrv)
 # Prints file:line: text for every finding; exits 1 when there is one.
@@ -66,12 +69,43 @@ NUMBER = re.compile(
 ALLOWED_SUFFIXES = {"u", "ll", "ull", "llu", "f", "z", "uz", "zu"}
 
 
+CONDITIONAL_START = re.compile(r"^\s*#\s*if")
+CONDITIONAL_ELSE = re.compile(r"^\s*#\s*(else|elif)\b")
+CONDITIONAL_END = re.compile(r"^\s*#\s*endif\b")
+PROBE_START = re.compile(r"^\s*#\s*ifdef\s+ORNIX_LP64_PROBE\b")
+
+
+def probe_lines(code):
+    """Line numbers inside the first branch of an #ifdef ORNIX_LP64_PROBE."""
+    inside = set()
+    depth = 0  # conditionals open
+    probe = None  # depth of the probe's #ifdef while in its first branch
+    for number, line in enumerate(code, 1):
+        if PROBE_START.match(line) and probe is None:
+            depth += 1
+            probe = depth
+        elif CONDITIONAL_START.match(line):
+            depth += 1
+        elif CONDITIONAL_ELSE.match(line) and depth == probe:
+            probe = None
+        elif CONDITIONAL_END.match(line):
+            if depth == probe:
+                probe = None
+            depth -= 1
+        elif probe is not None:
+            inside.add(number)
+    return inside
+
+
 def findings(path):
     with open(path, encoding="utf-8", errors="replace") as f:
         original = f.read().split("\n")
         f.seek(0)
         code = strip(f.read()).split("\n")
+    skipped = probe_lines(code)
     for number, line in enumerate(code, 1):
+        if number in skipped:
+            continue
         why = []
         if KEYWORD.search(line):
             why.append("`long`")

@@ -13,8 +13,10 @@ step() {
     shift
     echo "=== $name"
     local start=$SECONDS
+    step_failed=false
     if ! "$@"; then
         failed+=("$name")
+        step_failed=true
     fi
     timings+=("$(printf '%5d s  %s' $((SECONDS - start)) "$name")")
 }
@@ -35,9 +37,17 @@ if [[ -f fuzz/CMakeLists.txt ]]; then
     step "run fuzz" scripts/run-fuzz.sh build/fuzz 30
 fi
 
+image_tests_log=build/win-x64/image-tests.log
 for preset in win-x64 win-x86; do
     step "build $preset" bash -c "cmake --preset $preset >/dev/null && cmake --build --preset $preset"
+    build_failed=$step_failed
     step "test $preset" ctest --preset "$preset"
+    # The x64 binary, loaded in-process, against the host build's tests and
+    # answers (docs/driver-binary.md).
+    if [[ $preset == win-x64 && $build_failed == false && -d build/default ]]; then
+        step "test x64 binary" bash -c \
+            "scripts/run-image-tests.sh 2>&1 | tee $image_tests_log; exit \${PIPESTATUS[0]}"
+    fi
 done
 
 echo "=== time per step"
@@ -47,7 +57,11 @@ if ((${#failed[@]} > 0)); then
     # The end of the log is what a reader sees first: repeat which tests
     # failed and the last lines each of them printed.
     for name in "${failed[@]}"; do
-        if [[ $name == test\ * ]]; then
+        if [[ $name == "test x64 binary" ]]; then
+            echo "=== failed in the x64 binary's tests (whole log: $image_tests_log)"
+            grep -E '^(--- |\[  FAILED|run-image-tests:|DIFFERENT:|lp64 probe:)|exit status|^    \w+[./]' \
+                "$image_tests_log" | tail -n 40
+        elif [[ $name == test\ * ]]; then
             scripts/print-test-failures.sh "build/${name#test }"
         fi
     done

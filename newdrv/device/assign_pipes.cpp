@@ -28,7 +28,16 @@ static VOID OrnixAssignBulkPipe(PORNIX_DEVICE_CONTEXT Ext, PUSBD_PIPE_INFORMATIO
     ULONG cap;
     if (Pipe->MaximumPacketSize == ORNIX_HIGH_SPEED_PACKET) {
         Ext->HighSpeed = TRUE;
+#ifdef ORNIX_LP64_PROBE
+        // A deliberate fault, compiled only into the test build of ornix.sys
+        // (windows/CMakeLists.txt, ORNIX_LP64_PROBE): sizeof(long) is 8 on the
+        // Linux host and 4 on Windows, so this cap is right on Linux and half
+        // of it in the binary. scripts/check-lp64-probe.sh expects comparing
+        // the two builds to find it in `ornixctl info`.
+        cap = ORNIX_HIGH_SPEED_TRANSFER_CAP * sizeof(long) / 8;
+#else
         cap = ORNIX_HIGH_SPEED_TRANSFER_CAP;
+#endif
     } else {
         Ext->HighSpeed = FALSE;
         cap = ORNIX_FULL_SPEED_TRANSFER_CAP;
