@@ -33,8 +33,8 @@ done
 
 if [[ -f fuzz/CMakeLists.txt ]]; then
     step "build fuzz" bash -c "cmake --preset fuzz >/dev/null && cmake --build --preset fuzz"
-    # Twenty seconds for each target (the x64 binary's step needs the time).
-    step "run fuzz" scripts/run-fuzz.sh build/fuzz 20
+    # Fifteen seconds for each target (the x64 binary's step needs the time).
+    step "run fuzz" scripts/run-fuzz.sh build/fuzz 15
 fi
 
 image_tests_log=build/win-x64/image-tests.log
