@@ -30,11 +30,12 @@ static VOID OrnixAssignBulkPipe(PORNIX_DEVICE_CONTEXT Ext, PUSBD_PIPE_INFORMATIO
         Ext->HighSpeed = TRUE;
 #ifdef ORNIX_LP64_PROBE
         // A deliberate fault, compiled only into the test build of ornix.sys
-        // (windows/CMakeLists.txt, ORNIX_LP64_PROBE): sizeof(long) is 8 on the
-        // Linux host and 4 on Windows, so this cap is right on Linux and half
-        // of it in the binary. scripts/check-lp64-probe.sh expects comparing
-        // the two builds to find it in `ornixctl info`.
-        cap = ORNIX_HIGH_SPEED_TRANSFER_CAP * sizeof(long) / 8;
+        // (windows/CMakeLists.txt, ORNIX_LP64_PROBE): __SIZEOF_LONG__ is 8 on
+        // the Linux host and 4 on Windows, so this cap is right on Linux and
+        // half of it in the binary.
+        // scripts/check-lp64-probe.sh expects comparing the two builds to
+        // find it in `ornixctl info`.
+        cap = ORNIX_HIGH_SPEED_TRANSFER_CAP * __SIZEOF_LONG__ / 8;
 #else
         cap = ORNIX_HIGH_SPEED_TRANSFER_CAP;
 #endif

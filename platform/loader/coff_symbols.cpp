@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "loader/pe_image.h"
+#include "loader/pe_fields.h"
 
 namespace winsim::loader {
 
@@ -15,16 +16,6 @@ namespace {
 constexpr size_t kSymbolSize = 18;
 constexpr size_t kSectionHeaderSize = 40;
 constexpr uint8_t kClassExternal = 2;
-
-template <typename T>
-T Field(std::span<const uint8_t> bytes, size_t offset, const char* what) {
-    if (offset > bytes.size() || bytes.size() - offset < sizeof(T)) {
-        throw LoadError(std::string("truncated image: ") + what + " lies past the end");
-    }
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
 
 std::string FixedName(std::span<const uint8_t> file, size_t offset) {
     const char* text = reinterpret_cast<const char*>(file.data() + offset);

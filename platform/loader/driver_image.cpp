@@ -62,8 +62,10 @@ std::unique_ptr<DriverImage> chosenImage;
 
 // Called with every image loaded, for debuggers: scripts/gdb-driver-image.py
 // breaks here to load the twin's symbols where the image landed.
-extern "C" __attribute__((noinline, used)) void ornix_driver_image_loaded(
-    const char* path, const char* twinPath, const void* base, uint64_t preferredBase) {
+extern "C" __attribute__((noinline, used)) void ornix_driver_image_loaded(const char* path,
+                                                                          const char* twinPath,
+                                                                          const void* base,
+                                                                          uint64_t preferredBase) {
     asm volatile("" ::"r"(path), "r"(twinPath), "r"(base), "r"(preferredBase) : "memory");
 }
 

@@ -1,4 +1,5 @@
 #include "loader/pe_image.h"
+#include "loader/pe_fields.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,17 +20,6 @@ constexpr uint32_t kScnExecute = 0x20000000;
 constexpr uint32_t kScnRead = 0x40000000;
 constexpr uint32_t kScnWrite = 0x80000000;
 constexpr uint64_t kImportByOrdinal = uint64_t{1} << 63;
-
-// Little-endian fields of the file, bounds-checked.
-template <typename T>
-T Field(std::span<const uint8_t> bytes, size_t offset, const char* what) {
-    if (offset > bytes.size() || bytes.size() - offset < sizeof(T)) {
-        throw LoadError(std::string("truncated image: ") + what + " lies past the end");
-    }
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
 
 size_t PageSize() {
     return static_cast<size_t>(sysconf(_SC_PAGESIZE));
