@@ -76,7 +76,10 @@ TEST_F(CancelTest, AQueuedReadComesBackAndTheOthersKeepTheirOrder) {
                 ASSERT_TRUE(frame);
                 numbers[i] = ExpectCameraFrame(kCapture, *frame);
             }
-            EXPECT_LT(numbers[0], numbers[1]);
+            // Frame numbers of 8- and 16-bit rasters wrap at a multiple of
+            // 512: the later read holds a frame a little after the earlier's.
+            const uint64_t ahead = (numbers[1] - numbers[0]) % 512;
+            EXPECT_TRUE(ahead > 0 && ahead < 256) << numbers[0] << " then " << numbers[1];
             pin.reset();
             winsim::ClearDebugLog();
         }

@@ -12,7 +12,7 @@
 // unload and the verifier found nothing (the fixture's TearDown).
 //
 // ORNIX_STRESS_SEED reproduces a run's decisions (not the threads'
-// interleaving), ORNIX_STRESS_SECONDS makes it longer (docs/testing.md).
+// interleaving), ORNIX_STRESS_SECONDS makes it longer (docs/stress.md).
 #include <chrono>
 #include <condition_variable>
 #include <cinttypes>
