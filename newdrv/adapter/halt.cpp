@@ -21,7 +21,9 @@ VOID OrnixHaltOpenStreams(PORNIX_DEVICE_CONTEXT Ext) {
         }
         if (stream->State == KSSTATE_RUN) {
             StreamDisarmDelayedStart(stream);
-            StreamStop(Ext, stream);
+            if (!NT_SUCCESS(StreamStop(Ext, stream))) {
+                StreamWaitForTransfers(Ext, stream);
+            }
             StreamSetKsState(stream, KSSTATE_PAUSE);
             DbgPrint(ORNIX_PREFIX "S# %d is paused.\n", i);
         }

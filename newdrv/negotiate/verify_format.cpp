@@ -89,7 +89,7 @@ BOOLEAN AdapterVerifyFormat(PORNIX_DEVICE_CONTEXT Ext, PKSDATAFORMAT Format, ULO
     }
     // The fields below lie in the video information header: a shorter
     // format cannot be one of ours, and must not be read past its end.
-    if (Format->FormatSize < sizeof(KS_DATAFORMAT_VIDEOINFOHEADER)) {
+    if (Format == NULL || Format->FormatSize < sizeof(KS_DATAFORMAT_VIDEOINFOHEADER)) {
         return FALSE;
     }
     const KS_DATAFORMAT_VIDEOINFOHEADER* format = (const KS_DATAFORMAT_VIDEOINFOHEADER*)Format;

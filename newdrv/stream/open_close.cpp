@@ -102,7 +102,9 @@ NTSTATUS StreamClose(PORNIX_DEVICE_CONTEXT Ext, PHW_STREAM_REQUEST_BLOCK Srb) {
 
     if (stream->State == KSSTATE_RUN) {
         StreamDisarmDelayedStart(stream);
-        StreamStop(Ext, stream);
+        if (!NT_SUCCESS(StreamStop(Ext, stream))) {
+            StreamWaitForTransfers(Ext, stream);
+        }
         StreamSetKsState(stream, KSSTATE_PAUSE);
     }
     // A stream closed from KSSTATE_ACQUIRE holds its resources too: release

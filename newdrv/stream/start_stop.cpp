@@ -150,3 +150,20 @@ NTSTATUS StreamStop(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
     DbgPrint(ORNIX_PREFIX "STOP: ActualFramesDropped:%d\n", statistics.ActualFramesDropped);
     return empty ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
+
+// IRQL: PASSIVE_LEVEL. Teardown frees the transfers' IRPs and buffers, so it
+// cannot go on while the bus still holds one: where a stop gave up ("prepare
+// for crash"), freeing would hand the bus freed memory. Abort again and wait,
+// as often as it takes; an aborted or removed pipe gives every transfer back.
+VOID StreamWaitForTransfers(PORNIX_DEVICE_CONTEXT Ext, PORNIX_STREAM_CONTEXT Stream) {
+    while (!StreamNothingPending(Stream)) {
+        DbgPrint(ORNIX_PREFIX "Transfers still pending, aborting again before freeing them\n");
+        if (AbortBulkStream(Ext, Stream) ||
+            InterlockedCompareExchange(&Stream->AbortInProgress, 0, 0) != 0) {
+            KeWaitForSingleObject(&Stream->AbortEvent, Executive, KernelMode, FALSE, NULL);
+        }
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = ORNIX_DRAIN_WAIT;
+        KeWaitForSingleObject(&Stream->DrainEvent, Executive, KernelMode, FALSE, &timeout);
+    }
+}

@@ -194,7 +194,8 @@ class StreamClass {
     // stream extension of PerStreamExtensionSize bytes, a HW_STREAM_OBJECT,
     // and SRB_OPEN_STREAM with `format` (a KSDATAFORMAT and its format block)
     // as CommandData.OpenFormat. Refused without asking the minidriver
-    // (STATUS_INVALID_PARAMETER) for a number not below NumberOfStreams, and
+    // (STATUS_INVALID_PARAMETER) for a number not below NumberOfStreams or a
+    // format shorter than KSDATAFORMAT or not FormatSize bytes long, and
     // (STATUS_INVALID_DEVICE_REQUEST) when NumberOfPossibleInstances of it are
     // open. Null unless the open succeeded; `status` says why.
     PHW_STREAM_OBJECT OpenStream(ULONG number, std::span<const uint8_t> format,

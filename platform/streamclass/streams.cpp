@@ -38,6 +38,17 @@ PHW_STREAM_OBJECT StreamClass::OpenStream(ULONG number, std::span<const uint8_t>
         result = STATUS_INVALID_PARAMETER;
         return nullptr;
     }
+    // KS validates the pin's connect request first: a data format shorter
+    // than KSDATAFORMAT, or whose FormatSize is not the bytes passed, never
+    // reaches the minidriver.
+    KSDATAFORMAT head{};
+    if (format.size() >= sizeof head) {
+        std::memcpy(&head, format.data(), sizeof head);
+    }
+    if (format.size() < sizeof head || head.FormatSize != format.size()) {
+        result = STATUS_INVALID_PARAMETER;
+        return nullptr;
+    }
     const PinView& pin = impl_->filter.pins[number];
     if (OpenStreamCount(number) >= pin.possibleInstances) {
         result = STATUS_INVALID_DEVICE_REQUEST;

@@ -86,6 +86,41 @@ TEST_F(CancelTest, AQueuedReadComesBackAndTheOthersKeepTheirOrder) {
     }
 }
 
+// Transfers the bus keeps past every wait of a stop (the pipe abort fails):
+// adapter teardown stops the running stream, the stop gives up ("prepare for
+// crash"), and teardown aborts again until the bus has given every transfer
+// back before it frees them (under ASan a freed IRP on the bus is caught).
+TEST_F(CancelTest, TeardownAbortsAgainUntilTheBusReturnsEveryTransfer) {
+    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture, 0);
+    ASSERT_TRUE(pin);
+    ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+    ASSERT_EQ(pin->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    const ULONG transfers = StreamGetTransferCount(Stream(kCapture));
+    Stack().AddFault({.kind = usbsim::RequestKind::BulkOrInterrupt,
+                      .action = usbsim::FaultAction::NeverComplete,
+                      .count = transfers,
+                      .endpoint = Endpoint(kCapture)});
+    std::vector<std::shared_ptr<PinRead>> reads;
+    for (ULONG i = 0; i < transfers; ++i) {
+        reads.push_back(pin->SubmitRead());
+    }
+    ASSERT_EQ(pin->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    Stack().AddFault({.kind = usbsim::RequestKind::AbortPipe,
+                      .action = usbsim::FaultAction::FailWithStatus,
+                      .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
+    const uint64_t aborts = Stack().Counts(usbsim::RequestKind::AbortPipe).submitted;
+
+    EXPECT_EQ(Class().Stop(), STATUS_SUCCESS);
+    EXPECT_TRUE(Logged("ORNIX: Oh SHIT!! Transfers are still pending, prepare for crash!!"));
+    EXPECT_TRUE(Logged("ORNIX: Transfers still pending, aborting again before freeing them"));
+    EXPECT_EQ(Stack().Counts(usbsim::RequestKind::AbortPipe).submitted - aborts, 2u);
+    for (ULONG i = 0; i < transfers; ++i) {
+        std::optional<PinFrame> frame = reads[i]->Wait(kPatience);
+        ASSERT_TRUE(frame) << "read " << i;
+        EXPECT_EQ(frame->status, STATUS_CANCELLED);
+    }
+}
+
 // A read the bulk engine holds: the cancel aborts the stream's transfers,
 // every read they held comes back cancelled through the engine, and the
 // restarted stream fills the next read with a whole frame.

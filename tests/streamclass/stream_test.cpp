@@ -4,6 +4,8 @@
 // behind the application's buffer.
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "fake_streaming_minidriver.h"
 #include "streamclass/master_clock.h"
 
@@ -46,18 +48,29 @@ TEST_F(StreamingTest, RefusesUnpublishedStreamsExtraInstancesAndWhatTheDriverRef
         NTSTATUS driverAnswer;
         NTSTATUS expected;
         bool reachesDriver;
+        std::optional<std::vector<uint8_t>> ownFormat;  // else the test's format
     };
     const Case cases[] = {
-        {"number not below NumberOfStreams", 2, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, false},
-        {"second instance", 0, STATUS_SUCCESS, STATUS_INVALID_DEVICE_REQUEST, false},
-        {"driver refuses", 1, STATUS_DEVICE_NOT_READY, STATUS_DEVICE_NOT_READY, true},
+        {"number not below NumberOfStreams",
+         2,
+         STATUS_SUCCESS,
+         STATUS_INVALID_PARAMETER,
+         false,
+         {}},
+        {"second instance", 0, STATUS_SUCCESS, STATUS_INVALID_DEVICE_REQUEST, false, {}},
+        {"driver refuses", 1, STATUS_DEVICE_NOT_READY, STATUS_DEVICE_NOT_READY, true, {}},
+        {"no format", 1, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, false, std::vector<uint8_t>{}},
+        {"format shorter than KSDATAFORMAT", 1, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, false,
+         std::vector<uint8_t>(format.begin(), format.begin() + sizeof(KSDATAFORMAT) - 1)},
+        {"FormatSize past the bytes passed", 1, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, false,
+         std::vector<uint8_t>(format.begin(), format.end() - 1)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         state_.openStatus = c.driverAnswer;
         const uint64_t sent = sc_->SrbsSent();
         NTSTATUS status = STATUS_SUCCESS;
-        EXPECT_EQ(sc_->OpenStream(c.number, format, &status), nullptr);
+        EXPECT_EQ(sc_->OpenStream(c.number, c.ownFormat.value_or(format), &status), nullptr);
         EXPECT_EQ(status, c.expected);
         EXPECT_EQ(sc_->SrbsSent() - sent, c.reachesDriver ? 1u : 0u);
     }
