@@ -36,7 +36,7 @@ done
 
 if [[ -f fuzz/CMakeLists.txt ]]; then
     step "build fuzz" bash -c "cmake --preset fuzz $host_options >/dev/null && cmake --build --preset fuzz"
-    # Fifteen seconds for each target (the x64 binary's step needs the time).
+    # Fifteen seconds, the three targets side by side.
     step "run fuzz" scripts/run-fuzz.sh build/fuzz 15
 fi
 

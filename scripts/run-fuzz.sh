@@ -14,6 +14,9 @@ trap 'rm -rf "$work"' EXIT
 
 declare -A seeds=([bringup_fuzzer]=bringup [intersection_fuzzer]=intersection [property_fuzzer]=property)
 failed=()
+# The targets run side by side, each into a log of its own, printed in turn
+# once it is done: the run takes one target's time.
+declare -A running=()
 for target in "${!seeds[@]}"; do
     binary=$(find "$build" -type f -name "$target" -perm -u+x | head -n 1)
     if [[ -z $binary ]]; then
@@ -22,13 +25,21 @@ for target in "${!seeds[@]}"; do
         continue
     fi
     corpus="$work/${seeds[$target]}"
-    mkdir -p "$corpus"
+    mkdir -p "$corpus" "$work/$target-artifacts"
     cp fuzz/corpus/"${seeds[$target]}"/* "$corpus"/
+    "$binary" "$corpus" -max_total_time="$seconds" -runs=200000 -timeout=10 -rss_limit_mb=2048 \
+        -max_len=1024 -print_final_stats=1 -artifact_prefix="$work/$target-artifacts/" \
+        >"$work/$target.log" 2>&1 &
+    running[$target]=$!
+done
+for target in "${!running[@]}"; do
+    status=0
+    wait "${running[$target]}" || status=$?
     echo "=== $target (${seconds}s)"
-    if ! "$binary" "$corpus" -max_total_time="$seconds" -runs=200000 -timeout=10 \
-        -rss_limit_mb=2048 -max_len=1024 -print_final_stats=1 -artifact_prefix="$work/"; then
+    cat "$work/$target.log"
+    if ((status != 0)); then
         failed+=("$target")
-        for artifact in "$work"/crash-* "$work"/timeout-* "$work"/leak-* "$work"/oom-*; do
+        for artifact in "$work/$target-artifacts"/*; do
             [[ -e $artifact ]] && cp "$artifact" "$build/" && echo "kept $build/$(basename "$artifact")"
         done
     fi
