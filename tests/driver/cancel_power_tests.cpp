@@ -26,6 +26,42 @@ class CancelTest : public StreamingTest {
     void CallCancelRoutine(PHW_STREAM_REQUEST_BLOCK srb) {
         winsim::RunAtIrql(DISPATCH_LEVEL, [&] { Class().Registration().HwCancelPacket(srb); });
     }
+    // A running capture pin whose transfers stay on the bus until something
+    // aborts them: `reads` gets one read for each transfer, then `extra`
+    // more that wait in the ring. Null if the pin did not get there.
+    std::unique_ptr<winsim::Pin> RunWithTransfersHeld(std::vector<std::shared_ptr<PinRead>>& reads,
+                                                      ULONG extra) {
+        std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture, 0);
+        if (!pin || pin->SetState(KSSTATE_ACQUIRE) != STATUS_SUCCESS ||
+            pin->SetState(KSSTATE_PAUSE) != STATUS_SUCCESS) {
+            ADD_FAILURE() << "the capture pin did not pause";
+            return nullptr;
+        }
+        transfers_ = StreamGetTransferCount(Stream(kCapture));
+        Stack().AddFault({.kind = usbsim::RequestKind::BulkOrInterrupt,
+                          .action = usbsim::FaultAction::NeverComplete,
+                          .count = transfers_,
+                          .endpoint = Endpoint(kCapture)});
+        for (ULONG i = 0; i < transfers_ + extra; ++i) {
+            reads.push_back(pin->SubmitRead());
+        }
+        if (pin->SetState(KSSTATE_RUN) != STATUS_SUCCESS) {
+            ADD_FAILURE() << "the capture pin did not run";
+            return nullptr;
+        }
+        return pin;
+    }
+    // The reads the held transfers had come back cancelled and empty.
+    void ExpectHeldReadsCancelled(const std::vector<std::shared_ptr<PinRead>>& reads) {
+        for (ULONG i = 0; i < transfers_; ++i) {
+            std::optional<PinFrame> frame = reads[i]->Wait(kPatience);
+            ASSERT_TRUE(frame) << "read " << i;
+            EXPECT_EQ(frame->status, STATUS_CANCELLED);
+            EXPECT_EQ(frame->dataUsed, 0u);
+        }
+    }
+    ULONG transfers_ = 0;
+
     // The reads in the stream's ring, oldest first.
     std::vector<PHW_STREAM_REQUEST_BLOCK> Ring(ULONG pin) const {
         std::vector<PHW_STREAM_REQUEST_BLOCK> ring;
@@ -91,20 +127,9 @@ TEST_F(CancelTest, AQueuedReadComesBackAndTheOthersKeepTheirOrder) {
 // crash"), and teardown aborts again until the bus has given every transfer
 // back before it frees them (under ASan a freed IRP on the bus is caught).
 TEST_F(CancelTest, TeardownAbortsAgainUntilTheBusReturnsEveryTransfer) {
-    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture, 0);
-    ASSERT_TRUE(pin);
-    ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
-    ASSERT_EQ(pin->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    const ULONG transfers = StreamGetTransferCount(Stream(kCapture));
-    Stack().AddFault({.kind = usbsim::RequestKind::BulkOrInterrupt,
-                      .action = usbsim::FaultAction::NeverComplete,
-                      .count = transfers,
-                      .endpoint = Endpoint(kCapture)});
     std::vector<std::shared_ptr<PinRead>> reads;
-    for (ULONG i = 0; i < transfers; ++i) {
-        reads.push_back(pin->SubmitRead());
-    }
-    ASSERT_EQ(pin->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    std::unique_ptr<winsim::Pin> pin = RunWithTransfersHeld(reads, 0);
+    ASSERT_TRUE(pin);
     Stack().AddFault({.kind = usbsim::RequestKind::AbortPipe,
                       .action = usbsim::FaultAction::FailWithStatus,
                       .usbdStatus = USBD_STATUS_DEV_NOT_RESPONDING});
@@ -114,43 +139,22 @@ TEST_F(CancelTest, TeardownAbortsAgainUntilTheBusReturnsEveryTransfer) {
     EXPECT_TRUE(Logged("ORNIX: Oh SHIT!! Transfers are still pending, prepare for crash!!"));
     EXPECT_TRUE(Logged("ORNIX: Transfers still pending, aborting again before freeing them"));
     EXPECT_EQ(Stack().Counts(usbsim::RequestKind::AbortPipe).submitted - aborts, 2u);
-    for (ULONG i = 0; i < transfers; ++i) {
-        std::optional<PinFrame> frame = reads[i]->Wait(kPatience);
-        ASSERT_TRUE(frame) << "read " << i;
-        EXPECT_EQ(frame->status, STATUS_CANCELLED);
-    }
+    ExpectHeldReadsCancelled(reads);
 }
 
 // A read the bulk engine holds: the cancel aborts the stream's transfers,
 // every read they held comes back cancelled through the engine, and the
 // restarted stream fills the next read with a whole frame.
 TEST_F(CancelTest, AReadInTheEngineIsReturnedByAnAbortAndTheStreamGoesOn) {
-    std::unique_ptr<winsim::Pin> pin = OpenPin(kCapture, 0);
-    ASSERT_TRUE(pin);
-    ASSERT_EQ(pin->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
-    ASSERT_EQ(pin->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    const ULONG transfers = StreamGetTransferCount(Stream(kCapture));
-    // The transfers stay on the bus until something aborts them.
-    Stack().AddFault({.kind = usbsim::RequestKind::BulkOrInterrupt,
-                      .action = usbsim::FaultAction::NeverComplete,
-                      .count = transfers,
-                      .endpoint = Endpoint(kCapture)});
     std::vector<std::shared_ptr<PinRead>> reads;
-    for (ULONG i = 0; i < transfers + 1; ++i) {
-        reads.push_back(pin->SubmitRead());
-    }
-    ASSERT_EQ(pin->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    std::unique_ptr<winsim::Pin> pin = RunWithTransfersHeld(reads, 1);
+    ASSERT_TRUE(pin);
     EXPECT_EQ(Ring(kCapture), std::vector<PHW_STREAM_REQUEST_BLOCK>{reads.back()->Srb()});
 
     Cancel(reads[0]->Srb());
     EXPECT_TRUE(Logged("ORNIX: srb is still not found, aborting stream"));
     EXPECT_TRUE(Logged("ORNIX:  Failed to find SRB"));
-    for (ULONG i = 0; i < transfers; ++i) {
-        std::optional<PinFrame> frame = reads[i]->Wait(kPatience);
-        ASSERT_TRUE(frame) << "read " << i;
-        EXPECT_EQ(frame->status, STATUS_CANCELLED);
-        EXPECT_EQ(frame->dataUsed, 0u);
-    }
+    ExpectHeldReadsCancelled(reads);
     std::optional<PinFrame> next = reads.back()->Wait(kPatience);
     ASSERT_TRUE(next);
     ExpectCameraFrame(kCapture, *next);
